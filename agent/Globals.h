@@ -1,0 +1,34 @@
+#ifndef QUELM_AGENT_GLOBALS_H_
+#define QUELM_AGENT_GLOBALS_H_
+
+// The agent's process-wide objects. The single instances are created by
+// start-up in a fixed order and stay null until then.
+class Bootstrap;
+class Bogomips;
+class Cache;
+class Responder;
+class BaseFilter;
+class ChildManager;
+class Listener;
+class PidFile;
+class Logging;
+class OmUnixProcess;
+class OmEventLoop;
+
+extern OmUnixProcess pr;
+extern OmEventLoop eventloop;
+
+extern Bootstrap* myBootstrap;
+extern Bogomips* myBogomips;
+extern Cache* myCache;
+extern Responder* myResponder;
+extern BaseFilter* myFilter;
+extern ChildManager* myChildManager;
+extern Listener* myListener;
+extern PidFile* myPidFile;
+extern Logging* bootLogger;
+
+// Tears the agent down in its fixed order, logs the stop and exits with status.
+[[noreturn]] void processExit(int status);
+
+#endif  // QUELM_AGENT_GLOBALS_H_

@@ -1,0 +1,54 @@
+#ifndef QUELM_AGENT_MESSAGES_H_
+#define QUELM_AGENT_MESSAGES_H_
+
+#include "foundation/string/OmOSStream.h"
+#include "foundation/string/OmUniString.h"
+
+// The probe's message catalogue: one function per message. Each builds its
+// text only when the log library wants the message, then hands it over by
+// number; the number selects the category in MyLogger's table.
+void LogPropsNotFound(const OmUniString& a1);
+void LogPathNonExistant(const OmUniString& a1, const OmUniString& a2, const OmUniString& a3);
+void LogPathNotDirectory(const OmUniString& a1, const OmUniString& a2, const OmUniString& a3);
+void LogScalarAttrNonExistant(const OmUniString& a1, OmScalar<int> a2);
+void LogStringAttrNonExistant(const OmUniString& a1, const OmUniString& a2);
+void LogScalarAttrBadValue(const OmUniString& a1, OmScalar<int> a2, OmScalar<int> a3);
+void LogStarted();
+void LogStopped(OmScalar<int> a1);
+void LogExitSignal(const OmUniString& a1);
+void LogBufferFail(OmScalar<int> a1);
+void LogForkFail(OmScalar<int> a1);
+void LogToolFail(OmScalar<int> a1);
+void LogWrongChild(OmScalar<int> a1, OmScalar<int> a2);
+void LogPipeFail(OmScalar<int> a1, OmScalar<int> a2);
+void LogReadPipeLimitFail(OmScalar<int> a1);
+void LogFilterNotRecognised(const OmUniString& a1);
+void LogDataNotRecognised(const OmUniString& a1, const OmUniString& a2);
+void LogVMemOutOfRange(OmScalar<int> a1, OmScalar<int> a2);
+void LogPhysMemOutOfRange(OmScalar<int> a1, OmScalar<int> a2);
+void LogReOpenLogFail(const OmUniString& a1);
+void LogAttributeLookupFail(const OmUniString& a1);
+void LogAddressLookupFail(const OmUniString& a1, OmScalar<unsigned int> a2);
+void LogHostTimedOut(const OmUniString& a1, OmScalar<unsigned int> a2);
+void LogHostListLen(const OmUniString& a1, OmScalar<unsigned int> a2);
+void LogCacheEmpty(const OmUniString& a1);
+void LogAcceptFail(const OmUniString& a1);
+void LogRemoteAddressFail();
+void LogNewConnection(const OmUniString& a1);
+void LogBindFailed(OmScalar<unsigned int> a1, const OmUniString& a2);
+void LogListenFailed(OmScalar<unsigned int> a1, const OmUniString& a2);
+void LogBadCommand(OmScalar<unsigned int> a1, const OmUniString& a2);
+void LogResponderBindFailed(const OmUniString& a1);
+void LogLoadPacketSent(const OmUniString& a1, const OmUniString& a2);
+void LogLoadSent(OmScalar<unsigned int> a1, const OmUniString& a2);
+void LogLoadPacketFail(const OmUniString& a1, const OmUniString& a2, const OmUniString& a3, OmScalar<unsigned int> a4);
+void LogCommandMissing();
+void LogSyntaxError(const OmUniString& a1, OmScalar<int> a2, const OmUniString& a3);
+void LogCommandText(const OmUniString& a1);
+void LogResponseText(const OmUniString& a1);
+void LogAttribSetFail(const OmUniString& a1, const OmUniString& a2);
+void LogAttribSetSuccess(const OmUniString& a1, const OmUniString& a2);
+void LogAttribGetFail(const OmUniString& a1);
+void LogResultsCached(OmScalar<int> a1, OmScalar<int> a2, OmScalar<int> a3, OmScalar<int> a4, OmScalar<int> a5);
+
+#endif  // QUELM_AGENT_MESSAGES_H_

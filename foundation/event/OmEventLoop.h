@@ -1,0 +1,82 @@
+#ifndef QUELM_FOUNDATION_EVENT_OMEVENTLOOP_H_
+#define QUELM_FOUNDATION_EVENT_OMEVENTLOOP_H_
+
+#include <poll.h>
+
+#include <memory>
+
+#include "foundation/event/OmCallback.h"
+#include "foundation/string/OmContainers.h"
+#include "foundation/string/OmTimeVal.h"
+
+class OmUnixProcess;
+
+// One pending one-shot timeout at an absolute time.
+struct OmEventTimeout {
+  OmEventCallback* callback;
+  OmTimeVal time;
+  int SortFunction(const OmEventTimeout& other) const;
+};
+
+class OmEventLoopBase {
+ public:
+  virtual int EnterEventLoop() = 0;
+  virtual void ExitEventLoop(int) {}
+  virtual bool AddTimeoutEvent(const OmTimeVal& when, OmEventCallback* cb) = 0;
+  virtual bool AddFileEvent(unsigned fd, bool read, bool write, OmEventCallback* cb) = 0;
+  virtual bool RemoveFileEvent(unsigned fd, bool read, bool write, OmEventCallback* cb) = 0;
+  virtual bool RemoveTimeoutEvent(const OmTimeVal& when, OmEventCallback* cb) = 0;
+  virtual ~OmEventLoopBase() = default;
+  virtual bool ShouldContinue() const = 0;
+};
+
+// The poll loop: descriptor readiness, sorted one-shot timeouts, and the
+// process object's recorded signals and dead children, all on one thread.
+// The loop never owns a callback.
+class OmEventLoop : public OmEventLoopBase {
+ public:
+  explicit OmEventLoop(OmUnixProcess* process);
+  ~OmEventLoop() override;
+  OmEventLoop(const OmEventLoop&) = delete;
+  OmEventLoop& operator=(const OmEventLoop&) = delete;
+
+  int EnterEventLoop() override;
+  void ExitEventLoop(int value) override;
+  bool AddTimeoutEvent(const OmTimeVal& when, OmEventCallback* cb) override;
+  bool AddFileEvent(unsigned fd, bool read, bool write, OmEventCallback* cb) override;
+  bool RemoveFileEvent(unsigned fd, bool read, bool write, OmEventCallback* cb) override;
+  bool RemoveTimeoutEvent(const OmTimeVal& when, OmEventCallback* cb) override;
+  bool ShouldContinue() const override { return running_; }
+
+  void OpenDevPoll() {}
+  void CloseDevPoll() {}
+
+  // One turn of the loop (signals, then one timeout or the ready descriptors).
+  // EnterEventLoop repeats it; tests may drive the loop with it directly.
+  void RunOneTurn();
+
+  // Introspection for tests and diagnostics.
+  size_t TimeoutCount() const { return timeouts_.Length(); }
+  size_t PollCount() const { return pollCount_; }
+  const pollfd* PollList() const { return pollList_; }
+  bool HasTimeout(const OmEventCallback* cb) const;
+
+ private:
+  struct FileRecord {
+    OmEventCallback* callback;
+  };
+  int WaitMilliseconds() const;
+  void DispatchReady();
+
+  int exitValue_ = 0;
+  bool running_ = false;
+  OmUnixProcess* process_;
+  OmISortedList<OmEventTimeout> timeouts_;
+  OmISparseArray<FileRecord> readCallbacks_;
+  OmISparseArray<FileRecord> writeCallbacks_;
+  pollfd* pollList_ = nullptr;
+  size_t pollCapacity_ = 0;
+  size_t pollCount_ = 0;
+};
+
+#endif  // QUELM_FOUNDATION_EVENT_OMEVENTLOOP_H_

@@ -1,0 +1,57 @@
+#ifndef QUELM_FOUNDATION_LOG_OMLOG_H_
+#define QUELM_FOUNDATION_LOG_OMLOG_H_
+
+#include <vector>
+
+#include "foundation/string/OmUniString.h"
+
+// The logging facility. A program derives its logger from OmLog and supplies
+// its table of message categories; messages are identified by number, and a
+// filter of "pattern:destination" clauses chooses the destinations of each.
+class OmLog {
+ public:
+  OmLog() = default;
+  virtual ~OmLog();
+  OmLog(const OmLog&) = delete;
+  OmLog& operator=(const OmLog&) = delete;
+
+  // Categories indexed by message number ("program/area/severity"), followed
+  // by empty entries and then a null pointer.
+  virtual const char* const* MessageStrings() const;
+  // Number of categories before the first empty entry.
+  unsigned NumLogs() const;
+
+  // Makes logger the current logger and directory the log directory.
+  static void InitLogs(OmLog* logger, const OmUniString& directory);
+  static OmLog* the_logger;
+  static OmLog* Current() { return the_logger; }
+
+  // Parses the clauses and opens their destinations; false if any clause was
+  // malformed or any file failed to open.
+  bool SetupCSFilters(const std::vector<OmUniString>& clauses);
+  // Whether message n is wanted at all (always true unless plain filtering is on).
+  bool Gen(unsigned n) const;
+  // Whether message n has at least one structured-side destination.
+  bool CsGen(unsigned n) const;
+  // Counts the message and writes it to every destination of n.
+  void CserverLog(unsigned n, const OmUniString& text);
+  void Flush();
+  bool ReOpen();
+  void HaveForked();
+
+  // The destination that stands for standard error.
+  static const char* GetStdErrStr();
+  // Process id used in file names and lines (defaults to getpid()).
+  static void SetPid(int pid);
+  static int Pid();
+  static const OmUniString& LogDirectory();
+  static unsigned long MessageCount();
+
+  // Escapes text for a structured line: % , = and line feed.
+  static OmUniString EscapeStructured(const OmUniString& text);
+
+  static void SetProcInfo(const OmUniString& info);
+  static const OmUniString& ProcInfo();
+};
+
+#endif  // QUELM_FOUNDATION_LOG_OMLOG_H_
