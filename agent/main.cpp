@@ -1,0 +1,3 @@
+#include "agent/Startup.h"
+
+int main(int argc, char** argv) { return probeMain(argc, argv); }
