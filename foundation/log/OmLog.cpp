@@ -1,0 +1,291 @@
+#include "foundation/log/OmLog.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <ctime>
+#include <memory>
+#include <string>
+
+#include "foundation/string/OmTimeVal.h"
+
+namespace {
+
+const char kProduct[] = "Koramet Brelvane";
+// The console sink of the server; written in filters, it means standard error.
+const char kStdErrDestination[] = ".../_beans/quelm.log.ConsoleSink";
+const char kPidMarker[] = "%%PID%%";
+
+struct FileCloser {
+  void operator()(FILE* f) const { fclose(f); }
+};
+
+// One destination of the numbered side: a structured (.csl) file, a plain
+// log file, or standard error. The name keeps its %%PID%% until opened.
+struct CsLogFile {
+  enum Kind { kPlain, kStructured, kStdErr };
+
+  OmUniString pattern;
+  Kind kind = kPlain;
+  std::unique_ptr<FILE, FileCloser> stream;
+
+  FILE* Stream() const { return kind == kStdErr ? stderr : stream.get(); }
+};
+
+// Destinations of one message number.
+using CsLogAction = std::vector<CsLogFile*>;
+
+struct LogState {
+  OmUniString procinfo;
+  OmUniString logdir;
+  int mypid = 0;  // 0: the real process id
+  std::vector<std::unique_ptr<CsLogFile>> csfiles;
+  std::vector<CsLogAction> cslookup;
+  unsigned long counter = 0;
+  // The formatted seconds of the last time stamp, reused within that second.
+  uint32_t stampSecond = 0;
+  bool stampValid = false;
+  char stampText[32] = {};
+};
+
+// Built on first use so loggers constructed before main can log.
+LogState& State() {
+  static LogState state;
+  return state;
+}
+
+OmUniString ResolvedPath(const OmUniString& pattern) {
+  OmUniString name(pattern);
+  name.Substitute(kPidMarker, OmUniString::CreateFromUnsigned(static_cast<unsigned>(OmLog::Pid())));
+  const OmUniString& dir = State().logdir;
+  if (dir.IsEmpty()) return name;
+  if (dir[dir.Length() - 1] == '/') return dir + name;
+  return dir + "/" + name;
+}
+
+bool OpenFile(CsLogFile& file) {
+  if (file.kind == CsLogFile::kStdErr) return true;
+  file.stream.reset();
+  std::string path = ResolvedPath(file.pattern).AsUtf8();
+  FILE* f = fopen(path.c_str(), "a");
+  if (f == nullptr) {
+    fprintf(stderr, "%s Failed to open file \"%s\" for error/log output.\n", kProduct, path.c_str());
+    fflush(stderr);
+    return false;
+  }
+  // The measuring tool must not inherit log descriptors, and logs are private.
+  int fd = fileno(f);
+  fcntl(fd, F_SETFD, fcntl(fd, F_GETFD) | FD_CLOEXEC);
+  fchmod(fd, 0600);
+  file.stream.reset(f);
+  return true;
+}
+
+// Splits a category or pattern into exactly three parts at "/".
+bool ThreeParts(const OmUniString& text, std::vector<OmUniString>& parts) {
+  parts.clear();
+  Split(text, parts, '/');
+  return parts.size() == 3;
+}
+
+struct Stamp {
+  OmTimeVal when;
+  std::string text;  // local time with milliseconds
+};
+
+Stamp MakeStamp() {
+  LogState& st = State();
+  Stamp stamp;
+  stamp.when = OmTimeVal::now();
+  if (!st.stampValid || st.stampSecond != stamp.when.seconds) {
+    time_t t = static_cast<time_t>(stamp.when.seconds);
+    struct tm local;
+    localtime_r(&t, &local);
+    strftime(st.stampText, sizeof st.stampText, "%Y/%m/%d %H:%M:%S", &local);
+    st.stampSecond = stamp.when.seconds;
+    st.stampValid = true;
+  }
+  char millis[16];
+  snprintf(millis, sizeof millis, ".%03u", static_cast<unsigned>(stamp.when.microseconds / 1000 % 1000));
+  stamp.text = std::string(st.stampText) + millis;
+  return stamp;
+}
+
+}  // namespace
+
+OmLog* OmLog::the_logger = nullptr;
+
+OmLog::~OmLog() {
+  if (the_logger == this) the_logger = nullptr;
+}
+
+const char* const* OmLog::MessageStrings() const {
+  static const char* const kNone[] = {nullptr};
+  return kNone;
+}
+
+unsigned OmLog::NumLogs() const {
+  const char* const* table = MessageStrings();
+  unsigned n = 0;
+  while (table[n] != nullptr && table[n][0] != '\0') ++n;
+  return n;
+}
+
+void OmLog::InitLogs(OmLog* logger, const OmUniString& directory) {
+  the_logger = logger;
+  State().logdir = directory;
+}
+
+bool OmLog::SetupCSFilters(const std::vector<OmUniString>& clauses) {
+  LogState& st = State();
+  st.cslookup.assign(NumLogs(), CsLogAction());
+  st.csfiles.clear();
+
+  const char* const* categories = MessageStrings();
+  bool ok = true;
+  std::vector<OmUniString> pattern;
+  std::vector<OmUniString> category;
+  for (const OmUniString& clause : clauses) {
+    if (clause.IsEmpty()) continue;  // from a trailing comma
+    long colon = clause.Search(':');
+    if (colon < 0 || !ThreeParts(clause.SubString(0, static_cast<unsigned long>(colon)), pattern)) {
+      ok = false;
+      continue;
+    }
+    OmUniString destination = clause.SubString(static_cast<unsigned long>(colon) + 1);
+    if (destination.IsEmpty()) {
+      ok = false;
+      continue;
+    }
+
+    CsLogFile* file = nullptr;
+    for (const auto& f : st.csfiles) {
+      if (f->pattern == destination) file = f.get();
+    }
+    if (file == nullptr) {
+      auto created = std::make_unique<CsLogFile>();
+      created->pattern = destination;
+      if (destination == kStdErrDestination) {
+        created->kind = CsLogFile::kStdErr;
+      } else if (OmWildcardMatch("*.csl", destination)) {
+        created->kind = CsLogFile::kStructured;
+      }
+      if (!OpenFile(*created)) ok = false;
+      file = created.get();
+      st.csfiles.push_back(std::move(created));
+    }
+
+    for (unsigned n = 0; n < st.cslookup.size(); ++n) {
+      if (!ThreeParts(categories[n], category)) continue;
+      bool match = true;
+      for (int k = 0; k < 3 && match; ++k) match = OmWildcardMatch(pattern[k], category[k]);
+      if (!match) continue;
+      CsLogAction& action = st.cslookup[n];
+      bool present = false;
+      for (CsLogFile* f : action) present = present || f == file;
+      if (!present) action.push_back(file);
+    }
+  }
+  return ok;
+}
+
+bool OmLog::Gen(unsigned) const {
+  // Only the plain filter could turn messages off, and this library never
+  // switches it on.
+  return true;
+}
+
+bool OmLog::CsGen(unsigned n) const {
+  const LogState& st = State();
+  return n < st.cslookup.size() && !st.cslookup[n].empty();
+}
+
+void OmLog::CserverLog(unsigned n, const OmUniString& text) {
+  LogState& st = State();
+  ++st.counter;
+  if (n >= st.cslookup.size() || st.cslookup[n].empty()) return;
+
+  const char* category = MessageStrings()[n];
+  Stamp stamp = MakeStamp();
+  std::string pid = std::to_string(Pid());
+  std::string plain;  // each format is built on first need
+  std::string structured;
+  for (CsLogFile* file : st.cslookup[n]) {
+    FILE* out = file->Stream();
+    if (out == nullptr) continue;  // closed, or failed to open
+    const std::string* line;
+    if (file->kind == CsLogFile::kStructured) {
+      if (structured.empty()) {
+        uint64_t systime = uint64_t{stamp.when.seconds} * 100000 + stamp.when.microseconds / 10;
+        structured = std::string("category=") + category + ",date=" + stamp.text + ",pid=" + pid +
+                     ",systime=" + std::to_string(systime) +
+                     ",message=" + EscapeStructured(text).AsUtf8() + "\n";
+      }
+      line = &structured;
+    } else {
+      if (plain.empty()) {
+        plain = stamp.text + "\t (pid " + pid + ")\t" + category + "\t#" +
+                std::to_string(st.counter) + "\t" + kProduct + "((legacy))\n" + text.AsUtf8() +
+                "\n";
+      }
+      line = &plain;
+    }
+    fwrite(line->data(), 1, line->size(), out);
+    fflush(out);
+  }
+}
+
+void OmLog::Flush() {
+  for (const auto& f : State().csfiles) {
+    if (FILE* out = f->Stream()) fflush(out);
+  }
+}
+
+bool OmLog::ReOpen() {
+  bool ok = true;
+  for (const auto& f : State().csfiles) {
+    if (!OpenFile(*f)) ok = false;
+  }
+  return ok;
+}
+
+void OmLog::HaveForked() {
+  // Files are named with the process id when opened, so the next ReOpen or
+  // set-up in the child picks up its own id.
+  for (const auto& f : State().csfiles) f->stream.reset();
+}
+
+const char* OmLog::GetStdErrStr() { return kStdErrDestination; }
+
+void OmLog::SetPid(int pid) { State().mypid = pid; }
+
+int OmLog::Pid() {
+  int pid = State().mypid;
+  return pid != 0 ? pid : static_cast<int>(getpid());
+}
+
+const OmUniString& OmLog::LogDirectory() { return State().logdir; }
+
+unsigned long OmLog::MessageCount() { return State().counter; }
+
+OmUniString OmLog::EscapeStructured(const OmUniString& text) {
+  OmUniString out;
+  for (unsigned long i = 0; i < text.Length(); ++i) {
+    OmUniString::Unit u = text[i];
+    switch (u) {
+      case '%': out += "%25"; break;
+      case '\n': out += "%0a"; break;
+      case ',': out += "%2c"; break;
+      case '=': out += "%3d"; break;
+      default: out.Append(u);
+    }
+  }
+  return out;
+}
+
+void OmLog::SetProcInfo(const OmUniString& info) { State().procinfo = info; }
+
+const OmUniString& OmLog::ProcInfo() { return State().procinfo; }
