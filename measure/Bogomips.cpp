@@ -1,0 +1,57 @@
+#include "measure/Bogomips.h"
+
+#include <utility>
+
+namespace {
+
+// Elapsed processor time that ends the doubling: just over one second at the
+// standard million ticks a second.
+constexpr std::clock_t kMinElapsed = 999999;
+
+}  // namespace
+
+Bogomips::Bogomips(int processors, uint32_t factor, ClockSource clock)
+    : clock(std::move(clock)), processors(processors < 1 ? 1 : processors), factor(factor) {
+  Initialise();
+}
+
+void Bogomips::Initialise() {
+  highest = 0;
+  lowest = 0;
+  calculate();
+  lowest = current;
+  // The first estimate has used the configured factor; a factor above 100
+  // would overstate a multiprocessor, so later ones use 80.
+  if (factor > 100) factor = 80;
+}
+
+void Bogomips::delay(int loops) {
+  // volatile: the loop's cost is the measurement.
+  volatile int64_t i = loops;
+  while (i >= 0) i = i - 1;
+}
+
+int Bogomips::calculate() {
+  uint64_t loops = 1;
+  std::clock_t elapsed = 0;
+  do {
+    loops <<= 1;
+    if (loops == 0) return 0;
+    const std::clock_t start = clock();
+    delay(static_cast<int>(loops));
+    elapsed = clock() - start;
+  } while (elapsed <= kMinElapsed);
+
+  int64_t estimate = static_cast<int64_t>(
+      static_cast<uint64_t>(processors) *
+      ((loops / static_cast<uint64_t>(elapsed)) * 1000000 / 500000));
+  if (processors > 1) estimate = static_cast<int64_t>(factor) * estimate / 100;
+  current = estimate;
+
+  if (estimate > highest) {
+    highest = estimate;
+  } else if (estimate < lowest) {
+    lowest = estimate;
+  }
+  return 1;
+}
