@@ -1,0 +1,259 @@
+#include "foundation/log/OmLog.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <ctime>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "foundation/string/OmTimeVal.h"
+
+namespace {
+
+enum { kInfo = 0, kError = 1, kFatal = 2, kUnlisted = 3 };
+
+class TestLogger : public OmLog {
+ public:
+  const char* const* MessageStrings() const override {
+    static const char* const kTable[] = {"prog/area/info", "prog/area/error",
+                                         "prog/other/fatalerror", "", "", nullptr};
+    return kTable;
+  }
+};
+
+OmTimeVal clock_now;
+OmTimeVal TestClock() { return clock_now; }
+
+// 1000000000 is 2001/09/09 01:46:40 in UTC.
+constexpr uint32_t kSecond = 1000000000;
+
+std::string ReadFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::stringstream ss;
+  ss << in.rdbuf();
+  return ss.str();
+}
+
+// Descriptors of this process that refer to path.
+std::vector<int> OpenDescriptorsOf(const std::string& path) {
+  std::vector<int> fds;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+    std::error_code ec;
+    auto target = std::filesystem::read_symlink(entry.path(), ec);
+    if (!ec && target == path) fds.push_back(std::stoi(entry.path().filename().string()));
+  }
+  return fds;
+}
+
+class LogTest : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    setenv("TZ", "UTC", 1);
+    tzset();
+  }
+
+  void SetUp() override {
+    char tmpl[] = "/tmp/log_test.XXXXXX";
+    ASSERT_NE(mkdtemp(tmpl), nullptr);
+    dir_ = tmpl;
+    OmLog::SetPid(77);
+    clock_now = OmTimeVal(kSecond, 123456);
+    OmTimeVal::SetClock(TestClock);
+    OmLog::InitLogs(&logger_, OmUniString(dir_));
+  }
+  void TearDown() override {
+    logger_.HaveForked();
+    logger_.SetupCSFilters({});
+    OmTimeVal::SetClock(nullptr);
+    OmLog::SetPid(0);
+    std::filesystem::remove_all(dir_);
+  }
+
+  bool Setup(const std::vector<std::string>& clauses) {
+    std::vector<OmUniString> list;
+    for (const auto& c : clauses) list.emplace_back(c);
+    return logger_.SetupCSFilters(list);
+  }
+  std::string File(const std::string& name) const { return ReadFile(dir_ + "/" + name); }
+  std::string Path(const std::string& name) const { return dir_ + "/" + name; }
+
+  static std::vector<std::string> DefaultFilter() {
+    return {"*/*/*:p%%PID%%_error.log", "*/*/*error:p%%PID%%_error.csl",
+            std::string("*/*/fatalerror:") + OmLog::GetStdErrStr()};
+  }
+
+  TestLogger logger_;
+  std::string dir_;
+};
+
+TEST_F(LogTest, InitLogsMakesCurrentLogger) {
+  EXPECT_EQ(OmLog::Current(), &logger_);
+  EXPECT_EQ(OmLog::LogDirectory(), OmUniString(dir_));
+  EXPECT_EQ(logger_.NumLogs(), 3u);
+  EXPECT_TRUE(logger_.Gen(kInfo));
+  EXPECT_TRUE(logger_.Gen(kUnlisted + 100));
+}
+
+TEST_F(LogTest, PidIsSubstitutedInFileNames) {
+  ASSERT_TRUE(Setup({"*/*/*:a%%PID%%.log"}));
+  logger_.CserverLog(kInfo, "hello");
+  EXPECT_NE(File("a77.log").find("hello\n"), std::string::npos);
+}
+
+TEST_F(LogTest, DefaultFilterChoosesDestinationsBySeverity) {
+  EXPECT_EQ(std::string(OmLog::GetStdErrStr()), ".../_beans/quelm.log.ConsoleSink");
+  ASSERT_TRUE(Setup(DefaultFilter()));
+  EXPECT_TRUE(logger_.CsGen(kInfo));
+  EXPECT_FALSE(logger_.CsGen(kUnlisted));
+
+  testing::internal::CaptureStderr();
+  logger_.CserverLog(kInfo, "info text");
+  logger_.CserverLog(kError, "error text");
+  std::string err = testing::internal::GetCapturedStderr();
+  EXPECT_EQ(err, "");
+
+  testing::internal::CaptureStderr();
+  logger_.CserverLog(kFatal, "fatal text");
+  err = testing::internal::GetCapturedStderr();
+
+  std::string log = File("p77_error.log");
+  std::string csl = File("p77_error.csl");
+  EXPECT_NE(log.find("info text"), std::string::npos);
+  EXPECT_NE(log.find("error text"), std::string::npos);
+  EXPECT_NE(log.find("fatal text"), std::string::npos);
+  EXPECT_EQ(csl.find("info text"), std::string::npos);
+  EXPECT_NE(csl.find("message=error text\n"), std::string::npos);
+  EXPECT_NE(csl.find("message=fatal text\n"), std::string::npos);
+  // Standard error gets the plain format.
+  EXPECT_NE(err.find("\tprog/other/fatalerror\t#"), std::string::npos);
+  EXPECT_NE(err.find("Koramet Brelvane((legacy))\nfatal text\n"), std::string::npos);
+}
+
+TEST_F(LogTest, FilesArePrivateAndCloseOnExec) {
+  mode_t old = umask(022);
+  ASSERT_TRUE(Setup({"*/*/*:m.log", "*/*/*:m.csl"}));
+  umask(old);
+  for (const char* name : {"m.log", "m.csl"}) {
+    struct stat st;
+    ASSERT_EQ(stat(Path(name).c_str(), &st), 0) << name;
+    EXPECT_EQ(st.st_mode & 0777, 0600u) << name;
+    std::vector<int> fds = OpenDescriptorsOf(Path(name));
+    ASSERT_EQ(fds.size(), 1u) << name;
+    EXPECT_TRUE(fcntl(fds[0], F_GETFD) & FD_CLOEXEC) << name;
+  }
+}
+
+TEST_F(LogTest, StructuredLine) {
+  ASSERT_TRUE(Setup({"*/*/*:s.csl"}));
+  logger_.CserverLog(kError, "a=b, c");
+  logger_.CserverLog(kError, "100%\nnext");
+  EXPECT_EQ(File("s.csl"),
+            "category=prog/area/error,date=2001/09/09 01:46:40.123,pid=77,"
+            "systime=100000000012345,message=a%3db%2c c\n"
+            "category=prog/area/error,date=2001/09/09 01:46:40.123,pid=77,"
+            "systime=100000000012345,message=100%25%0anext\n");
+}
+
+TEST_F(LogTest, PlainLineWithRunningCounter) {
+  ASSERT_TRUE(Setup({"*/*/*:p.log"}));
+  unsigned long before = OmLog::MessageCount();
+  logger_.CserverLog(kInfo, "first");
+  logger_.CserverLog(kUnlisted, "counted, not written");
+  logger_.CserverLog(kInfo, "third");
+  EXPECT_EQ(OmLog::MessageCount(), before + 3);
+  std::string head = "2001/09/09 01:46:40.123\t (pid 77)\tprog/area/info\t#";
+  std::string tail = "\tKoramet Brelvane((legacy))\n";
+  EXPECT_EQ(File("p.log"), head + std::to_string(before + 1) + tail + "first\n" + head +
+                               std::to_string(before + 3) + tail + "third\n");
+}
+
+TEST_F(LogTest, TimeStampsWithinAndAcrossSeconds) {
+  ASSERT_TRUE(Setup({"*/*/*:t.csl"}));
+  clock_now = OmTimeVal(kSecond, 100000);
+  logger_.CserverLog(kInfo, "one");
+  clock_now = OmTimeVal(kSecond, 250999);
+  logger_.CserverLog(kInfo, "two");
+  clock_now = OmTimeVal(kSecond + 1, 7000);
+  logger_.CserverLog(kInfo, "three");
+  std::string csl = File("t.csl");
+  EXPECT_NE(csl.find("date=2001/09/09 01:46:40.100,"), std::string::npos);
+  EXPECT_NE(csl.find("date=2001/09/09 01:46:40.250,"), std::string::npos);
+  EXPECT_NE(csl.find("date=2001/09/09 01:46:41.007,"), std::string::npos);
+}
+
+TEST_F(LogTest, TextIsWrittenAsUtf8) {
+  ASSERT_TRUE(Setup({"*/*/*:u.log"}));
+  OmUniString::Unit units[] = {'c', 0xe9};
+  logger_.CserverLog(kInfo, OmUniString(units, 2));
+  EXPECT_NE(File("u.log").find("\nc\xc3\xa9\n"), std::string::npos);
+}
+
+TEST_F(LogTest, FailingOpenIsReported) {
+  testing::internal::CaptureStderr();
+  EXPECT_FALSE(Setup({"*/*/*:missing/x.log", "*/*/*:ok.log"}));
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "Koramet Brelvane Failed to open file \"" + dir_ +
+                "/missing/x.log\" for error/log output.\n");
+  logger_.CserverLog(kInfo, "still logged");
+  EXPECT_NE(File("ok.log").find("still logged"), std::string::npos);
+}
+
+TEST_F(LogTest, ReOpenAfterRotation) {
+  ASSERT_TRUE(Setup({"*/*/*:r.log"}));
+  logger_.CserverLog(kInfo, "before");
+  std::filesystem::rename(Path("r.log"), Path("r.log.1"));
+  EXPECT_TRUE(logger_.ReOpen());
+  logger_.CserverLog(kInfo, "after");
+  EXPECT_NE(File("r.log.1").find("before"), std::string::npos);
+  EXPECT_EQ(File("r.log.1").find("after"), std::string::npos);
+  EXPECT_NE(File("r.log").find("after"), std::string::npos);
+  EXPECT_EQ(OpenDescriptorsOf(Path("r.log.1")).size(), 0u);
+}
+
+TEST_F(LogTest, HaveForkedClosesAndReOpenUsesTheNewPid) {
+  ASSERT_TRUE(Setup({"*/*/*:f%%PID%%.log"}));
+  logger_.HaveForked();
+  EXPECT_EQ(OpenDescriptorsOf(Path("f77.log")).size(), 0u);
+  logger_.CserverLog(kInfo, "dropped while closed");
+  OmLog::SetPid(78);
+  EXPECT_TRUE(logger_.ReOpen());
+  logger_.CserverLog(kInfo, "child");
+  EXPECT_EQ(File("f77.log"), "");
+  EXPECT_NE(File("f78.log").find("(pid 78)"), std::string::npos);
+}
+
+TEST_F(LogTest, EmptyAndMalformedClauses) {
+  // A trailing comma in the filter string leaves an empty last clause.
+  EXPECT_TRUE(Setup({"*/*/*:e.log", ""}));
+  logger_.CserverLog(kInfo, "fine");
+  EXPECT_NE(File("e.log").find("fine"), std::string::npos);
+
+  EXPECT_FALSE(Setup({"no colon", "*/*:two.log", "*/*/*:", "*/*/error:good.log"}));
+  EXPECT_FALSE(std::filesystem::exists(Path("two.log")));
+  EXPECT_TRUE(logger_.CsGen(kError));
+  EXPECT_FALSE(logger_.CsGen(kInfo));
+}
+
+TEST_F(LogTest, ClausesNamingOneFileShareItsStream) {
+  ASSERT_TRUE(Setup({"*/*/info:same.log", "prog/a?ea/*:same.log", "*/other/*:same.log"}));
+  EXPECT_EQ(OpenDescriptorsOf(Path("same.log")).size(), 1u);
+  logger_.CserverLog(kInfo, "once");
+  logger_.CserverLog(kFatal, "fatal");
+  std::string log = File("same.log");
+  EXPECT_EQ(log.find("once"), log.rfind("once"));
+  EXPECT_NE(log.find("fatal"), std::string::npos);
+}
+
+TEST_F(LogTest, EscapeStructured) {
+  EXPECT_EQ(OmLog::EscapeStructured("%a\n,b=").AsUtf8(), "%25a%0a%2cb%3d");
+}
+
+}  // namespace
