@@ -1,0 +1,26 @@
+#ifndef QUELM_AGENT_PIDFILE_H_
+#define QUELM_AGENT_PIDFILE_H_
+
+#include <cstdint>
+
+#include "foundation/string/OmUniString.h"
+
+// quelmloadprobe.pid in the pid directory, holding the process id while the
+// probe serves its port.
+class PidFile {
+ public:
+  explicit PidFile(const OmUniString& pidDirectory);
+  ~PidFile();
+  PidFile(const PidFile&) = delete;
+  PidFile& operator=(const PidFile&) = delete;
+
+  const OmUniString& getName() const { return name; }
+  bool isCreated() const { return created; }
+
+ private:
+  OmUniString name;
+  uint32_t pid;
+  bool created;
+};
+
+#endif  // QUELM_AGENT_PIDFILE_H_

@@ -1,0 +1,40 @@
+#include "agent/Startup.h"
+
+#include "agent/Bootstrap.h"
+#include "agent/Globals.h"
+#include "agent/Messages.h"
+#include "agent/PidFile.h"
+#include "foundation/event/OmEventLoop.h"
+#include "foundation/process/OmUnixProcess.h"
+#include "measure/BaseFilter.h"
+#include "measure/Bogomips.h"
+#include "measure/Cache.h"
+#include "measure/ChildManager.h"
+
+int probeMain(int argc, char** argv) {
+  the_current_process = &pr;
+
+  // The processor count is read only when a directory is given too.
+  const OmUniString directory = argc > 1 ? OmUniString::FromUtf8(argv[1]) : OmUniString(".");
+  const OmUniString processorText = argc > 2 ? OmUniString::FromUtf8(argv[2]) : OmUniString("1");
+  const unsigned processors = processorText.AsUint32();
+
+  myBootstrap = new Bootstrap(directory, processors);
+  LogStarted();
+
+  myBogomips = new Bogomips(myBootstrap->getProcessors(), myBootstrap->getMultiProcessorFactor());
+  myCache = new Cache(myBootstrap->getMinCacheSize(), myBootstrap->getMaxVirtualMemory(),
+                      myBootstrap->getMaxPhysMemory());
+  myFilter = BaseFilter::createFilter(myBootstrap->getFilter(), myBootstrap->getMaxVirtualMemory(),
+                                      myBootstrap->getMaxPhysMemory());
+  if (myFilter == nullptr) processExit(4);
+
+  myChildManager = new ChildManager(eventloop, myFilter);
+  // Measured again now that the process is set up.
+  myBogomips->calculate();
+  myChildManager->forkChild();
+
+  myPidFile = new PidFile(myBootstrap->getPidDirectory());
+
+  processExit(eventloop.EnterEventLoop());
+}

@@ -1,0 +1,3 @@
+#include "hosts/HostListMgr.h"
+
+void HostListMgr::percentChangeCheck(unsigned) {}

@@ -1,0 +1,273 @@
+#include "measure/ChildManager.h"
+
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+
+#include "agent/Bootstrap.h"
+#include "agent/Globals.h"
+#include "agent/Logging.h"
+#include "agent/Messages.h"
+#include "foundation/event/OmEventLoop.h"
+#include "foundation/string/OmFile.h"
+#include "hosts/HostListMgr.h"
+#include "measure/BaseFilter.h"
+#include "measure/Bogomips.h"
+
+ChildManager::SleepFunction ChildManager::sleepFunction = &::sleep;
+
+namespace {
+
+OmUnixProcess& process() { return the_current_process != nullptr ? *the_current_process : pr; }
+
+}  // namespace
+
+ChildManager::ChildManager(OmEventLoop& l, BaseFilter* f)
+    : loop(l),
+      filter(f),
+      readpipeCallback(this, &ChildManager::readpipeCB),
+      deadkidCallback(this, &ChildManager::deadkidCB),
+      sighupCallback(this, &ChildManager::signalCB, SIGHUP),
+      sigtermCallback(this, &ChildManager::signalCB, SIGTERM),
+      sigintCallback(this, &ChildManager::signalCB, SIGINT),
+      sigpipeCallback(this, &ChildManager::signalCB, SIGPIPE) {
+  buildArgv();
+  if (myBootstrap != nullptr) {
+    setSampleRateAndWindowSize(myBootstrap->getSampleRate(), myBootstrap->getWindowSize());
+  } else {
+    setSampleRateAndWindowSize(30, 120);
+  }
+
+  buffer = static_cast<char*>(std::malloc(kInitialBufferSize + 1));
+  if (buffer == nullptr) {
+    LogBufferFail(static_cast<int>(kInitialBufferSize));
+    processExit(8);
+  }
+  capacity = kInitialBufferSize;
+  resetBuffer();
+
+  setSignals();
+}
+
+ChildManager::~ChildManager() {
+  closePipe();
+  if (childPid > 0) {
+    if (kill(childPid, 0) == 0) kill(childPid, SIGKILL);
+    int status = 0;
+    if (waitpid(childPid, &status, WNOHANG) == childPid) process().RemoveSIGCHLDCallback(childPid);
+  }
+  std::free(buffer);
+}
+
+void ChildManager::buildArgv() {
+  const OmUniString& path =
+      myBootstrap != nullptr ? myBootstrap->getProbePath() : Bootstrap::DEFAULT_PROBEPATH;
+  // Everything after the first space is one fixed word, spaces and all.
+  const long space = path.Search(' ');
+  if (space >= 0) {
+    program = path.SubString(0, static_cast<unsigned long>(space)).AsAscii();
+    fixedArg = path.SubString(static_cast<unsigned long>(space) + 1).AsAscii();
+    fixedCount = 2;
+  } else {
+    program = path.AsAscii();
+    fixedCount = 1;
+  }
+}
+
+void ChildManager::setSampleRateAndWindowSize(unsigned rate, unsigned window) {
+  sampleRate = rate;
+  windowSize = window;
+  // One extra sample: the filter discards the tool's first line.
+  const unsigned count = windowSize + static_cast<unsigned>(filter->adjustCount());
+  rateText = std::to_string(rate);
+  countText = std::to_string(count);
+  argv.clear();
+  argv.push_back(program.c_str());
+  if (fixedCount == 2) argv.push_back(fixedArg.c_str());
+  argv.push_back(rateText.c_str());
+  argv.push_back(countText.c_str());
+  argv.push_back(nullptr);
+}
+
+void ChildManager::setSignals() {
+  signal(SIGTTOU, SIG_IGN);
+  signal(SIGTTIN, SIG_IGN);
+  signal(SIGTSTP, SIG_IGN);
+  signal(SIGXFSZ, SIG_IGN);
+  OmUnixProcess& p = process();
+  p.CatchSignal(SIGHUP, &sighupCallback);
+  p.CatchSignal(SIGTERM, &sigtermCallback);
+  p.CatchSignal(SIGINT, &sigintCallback);
+  p.CatchSignal(SIGPIPE, &sigpipeCallback);
+  const rlimit noCore{0, 0};
+  setrlimit(RLIMIT_CORE, &noCore);
+}
+
+void ChildManager::resetBuffer() {
+  writePos = buffer;
+  freeSpace = capacity;
+}
+
+int ChildManager::forkChild() {
+  resetBuffer();
+  forkParams = OmUnixProcess::ForkParams();
+  forkParams.wantDataPipe = true;
+  forkParams.argv = argv.data();
+  forkParams.exitCallback = &deadkidCallback;
+
+  for (int attempt = 0; attempt < kForkAttempts; ++attempt) {
+    if (process().Fork(forkParams)) {
+      if (forkParams.pid < 1) return 0;
+      childPid = forkParams.pid;
+      pipeFd = forkParams.dataFd;
+      OmFile::SetCloseOnExec(pipeFd, true);
+      OmFile pipe(pipeFd);
+      pipe.SetBlocking(false);
+      pipe.Release();  // the manager closes it
+      loop.AddFileEvent(static_cast<unsigned>(pipeFd), true, false, &readpipeCallback);
+      return childPid;
+    }
+    if (forkParams.execFailed) {
+      // We are the child and the tool could not be run. Pausing one sample
+      // interval keeps the parent's restarts from becoming a fork storm.
+      sleepFunction(sampleRate);
+      _exit(127);
+    }
+    sleepFunction(kForkRetrySeconds);
+  }
+  LogForkFail(kForkAttempts);
+  processExit(11);
+}
+
+void ChildManager::appendRead(long n) {
+  emptyReads = 0;
+  writePos[n] = '\0';
+  writePos += n;
+  freeSpace -= static_cast<unsigned long>(n);
+}
+
+void ChildManager::growBuffer() {
+  const unsigned long offset = static_cast<unsigned long>(writePos - buffer);
+  char* grown = static_cast<char*>(std::realloc(buffer, capacity * 2 + 1));
+  if (grown == nullptr) {
+    LogBufferFail(static_cast<int>(capacity * 2));
+    return;
+  }
+  buffer = grown;
+  freeSpace += capacity;
+  capacity *= 2;
+  writePos = buffer + offset;
+}
+
+bool ChildManager::filterBuffer() {
+  lastHanded = writePos - buffer;
+  const bool ok = filter->doFiltering(buffer, static_cast<int>(lastHanded), idle);
+  if (ok) resetBuffer();
+  return ok;
+}
+
+bool ChildManager::analyseData() {
+  if (writePos == buffer) return true;
+  return filterBuffer();
+}
+
+void ChildManager::readpipeCB(OmEventCallback*, OmEvent::cbdispatch reason) {
+  if (reason != OmEvent::fired || pipeFd < 0) return;
+  const long n = read(pipeFd, writePos, freeSpace);
+  lastRead = n;
+  if (n >= 1) {
+    appendRead(n);
+    if (freeSpace < static_cast<unsigned long>(n + n / 2)) growBuffer();
+    if (!filterBuffer()) restart(true);
+    return;
+  }
+  if (n < 0) {
+    if (errno == EAGAIN || errno == EINTR) return;  // a wake-up with nothing to read
+    LogPipeFail(static_cast<int>(freeSpace), errno);
+    return;
+  }
+  if (++emptyReads < 2) return;
+  restart(false);
+}
+
+void ChildManager::closePipe() {
+  if (pipeFd < 0) return;
+  loop.RemoveFileEvent(static_cast<unsigned>(pipeFd), true, false, &readpipeCallback);
+  close(pipeFd);
+  pipeFd = -1;
+}
+
+void ChildManager::restart(bool filterFailed) {
+  closePipe();
+  emptyReads = 0;
+  if (childPid > 0) {
+    if (kill(childPid, 0) == 0) kill(childPid, SIGKILL);
+    int status = 0;
+    if (waitpid(childPid, &status, WNOHANG) == childPid) {
+      ++reapedAtOnce;
+    } else {
+      ++notReapedAtOnce;
+    }
+    // This run is over either way; its late exit report is of no interest.
+    process().RemoveSIGCHLDCallback(childPid);
+  }
+  if (!filterFailed && writePos != buffer) filterBuffer();
+  afterRun();
+}
+
+void ChildManager::afterRun() {
+  if (idle >= 0) {
+    // A nearly idle machine gives a true speed figure.
+    if (idle > 94 && myBogomips != nullptr) myBogomips->calculate();
+    HostListMgr::percentChangeCheck(static_cast<unsigned>(idle));
+  }
+  filter->resetFilter();
+  forkChild();
+}
+
+void ChildManager::deadkidCB(OmUnixProcess::ChildCallback*, OmUnixProcess::child_info info) {
+  if (info.pid != childPid) {
+    int status = 0;
+    const int reaped = waitpid(-1, &status, WNOHANG);
+    if (childPid <= 0 || reaped != childPid) {
+      ++wrongChildren;
+      LogWrongChild(info.pid, childPid);
+      return;
+    }
+    process().RemoveSIGCHLDCallback(childPid);
+  }
+  if (pipeFd >= 0) {
+    const long n = read(pipeFd, writePos, freeSpace);
+    if (n >= 1) appendRead(n);
+  }
+  closePipe();
+  if (writePos != buffer) filterBuffer();
+  afterRun();
+}
+
+void ChildManager::signalCB(OmEventCallback*, OmEvent::cbdispatch reason, int sig) {
+  if (reason != OmEvent::fired) return;
+  switch (sig) {
+    case SIGHUP:
+      if (bootLogger != nullptr) bootLogger->flushLogs();
+      break;
+    case SIGINT:
+      LogExitSignal("SIGINT");
+      loop.ExitEventLoop(603);
+      break;
+    case SIGTERM:
+      LogExitSignal("SIGTERM");
+      loop.ExitEventLoop(604);
+      break;
+    case SIGPIPE:
+      LogExitSignal("SIGPIPE");
+      loop.ExitEventLoop(606);
+      break;
+    default:
+      break;
+  }
+}

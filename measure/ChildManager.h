@@ -1,0 +1,97 @@
+#ifndef QUELM_MEASURE_CHILDMANAGER_H_
+#define QUELM_MEASURE_CHILDMANAGER_H_
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "foundation/event/OmCallback.h"
+#include "foundation/process/OmUnixProcess.h"
+
+class BaseFilter;
+class OmEventLoop;
+
+// Runs the measuring tool as a child, reads its output through a pipe, hands
+// it to the filter and restarts the tool after every run. Also owns the
+// probe's signal set-up.
+class ChildManager {
+ public:
+  static constexpr unsigned long kInitialBufferSize = 1024;
+  static constexpr int kForkAttempts = 5;
+  static constexpr unsigned kForkRetrySeconds = 30;
+  // Replaceable so tests need not wait through the retry pauses.
+  using SleepFunction = unsigned (*)(unsigned seconds);
+  static SleepFunction sleepFunction;
+
+  ChildManager(OmEventLoop& loop, BaseFilter* filter);
+  ~ChildManager();
+  ChildManager(const ChildManager&) = delete;
+  ChildManager& operator=(const ChildManager&) = delete;
+
+  // Starts the tool; the child's pid, or 0 when the fork gave none.
+  int forkChild();
+  // Takes effect at the next start of the tool.
+  void setSampleRateAndWindowSize(unsigned rate, unsigned windowSize);
+  void setSignals();
+  bool analyseData();
+
+  void readpipeCB(OmEventCallback* cb, OmEvent::cbdispatch reason);
+  void deadkidCB(OmUnixProcess::ChildCallback* cb, OmUnixProcess::child_info info);
+  void signalCB(OmEventCallback* cb, OmEvent::cbdispatch reason, int sig);
+
+  unsigned getSampleRate() const { return sampleRate; }
+  unsigned getWindowSize() const { return windowSize; }
+  int getChildPid() const { return childPid; }
+  const std::vector<const char*>& getArgv() const { return argv; }
+  unsigned long getBufferCapacity() const { return capacity; }
+  unsigned long getFreeSpace() const { return freeSpace; }
+  uint32_t getWrongChildren() const { return wrongChildren; }
+
+ private:
+  void buildArgv();
+  void resetBuffer();
+  void appendRead(long n);
+  void growBuffer();
+  // Hands the buffer to the filter, emptying it when the filter took it all.
+  bool filterBuffer();
+  void restart(bool filterFailed);
+  void closePipe();
+  void afterRun();
+
+  OmUnixProcess::ForkParams forkParams;
+  std::vector<const char*> argv;
+  std::string program, fixedArg, rateText, countText;
+  int fixedCount = 1;
+
+  OmEventLoop& loop;
+  BaseFilter* filter;
+  OmSimpleCallback<OmEvent::cbdispatch, ChildManager> readpipeCallback;
+  OmSimpleCallback<OmUnixProcess::child_info, ChildManager> deadkidCallback;
+  OmCallbackWithData<OmEvent::cbdispatch, ChildManager, int> sighupCallback;
+  OmCallbackWithData<OmEvent::cbdispatch, ChildManager, int> sigtermCallback;
+  OmCallbackWithData<OmEvent::cbdispatch, ChildManager, int> sigintCallback;
+  OmCallbackWithData<OmEvent::cbdispatch, ChildManager, int> sigpipeCallback;
+
+  unsigned sampleRate = 0;
+  unsigned windowSize = 0;
+
+  // The read buffer holds one byte more than its capacity for the terminator.
+  char* buffer = nullptr;
+  unsigned long capacity = 0;
+  char* writePos = nullptr;
+  unsigned long freeSpace = 0;
+
+  long lastRead = 0;
+  long lastHanded = 0;
+  int idle = -1;
+  int emptyReads = 0;
+
+  uint32_t wrongChildren = 0;
+  uint32_t reapedAtOnce = 0;
+  uint32_t notReapedAtOnce = 0;
+
+  int childPid = -1;
+  int pipeFd = -1;
+};
+
+#endif  // QUELM_MEASURE_CHILDMANAGER_H_
