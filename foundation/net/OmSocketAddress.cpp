@@ -1,0 +1,29 @@
+#include "foundation/net/OmSocketAddress.h"
+
+#include <sys/un.h>
+
+#include <cstring>
+
+unsigned OmSocketAddress::Length() const {
+  if (family_ == AF_UNIX) return static_cast<unsigned>(path_.AsUtf8().size() + 3);
+  return sizeof(sockaddr_in);
+}
+
+bool OmSocketAddress::ToSockaddr(sockaddr_storage& storage) const {
+  std::memset(&storage, 0, sizeof storage);
+  if (family_ == AF_UNIX) {
+    const std::string path = path_.AsUtf8();
+    sockaddr_un* un = reinterpret_cast<sockaddr_un*>(&storage);
+    if (path.size() >= sizeof un->sun_path) return false;
+    un->sun_family = AF_UNIX;
+    std::memcpy(un->sun_path, path.data(), path.size());
+    return true;
+  }
+  const sockaddr_in in = inet_.ToSockaddr();
+  std::memcpy(&storage, &in, sizeof in);
+  return true;
+}
+
+OmUniString OmSocketAddress::Describe() const {
+  return family_ == AF_UNIX ? path_ : inet_.AsString(true);
+}

@@ -1,0 +1,339 @@
+#include "foundation/net/OmSocket.h"
+
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <netinet/ip.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+// Counts Bind's waits instead of sleeping; optionally frees the port on the
+// given wait so that a later attempt succeeds.
+int g_sleeps = 0;
+int g_releaseOnSleep = 0;
+OmSocket* g_holder = nullptr;
+
+unsigned FakeSleep(unsigned seconds) {
+  EXPECT_EQ(seconds, 2u);
+  ++g_sleeps;
+  if (g_holder != nullptr && g_sleeps == g_releaseOnSleep) g_holder->Close();
+  return 0;
+}
+
+class OmSocketTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    g_sleeps = 0;
+    g_releaseOnSleep = 0;
+    g_holder = nullptr;
+    previous_ = OmSocket::SetSleepFunction(FakeSleep);
+  }
+  void TearDown() override { OmSocket::SetSleepFunction(previous_); }
+
+  // A TCP listener on 127.0.0.1 with a port chosen by the system.
+  static void Listen(OmSocket& s, OmInetAddr& bound) {
+    ASSERT_TRUE(s.Bind(OmInetAddr::AddressLoopback(), OmSocket::Stream, true))
+        << s.LastError().Reason().AsAscii();
+    ASSERT_TRUE(s.Listen(5));
+    ASSERT_TRUE(s.LocalAddress(bound));
+  }
+
+  OmSocket::SleepFunction previous_ = nullptr;
+};
+
+TEST_F(OmSocketTest, BindReportsTheSystemPort) {
+  OmSocket s;
+  OmInetAddr bound;
+  Listen(s, bound);
+  EXPECT_TRUE(bound.IsAddressEqual(OmInetAddr::AddressLoopback()));
+  EXPECT_NE(bound.GetPort(), 0u);
+  EXPECT_EQ(s.GetKind(), OmFile::kInetSocket);
+}
+
+TEST_F(OmSocketTest, BindInUseRetriesWithDotsThenGivesUp) {
+  OmSocket holder;
+  OmInetAddr bound;
+  Listen(holder, bound);
+
+  OmSocket s;
+  testing::internal::CaptureStderr();
+  const bool ok = s.Bind(bound, OmSocket::Stream, false, 3, true);
+  const std::string err = testing::internal::GetCapturedStderr();
+  EXPECT_FALSE(ok);
+  EXPECT_EQ(g_sleeps, 3);
+  EXPECT_EQ(err, "A socket is still in use, attempting 3 retries......\n");
+  EXPECT_EQ(s.LastError().Errno(), EADDRINUSE);
+  EXPECT_EQ(s.LastError().Call(), "bind");
+  EXPECT_EQ(s.LastError().Args().AsAscii(),
+            std::to_string(s.Fd()) + ",127.0.0.1:" + std::to_string(bound.GetPort()));
+}
+
+TEST_F(OmSocketTest, BindInUseSucceedsOnALaterAttempt) {
+  OmSocket holder;
+  OmInetAddr bound;
+  Listen(holder, bound);
+  g_holder = &holder;
+  g_releaseOnSleep = 2;
+
+  OmSocket s;
+  testing::internal::CaptureStderr();
+  const bool ok = s.Bind(bound, OmSocket::Stream, true, 5, true);
+  const std::string err = testing::internal::GetCapturedStderr();
+  EXPECT_TRUE(ok) << s.LastError().Reason().AsAscii();
+  EXPECT_EQ(g_sleeps, 2);
+  EXPECT_EQ(err, "A socket is still in use, attempting 5 retries....\n");
+}
+
+TEST_F(OmSocketTest, BindInUseQuietRetriesPrintNothing) {
+  OmSocket holder;
+  OmInetAddr bound;
+  Listen(holder, bound);
+
+  OmSocket s;
+  testing::internal::CaptureStderr();
+  EXPECT_FALSE(s.Bind(bound, OmSocket::Stream, false, 2, false));
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+  EXPECT_EQ(g_sleeps, 2);
+
+  // Verbose without retries gives up at once, silently.
+  OmSocket t;
+  testing::internal::CaptureStderr();
+  EXPECT_FALSE(t.Bind(bound, OmSocket::Stream, false, 0, true));
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+  EXPECT_EQ(g_sleeps, 2);
+}
+
+TEST_F(OmSocketTest, BindOtherFirstErrorGivesUpAtOnce) {
+  // Not an address of this machine: EADDRNOTAVAIL, no traffic involved.
+  const OmInetAddr foreign(203, 0, 113, 1, 4000);
+  for (bool verbose : {false, true}) {
+    OmSocket s;
+    testing::internal::CaptureStderr();
+    EXPECT_FALSE(s.Bind(foreign, OmSocket::Datagram, true, 3, verbose));
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+    EXPECT_EQ(g_sleeps, 0);
+    EXPECT_EQ(s.LastError().Errno(), EADDRNOTAVAIL);
+    EXPECT_EQ(s.LastError().Call(), "bind");
+    EXPECT_EQ(s.LastError().Args().AsAscii(), std::to_string(s.Fd()) + ",203.0.113.1:4000");
+  }
+}
+
+TEST_F(OmSocketTest, BindLocalRemovesStalePath) {
+  char dir[] = "/tmp/omsocket_testXXXXXX";
+  ASSERT_NE(mkdtemp(dir), nullptr);
+  const std::string path = std::string(dir) + "/sock";
+  const int stale = ::open(path.c_str(), O_CREAT | O_WRONLY, 0600);
+  ASSERT_GE(stale, 0);
+  ::close(stale);
+
+  {
+    OmSocket s;
+    EXPECT_TRUE(s.Bind(OmSocketAddress(OmUniString(path.c_str())), OmSocket::Stream))
+        << s.LastError().Reason().AsAscii();
+    EXPECT_EQ(s.GetKind(), OmFile::kLocalSocket);
+    EXPECT_TRUE(s.Listen(1));
+  }
+  ::unlink(path.c_str());
+  ::rmdir(dir);
+}
+
+TEST_F(OmSocketTest, WriteMessageSendsOneDatagram) {
+  OmSocket receiver;
+  ASSERT_TRUE(receiver.Bind(OmInetAddr::AddressLoopback(), OmSocket::Datagram));
+  OmInetAddr to;
+  ASSERT_TRUE(receiver.LocalAddress(to));
+
+  OmSocket sender;
+  ASSERT_TRUE(sender.Bind(OmInetAddr()));
+  OmInetAddr senderAddr;
+  ASSERT_TRUE(sender.LocalAddress(senderAddr));
+
+  long done = -7;
+  EXPECT_EQ(sender.WriteMessage("hello", 5, done, to), OmFile::ioComplete);
+  EXPECT_EQ(done, -7);  // left alone on a complete send
+
+  char buf[64];
+  OmInetAddr from;
+  EXPECT_EQ(receiver.ReadMessage(buf, sizeof buf, done, from), OmFile::ioPartial);
+  EXPECT_EQ(std::string(buf, static_cast<size_t>(done)), "hello");
+  EXPECT_TRUE(from.IsAddressEqual(OmInetAddr::AddressLoopback()));
+  EXPECT_EQ(from.GetPort(), senderAddr.GetPort());
+
+  // Nothing more waiting on a non-blocking socket.
+  ASSERT_TRUE(receiver.SetBlocking(false));
+  EXPECT_EQ(receiver.ReadMessage(buf, sizeof buf, done, from), OmFile::ioPartial);
+  EXPECT_EQ(done, 0);
+}
+
+TEST_F(OmSocketTest, WriteMessageFailureRecordsTheCall) {
+  OmSocket closed;
+  long done = 0;
+  EXPECT_EQ(closed.WriteMessage("hello", 5, done, OmInetAddr(127, 0, 0, 1, 9)), OmFile::ioError);
+  EXPECT_EQ(closed.LastError().Errno(), EBADF);
+  EXPECT_EQ(closed.LastError().Call(), "sendto");
+  EXPECT_EQ(closed.LastError().Args(), "-1,<address>,5,127.0.0.1:9,16");
+
+  OmSocket sender;
+  ASSERT_TRUE(sender.Bind(OmInetAddr()));
+  std::string huge(70000, 'x');
+  EXPECT_EQ(sender.WriteMessage(huge.data(), static_cast<long>(huge.size()), done,
+                                OmInetAddr(127, 0, 0, 1, 9)),
+            OmFile::ioError);
+  EXPECT_EQ(sender.LastError().Errno(), EMSGSIZE);
+}
+
+TEST_F(OmSocketTest, AcceptFromNonBlockingListenerWithNothingWaiting) {
+  OmSocket listener;
+  OmInetAddr bound;
+  Listen(listener, bound);
+  ASSERT_TRUE(listener.SetBlocking(false));
+
+  OmSocket s;
+  EXPECT_EQ(s.AcceptFrom(listener.Fd()), OmStatus::Failure);
+  EXPECT_LT(s.Fd(), 0);
+  EXPECT_EQ(s.LastError().Errno(), EAGAIN);
+  EXPECT_EQ(s.LastError().Call(), "accept");
+  EXPECT_EQ(s.LastError().Args().AsAscii(), std::to_string(listener.Fd()) + ",0,0");
+}
+
+TEST_F(OmSocketTest, AcceptFromTakesTheConnection) {
+  OmSocket listener;
+  OmInetAddr bound;
+  Listen(listener, bound);
+
+  OmSocket client;
+  ASSERT_TRUE(client.Connect(bound)) << client.LastError().Reason().AsAscii();
+  OmInetAddr clientAddr;
+  ASSERT_TRUE(client.LocalAddress(clientAddr));
+
+  OmSocket accepted;
+  ASSERT_EQ(accepted.AcceptFrom(listener.Fd()), OmStatus::Success);
+  EXPECT_GE(accepted.Fd(), 0);
+  OmInetAddr peer;
+  ASSERT_TRUE(accepted.RemoteAddress(peer));
+  EXPECT_TRUE(peer == clientAddr);
+
+  long done = 0;
+  EXPECT_EQ(client.Write("ping", 4, done), OmFile::ioComplete);
+  char buf[8];
+  EXPECT_EQ(accepted.Read(buf, 4, done), OmFile::ioComplete);
+  EXPECT_EQ(std::string(buf, 4), "ping");
+
+  // Giving up the descriptor keeps the connection open.
+  const int fd = accepted.Release();
+  EXPECT_GE(::fcntl(fd, F_GETFD), 0);
+  ::close(fd);
+}
+
+TEST_F(OmSocketTest, NonBlockingConnectCompletesOrIsRefused) {
+  OmSocket listener;
+  OmInetAddr bound;
+  Listen(listener, bound);
+
+  OmSocket client;
+  ASSERT_TRUE(client.makesock(SOCK_STREAM, AF_INET));
+  ASSERT_TRUE(client.SetBlocking(false));
+  if (!client.Connect(bound)) {
+    ASSERT_EQ(client.LastError().Errno(), EINPROGRESS);
+  }
+  pollfd p{client.Fd(), POLLOUT, 0};
+  ASSERT_EQ(::poll(&p, 1, 5000), 1);
+  OmUniString reason;
+  EXPECT_EQ(client.ConnectionComplete(reason), OmSocket::Connected);
+
+  // A port nobody listens on: take a free one and let it go again.
+  OmInetAddr freePort;
+  {
+    OmSocket tmp;
+    ASSERT_TRUE(tmp.Bind(OmInetAddr::AddressLoopback(), OmSocket::Stream));
+    ASSERT_TRUE(tmp.LocalAddress(freePort));
+  }
+  OmSocket refused;
+  ASSERT_TRUE(refused.makesock(SOCK_STREAM, AF_INET));
+  ASSERT_TRUE(refused.SetBlocking(false));
+  if (refused.Connect(freePort)) GTEST_SKIP() << "port was taken meanwhile";
+  if (refused.LastError().Errno() == EINPROGRESS) {
+    pollfd q{refused.Fd(), POLLOUT, 0};
+    ASSERT_EQ(::poll(&q, 1, 5000), 1);
+    EXPECT_EQ(refused.ConnectionComplete(reason), OmSocket::ConnectFailed);
+    EXPECT_NE(reason.Search(OmUniString("refused")), -1) << reason.AsAscii();
+  }
+  EXPECT_EQ(refused.LastError().Errno(), ECONNREFUSED);
+}
+
+TEST_F(OmSocketTest, OptionFailuresDescribeTheCall) {
+  OmSocket closed;
+  EXPECT_FALSE(closed.SetKeepAlive(true));
+  EXPECT_EQ(closed.LastError().Call(), "setsockopt");
+  EXPECT_EQ(closed.LastError().Errno(), EBADF);
+  EXPECT_EQ(closed.LastError().Args().AsAscii(),
+            "-1,SOL_SOCKET(" + std::to_string(SOL_SOCKET) + "),SO_KEEPALIVE(" +
+                std::to_string(SO_KEEPALIVE) + "),(char*)(int 1),4");
+  EXPECT_EQ(closed.GetReceiveBufferSize(), -1);
+  EXPECT_EQ(closed.LastError().Call(), "getsockopt");
+
+  OmSocket bad;
+  EXPECT_FALSE(bad.makesock(SOCK_STREAM, 12345));
+  EXPECT_EQ(bad.LastError().Call(), "socket");
+  EXPECT_LT(bad.Fd(), 0);
+}
+
+TEST_F(OmSocketTest, OptionsTakeEffect) {
+  OmSocket s;
+  ASSERT_TRUE(s.makesock(SOCK_STREAM, AF_INET));
+  EXPECT_TRUE(s.SetDelay(false));
+  int v = 0;
+  socklen_t len = sizeof v;
+  ASSERT_EQ(getsockopt(s.Fd(), IPPROTO_TCP, TCP_NODELAY, &v, &len), 0);
+  EXPECT_EQ(v, 1);
+  EXPECT_TRUE(s.SetKeepAlive(true));
+  EXPECT_TRUE(s.SetLinger(true, 3));
+  EXPECT_TRUE(s.SetOOBInLine(true));
+  EXPECT_TRUE(s.SetTransmitBufferSize(16384));
+  EXPECT_GE(s.GetTransmitBufferSize(), 16384);
+  EXPECT_TRUE(s.SetReceiveBufferSize(16384));
+  EXPECT_GE(s.GetReceiveBufferSize(), 16384);
+
+  OmSocket udp;
+  ASSERT_TRUE(udp.makesock(SOCK_DGRAM, AF_INET));
+  EXPECT_TRUE(udp.SetBroadcast(true));
+}
+
+TEST_F(OmSocketTest, TypeOfServiceOnlyWithTheEnvironmentVariable) {
+  OmSocket s;
+  ASSERT_TRUE(s.makesock(SOCK_DGRAM, AF_INET));
+  auto tos = [&] {
+    int v = -1;
+    socklen_t len = sizeof v;
+    EXPECT_EQ(getsockopt(s.Fd(), IPPROTO_IP, IP_TOS, &v, &len), 0);
+    return v;
+  };
+  ::unsetenv("VRX_SET_IP_TOS");
+  EXPECT_TRUE(s.SetTypeOfService(OmSocket::LowDelay));
+  EXPECT_EQ(tos(), 0);
+
+  ::setenv("VRX_SET_IP_TOS", "1", 1);
+  const int expected[] = {0x02, 0x10, 0x04, 0x08};
+  for (int type = 0; type < 4; ++type) {
+    EXPECT_TRUE(s.SetTypeOfService(static_cast<OmSocket::serviceType>(type)));
+    EXPECT_EQ(tos(), expected[type]) << type;
+  }
+  OmSocket closed;
+  EXPECT_FALSE(closed.SetTypeOfService(OmSocket::Throughput));
+  EXPECT_EQ(closed.LastError().Args().AsAscii(),
+            "-1,IPPROTO_IP(" + std::to_string(IPPROTO_IP) + "),IP_TOS(" +
+                std::to_string(IP_TOS) + "),(char*)(int 8),4");
+  ::unsetenv("VRX_SET_IP_TOS");
+}
+
+}  // namespace
