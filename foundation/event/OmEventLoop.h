@@ -58,15 +58,27 @@ class OmEventLoop : public OmEventLoopBase {
   // Introspection for tests and diagnostics.
   size_t TimeoutCount() const { return timeouts_.Length(); }
   size_t PollCount() const { return pollCount_; }
-  const pollfd* PollList() const { return pollList_; }
+  size_t PollCapacity() const { return pollCapacity_; }
+  const pollfd* PollList() const { return pollList_ + 1; }
   bool HasTimeout(const OmEventCallback* cb) const;
+
+  // The allocator used to grow the poll list (realloc by default); tests
+  // install a failing one to exercise the out-of-memory path. Null restores.
+  using Reallocator = void* (*)(void*, size_t);
+  static void SetReallocator(Reallocator r);
 
  private:
   struct FileRecord {
     OmEventCallback* callback;
   };
+  // Entry 0 of pollList_ is the process's signal wake pipe; the registered
+  // descriptors follow it, so PollList()[i] is pollList_[i + 1].
+  pollfd& Entry(size_t i) { return pollList_[i + 1]; }
   int WaitMilliseconds() const;
+  void FireFirstTimeout();
+  void ReportPollFailure(int err, int wait);
   void DispatchReady();
+  static void ClearSlot(OmISparseArray<FileRecord>& array, unsigned fd);
 
   int exitValue_ = 0;
   bool running_ = false;

@@ -12,7 +12,7 @@
 #include "foundation/string/OmContainers.h"
 #include "foundation/string/OmError.h"
 
-class OmUnixUser;  // user database entry (name services); only referenced here
+class OmUnixUser;  // user database entry, foundation/process/OmUnixUser.h
 
 class OmProcess {
  public:
@@ -81,6 +81,11 @@ class OmUnixProcess : public OmProcess {
   bool ProcessSignals();
   // Called from the signal handler only.
   void RecordSignal(int sig);
+  // Read end of the wake pipe the handler writes to, so a signal that lands
+  // just before the loop blocks in poll still wakes it. -1 if unavailable.
+  int SignalWakeFd() const { return wakeRead_; }
+  // Empties the wake pipe; the pending set, not the pipe, says what arrived.
+  void DrainSignalWake();
 
   int Pid() const { return pid_; }
   const std::vector<int>& Children() const { return children_; }
@@ -95,6 +100,10 @@ class OmUnixProcess : public OmProcess {
     int spare = 0;
   };
   void ForgetChild(int pid);
+  void OpenWakePipe();
+  void CloseWakePipe();
+  void DispatchSignal(int sig);
+  void ReapChildren();
 
   OmUnixError error_;
   int pid_;
@@ -106,6 +115,8 @@ class OmUnixProcess : public OmProcess {
   volatile sig_atomic_t pending_[256] = {};
   volatile sig_atomic_t pendingCount_ = 0;
   std::vector<OmEventSignal> records_;
+  int wakeRead_ = -1;
+  int wakeWrite_ = -1;
 };
 
 extern OmUnixProcess* the_current_process;

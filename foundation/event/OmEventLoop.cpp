@@ -1,0 +1,259 @@
+#include "foundation/event/OmEventLoop.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "foundation/process/OmUnixProcess.h"
+#include "foundation/string/OmError.h"
+#include "foundation/string/OmOSStream.h"
+
+namespace {
+
+const char kPrefix[] = "VRX legacy event loop";
+
+// A hang-up or error wakes both the reader and the writer.
+constexpr short kReadReady = POLLIN | POLLERR | POLLHUP;
+constexpr short kWriteReady = POLLOUT | POLLERR | POLLHUP;
+
+constexpr size_t kInitialPollCapacity = 10;
+constexpr size_t kPollGrowth = 100;
+
+OmEventLoop::Reallocator g_reallocator = nullptr;
+
+void* GrowArray(void* p, size_t bytes) {
+  return g_reallocator != nullptr ? g_reallocator(p, bytes) : std::realloc(p, bytes);
+}
+
+}  // namespace
+
+int OmEventTimeout::SortFunction(const OmEventTimeout& other) const {
+  if (time.seconds != other.time.seconds) return time.seconds > other.time.seconds ? 1 : -1;
+  if (time.microseconds != other.time.microseconds) {
+    return time.microseconds > other.time.microseconds ? 1 : -1;
+  }
+  return 0;
+}
+
+void OmEventLoop::SetReallocator(Reallocator r) { g_reallocator = r; }
+
+OmEventLoop::OmEventLoop(OmUnixProcess* process)
+    : process_(process), pollCapacity_(kInitialPollCapacity) {
+  pollList_ = static_cast<pollfd*>(std::calloc(pollCapacity_ + 1, sizeof(pollfd)));
+  pollList_[0].fd = -1;
+}
+
+OmEventLoop::~OmEventLoop() {
+  std::free(pollList_);
+  for (size_t i = 0; i < readCallbacks_.Size(); ++i) delete readCallbacks_.Get(i);
+  for (size_t i = 0; i < writeCallbacks_.Size(); ++i) delete writeCallbacks_.Get(i);
+  for (OmEventTimeout* t : timeouts_) delete t;
+}
+
+bool OmEventLoop::AddFileEvent(unsigned fd, bool read, bool write, OmEventCallback* cb) {
+  size_t i = 0;
+  while (i < pollCount_ && Entry(i).fd != static_cast<int>(fd)) ++i;
+  if (i == pollCount_) {
+    if (pollCount_ == pollCapacity_) {
+      pollCapacity_ += kPollGrowth;
+      void* grown = GrowArray(pollList_, (pollCapacity_ + 1) * sizeof(pollfd));
+      if (grown == nullptr) {
+        std::fprintf(stderr,
+                     "\n%sPID=%d SEVERE INTERNAL ERROR\nThe eventloop failed to allocate memory "
+                     "for poll list - this software will not function correctly.\n",
+                     kPrefix, static_cast<int>(getpid()));
+        // The last registered descriptor drops out as well; kept on purpose.
+        --pollCount_;
+        pollCapacity_ -= kPollGrowth;
+        return false;
+      }
+      pollList_ = static_cast<pollfd*>(grown);
+    }
+    pollfd& entry = Entry(pollCount_);
+    entry.fd = static_cast<int>(fd);
+    entry.events = POLLNVAL;
+    entry.revents = 0;
+    ++pollCount_;
+  }
+  if (read) {
+    delete readCallbacks_.Get(fd);
+    readCallbacks_.Set(fd, new FileRecord{cb});
+    Entry(i).events = static_cast<short>(Entry(i).events | POLLIN);
+  }
+  if (write) {
+    delete writeCallbacks_.Get(fd);
+    writeCallbacks_.Set(fd, new FileRecord{cb});
+    Entry(i).events = static_cast<short>(Entry(i).events | POLLOUT);
+  }
+  return true;
+}
+
+void OmEventLoop::ClearSlot(OmISparseArray<FileRecord>& array, unsigned fd) {
+  if (fd >= array.Size()) return;
+  delete array.Get(fd);
+  array.Set(fd, nullptr);
+}
+
+bool OmEventLoop::RemoveFileEvent(unsigned fd, bool read, bool write, OmEventCallback*) {
+  size_t i = 0;
+  while (i < pollCount_ && Entry(i).fd != static_cast<int>(fd)) ++i;
+  if (i == pollCount_) return false;
+  if (read) {
+    ClearSlot(readCallbacks_, fd);
+    Entry(i).events = static_cast<short>(Entry(i).events & ~POLLIN);
+  }
+  if (write) {
+    ClearSlot(writeCallbacks_, fd);
+    Entry(i).events = static_cast<short>(Entry(i).events & ~POLLOUT);
+  }
+  if ((Entry(i).events & ~POLLNVAL) == 0) {
+    std::memmove(&Entry(i), &Entry(i + 1), (pollCount_ - i - 1) * sizeof(pollfd));
+    --pollCount_;
+  }
+  return true;
+}
+
+bool OmEventLoop::AddTimeoutEvent(const OmTimeVal& when, OmEventCallback* cb) {
+  timeouts_.Insert(new OmEventTimeout{cb, when});
+  return true;
+}
+
+bool OmEventLoop::RemoveTimeoutEvent(const OmTimeVal& when, OmEventCallback* cb) {
+  for (size_t i = 0; i < timeouts_.Length(); ++i) {
+    OmEventTimeout* t = timeouts_[i];
+    if (t->time.seconds != when.seconds || t->time.microseconds != when.microseconds ||
+        t->callback != cb) {
+      continue;
+    }
+    // The owner hears of the withdrawal while the entry is still listed.
+    if (cb != nullptr) cb->Dispatch(OmEvent::removed);
+    if (timeouts_.Remove(t)) delete t;
+    return true;
+  }
+  return false;
+}
+
+bool OmEventLoop::HasTimeout(const OmEventCallback* cb) const {
+  for (const OmEventTimeout* t : timeouts_) {
+    if (t->callback == cb) return true;
+  }
+  return false;
+}
+
+int OmEventLoop::EnterEventLoop() {
+  OmUnixProcess::StartSignals();
+  running_ = true;
+  while (ShouldContinue()) RunOneTurn();
+  OmUnixProcess::StopSignals();
+  return exitValue_;
+}
+
+void OmEventLoop::ExitEventLoop(int value) {
+  exitValue_ = value;
+  running_ = false;
+}
+
+int OmEventLoop::WaitMilliseconds() const {
+  if (timeouts_.IsEmpty()) return -1;
+  const OmTimeVal& due = timeouts_[0]->time;
+  const OmTimeVal now = OmTimeVal::now();
+  if (due.seconds < now.seconds ||
+      (due.seconds == now.seconds && due.microseconds <= now.microseconds)) {
+    return 0;
+  }
+  long long seconds = static_cast<long long>(due.seconds) - now.seconds;
+  long long micros = static_cast<long long>(due.microseconds) - now.microseconds;
+  if (micros < 0) {
+    --seconds;
+    micros += 1000000;
+  }
+  const long long ms = seconds * 1000 + micros / 1000;
+  return ms > INT_MAX ? INT_MAX : static_cast<int>(ms);
+}
+
+void OmEventLoop::RunOneTurn() {
+  if (process_ != nullptr && process_->ProcessSignals()) return;
+
+  const int wait = WaitMilliseconds();
+  pollfd& wake = pollList_[0];
+  wake.fd = process_ != nullptr ? process_->SignalWakeFd() : -1;
+  wake.events = POLLIN;
+  wake.revents = 0;
+
+  const int ready = poll(pollList_, pollCount_ + 1, wait);
+  if (ready == 0) {
+    FireFirstTimeout();
+    return;
+  }
+  if (ready < 0) {
+    const int err = errno;
+    // An interrupting signal is delivered by the next turn's ProcessSignals.
+    if (err == EINTR || err == EAGAIN) return;
+    ReportPollFailure(err, wait);
+    return;
+  }
+  if (wake.revents != 0 && process_ != nullptr) process_->DrainSignalWake();
+  DispatchReady();
+}
+
+void OmEventLoop::FireFirstTimeout() {
+  if (timeouts_.IsEmpty()) return;
+  // Out of the list before dispatch, so a callback that re-arms itself is not
+  // fired twice in one turn.
+  std::unique_ptr<OmEventTimeout> entry(timeouts_[0]);
+  timeouts_.RemoveAt(0);
+  if (entry->callback != nullptr) entry->callback->Dispatch(OmEvent::fired);
+}
+
+void OmEventLoop::ReportPollFailure(int err, int wait) {
+  OmOSStream args;
+  args << static_cast<unsigned long>(pollCount_) << ", " << wait;
+  const OmUnixError error(err, "poll", args.Str());
+  std::fprintf(stderr, "\n%sPID=%d FATAL ERROR:EventLoop has unexpected error: %s\n", kPrefix,
+               static_cast<int>(getpid()), error.Reason().AsUtf8().c_str());
+  std::fflush(stderr);
+  ExitEventLoop(127);
+}
+
+void OmEventLoop::DispatchReady() {
+  // Callbacks add and remove descriptors (and may move the list), so the
+  // count and the entry are re-read at every step.
+  for (size_t i = 0; i < pollCount_; ++i) {
+    const int fd = Entry(i).fd;
+    if ((Entry(i).revents & kReadReady) != 0) {
+      const FileRecord* rec = readCallbacks_.Get(static_cast<unsigned>(fd));
+      if (rec != nullptr && rec->callback != nullptr) rec->callback->Dispatch(OmEvent::fired);
+    }
+    if (i >= pollCount_) break;
+
+    if ((Entry(i).revents & kWriteReady) != 0) {
+      const FileRecord* rec = writeCallbacks_.Get(static_cast<unsigned>(Entry(i).fd));
+      if (rec != nullptr && rec->callback != nullptr) rec->callback->Dispatch(OmEvent::fired);
+    }
+    if (i >= pollCount_) break;
+
+    const pollfd& entry = Entry(i);
+    if ((entry.revents & POLLNVAL) != 0) {
+      const int bad = entry.fd;
+      if ((entry.events & POLLOUT) != 0) {
+        std::fprintf(stderr,
+                     "\n%sPID=%d SEVERE INTERNAL ERROR\nThe eventloop has bad write file "
+                     "descriptor %d - this software will not function correctly.\n",
+                     kPrefix, static_cast<int>(getpid()), bad);
+      }
+      if ((entry.events & POLLIN) != 0) {
+        std::fprintf(stderr,
+                     "\n%sPID=%d SEVERE INTERNAL ERROR\nThe eventloop has bad read file "
+                     "descriptor %d - this software will not function correctly.\n",
+                     kPrefix, static_cast<int>(getpid()), bad);
+      }
+      RemoveFileEvent(static_cast<unsigned>(bad), true, true, nullptr);
+      // The remaining ready descriptors wait for the next turn.
+      break;
+    }
+  }
+}
