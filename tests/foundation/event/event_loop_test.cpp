@@ -1,0 +1,314 @@
+#include "foundation/event/OmEventLoop.h"
+
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <string>
+#include <vector>
+
+#include "foundation/event/event_test_util.h"
+#include "foundation/process/OmUnixProcess.h"
+
+namespace {
+
+using Log = std::vector<std::string>;
+
+const OmTimeVal kStart(1000000, 500000);
+
+class EventLoopTest : public ::testing::Test {
+ protected:
+  void TearDown() override {
+    for (int fd : fds_) close(fd);
+  }
+  // A connected pair; both ends are closed when the test ends unless closed before.
+  void SocketPair(int& a, int& b) {
+    int sv[2];
+    ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM, 0, sv));
+    a = sv[0];
+    b = sv[1];
+    fds_.push_back(a);
+    fds_.push_back(b);
+  }
+  void CloseNow(int fd) {
+    close(fd);
+    std::erase(fds_, fd);
+  }
+
+  FakeClock clock_{kStart};
+  OmUnixProcess process_;
+  OmEventLoop loop_{&process_};
+  Log log_;
+  std::vector<int> fds_;
+};
+
+TEST_F(EventLoopTest, TimeoutsFireEarliestFirstOnePerTurn) {
+  Probe a("a", &log_), b("b", &log_), c("c", &log_);
+  loop_.AddTimeoutEvent(kStart.PlusSeconds(3), &c);
+  loop_.AddTimeoutEvent(OmTimeVal(kStart.seconds + 1, 999999), &b);
+  loop_.AddTimeoutEvent(kStart.PlusSeconds(1), &a);
+  FakeClock::Now() = kStart.PlusSeconds(10);
+
+  loop_.RunOneTurn();
+  EXPECT_EQ(Log({"a"}), log_);
+  loop_.RunOneTurn();
+  EXPECT_EQ(Log({"a", "b"}), log_);
+  loop_.RunOneTurn();
+  EXPECT_EQ(Log({"a", "b", "c"}), log_);
+  EXPECT_EQ(0u, loop_.TimeoutCount());
+}
+
+TEST_F(EventLoopTest, EqualTimeoutsFireInTwoTurns) {
+  Probe a("a", &log_), b("b", &log_);
+  loop_.AddTimeoutEvent(kStart, &a);
+  loop_.AddTimeoutEvent(kStart, &b);
+  loop_.RunOneTurn();
+  EXPECT_EQ(1u, log_.size());
+  loop_.RunOneTurn();
+  EXPECT_EQ(2u, log_.size());
+  EXPECT_NE(log_[0], log_[1]);
+}
+
+TEST_F(EventLoopTest, PastOrSubMillisecondTimeoutFiresWithoutWaiting) {
+  Probe past("past", &log_), soon("soon", &log_);
+  loop_.AddTimeoutEvent(OmTimeVal(kStart.seconds - 5, 0), &past);
+  loop_.AddTimeoutEvent(OmTimeVal(kStart.seconds, kStart.microseconds + 900), &soon);
+  loop_.RunOneTurn();
+  // The wait is truncated to whole milliseconds, so 0.9 ms ahead is due now.
+  loop_.RunOneTurn();
+  EXPECT_EQ(Log({"past", "soon"}), log_);
+}
+
+TEST_F(EventLoopTest, RealWaitEndsWithTimeout) {
+  Probe t("t", &log_);
+  loop_.AddTimeoutEvent(kStart.PlusMilliseconds(15), &t);
+  loop_.RunOneTurn();
+  EXPECT_EQ(Log({"t"}), log_);
+}
+
+TEST_F(EventLoopTest, ReArmingTimeoutIsNotFiredTwiceInOneTurn) {
+  Probe t("t", &log_);
+  t.action = [&](OmEvent::cbdispatch) { loop_.AddTimeoutEvent(OmTimeVal::now(), &t); };
+  loop_.AddTimeoutEvent(kStart, &t);
+  loop_.RunOneTurn();
+  EXPECT_EQ(Log({"t"}), log_);
+  EXPECT_TRUE(loop_.HasTimeout(&t));
+  loop_.RunOneTurn();
+  EXPECT_EQ(Log({"t", "t"}), log_);
+}
+
+TEST_F(EventLoopTest, RemoveTimeoutNeedsTimeAndCallback) {
+  Probe mine("mine", &log_), other("other", &log_);
+  bool listedDuringDispatch = false;
+  mine.action = [&](OmEvent::cbdispatch) { listedDuringDispatch = loop_.HasTimeout(&mine); };
+  const OmTimeVal when = kStart.PlusSeconds(60);
+  loop_.AddTimeoutEvent(when, &mine);
+
+  EXPECT_FALSE(loop_.RemoveTimeoutEvent(when, &other));
+  EXPECT_FALSE(loop_.RemoveTimeoutEvent(OmTimeVal(when.seconds, 1), &mine));
+  EXPECT_TRUE(log_.empty());
+  EXPECT_EQ(1u, loop_.TimeoutCount());
+
+  EXPECT_TRUE(loop_.RemoveTimeoutEvent(when, &mine));
+  EXPECT_EQ(Log({"mine:removed"}), log_);
+  EXPECT_TRUE(listedDuringDispatch);
+  EXPECT_EQ(0u, loop_.TimeoutCount());
+}
+
+TEST_F(EventLoopTest, ReadAndWriteShareOnePollRecord) {
+  int a, b, c, d;
+  SocketPair(a, b);
+  SocketPair(c, d);
+  Probe r("r", &log_), w("w", &log_);
+  ASSERT_TRUE(loop_.AddFileEvent(a, true, false, &r));
+  ASSERT_TRUE(loop_.AddFileEvent(a, false, true, &w));
+  ASSERT_TRUE(loop_.AddFileEvent(c, true, false, &r));
+  ASSERT_EQ(2u, loop_.PollCount());
+  EXPECT_EQ(a, loop_.PollList()[0].fd);
+  EXPECT_EQ(POLLIN | POLLOUT | POLLNVAL, loop_.PollList()[0].events);
+
+  EXPECT_TRUE(loop_.RemoveFileEvent(a, true, false, nullptr));
+  ASSERT_EQ(2u, loop_.PollCount());
+  EXPECT_EQ(POLLOUT | POLLNVAL, loop_.PollList()[0].events);
+
+  EXPECT_TRUE(loop_.RemoveFileEvent(a, false, true, nullptr));
+  ASSERT_EQ(1u, loop_.PollCount());
+  EXPECT_EQ(c, loop_.PollList()[0].fd);  // later records move down
+  EXPECT_FALSE(loop_.RemoveFileEvent(a, true, true, nullptr));
+  EXPECT_FALSE(loop_.RemoveFileEvent(b, true, true, nullptr));
+}
+
+TEST_F(EventLoopTest, ReadyDescriptorsAreDispatched) {
+  int a, b;
+  SocketPair(a, b);
+  Probe r("r", &log_), w("w", &log_);
+  loop_.AddFileEvent(a, true, false, &r);
+  loop_.AddFileEvent(b, false, true, &w);
+  loop_.RunOneTurn();
+  EXPECT_EQ(Log({"w"}), log_);  // nothing to read yet
+
+  ASSERT_EQ(1, write(b, "x", 1));
+  log_.clear();
+  loop_.RunOneTurn();
+  EXPECT_EQ(Log({"r", "w"}), log_);
+}
+
+TEST_F(EventLoopTest, PeerHangUpWakesReaderThenWriter) {
+  int a, b;
+  SocketPair(a, b);
+  Probe r("read", &log_), w("write", &log_);
+  loop_.AddFileEvent(a, true, false, &r);
+  loop_.AddFileEvent(a, false, true, &w);
+  CloseNow(b);
+  loop_.RunOneTurn();
+  EXPECT_EQ(Log({"read", "write"}), log_);
+}
+
+TEST_F(EventLoopTest, ExitEventLoopLetsThePassFinish) {
+  int a, b, c, d;
+  SocketPair(a, b);
+  SocketPair(c, d);
+  Probe first("first", &log_), second("second", &log_);
+  first.action = [&](OmEvent::cbdispatch) { loop_.ExitEventLoop(7); };
+  loop_.AddFileEvent(a, true, false, &first);
+  loop_.AddFileEvent(c, true, false, &second);
+  ASSERT_EQ(1, write(b, "x", 1));
+  ASSERT_EQ(1, write(d, "y", 1));
+
+  EXPECT_EQ(7, loop_.EnterEventLoop());
+  EXPECT_EQ(Log({"first", "second"}), log_);
+  EXPECT_FALSE(loop_.ShouldContinue());
+  EXPECT_EQ(0, dosigs);
+}
+
+TEST_F(EventLoopTest, ClosedDescriptorIsReportedAndRemoved) {
+  int a, b, c, d;
+  SocketPair(a, b);
+  SocketPair(c, d);
+  Probe bad("bad", &log_), ready("ready", &log_);
+  loop_.AddFileEvent(a, true, true, &bad);
+  loop_.AddFileEvent(c, true, false, &ready);
+  ASSERT_EQ(1, write(d, "x", 1));
+
+  testing::internal::CaptureStderr();
+  CloseNow(a);
+  loop_.RunOneTurn();
+  const std::string err = testing::internal::GetCapturedStderr();
+
+  const std::string pid = std::to_string(getpid());
+  const std::string expected =
+      "\nVRX legacy event loopPID=" + pid +
+      " SEVERE INTERNAL ERROR\nThe eventloop has bad write file descriptor " + std::to_string(a) +
+      " - this software will not function correctly.\n" + "\nVRX legacy event loopPID=" + pid +
+      " SEVERE INTERNAL ERROR\nThe eventloop has bad read file descriptor " + std::to_string(a) +
+      " - this software will not function correctly.\n";
+  EXPECT_EQ(expected, err);
+  EXPECT_TRUE(log_.empty());  // neither told; the ready one waits for the next turn
+  ASSERT_EQ(1u, loop_.PollCount());
+  EXPECT_EQ(c, loop_.PollList()[0].fd);
+
+  loop_.RunOneTurn();
+  EXPECT_EQ(Log({"ready"}), log_);
+}
+
+void* FailingRealloc(void*, size_t) { return nullptr; }
+
+TEST_F(EventLoopTest, PollListGrowsAndReportsOutOfMemory) {
+  Probe p("p", &log_);
+  for (unsigned fd = 1000; fd < 1010; ++fd) ASSERT_TRUE(loop_.AddFileEvent(fd, true, false, &p));
+  EXPECT_EQ(10u, loop_.PollCapacity());
+
+  OmEventLoop::SetReallocator(&FailingRealloc);
+  testing::internal::CaptureStderr();
+  const bool added = loop_.AddFileEvent(1010, true, false, &p);
+  const std::string err = testing::internal::GetCapturedStderr();
+  OmEventLoop::SetReallocator(nullptr);
+
+  EXPECT_FALSE(added);
+  EXPECT_EQ("\nVRX legacy event loopPID=" + std::to_string(getpid()) +
+                " SEVERE INTERNAL ERROR\nThe eventloop failed to allocate memory for poll list "
+                "- this software will not function correctly.\n",
+            err);
+  EXPECT_EQ(9u, loop_.PollCount());  // the last one drops out too
+  EXPECT_EQ(10u, loop_.PollCapacity());
+
+  for (unsigned fd = 2000; fd < 2005; ++fd) ASSERT_TRUE(loop_.AddFileEvent(fd, true, false, &p));
+  EXPECT_EQ(14u, loop_.PollCount());
+  EXPECT_EQ(110u, loop_.PollCapacity());
+  EXPECT_EQ(2004, loop_.PollList()[13].fd);
+}
+
+TEST_F(EventLoopTest, PollFailureEndsLoopWith127) {
+  int out[2];
+  ASSERT_EQ(0, pipe(out));
+  fflush(nullptr);
+  const pid_t pid = fork();
+  ASSERT_GE(pid, 0);
+  if (pid == 0) {
+    // More poll entries than the descriptor limit: poll fails with EINVAL.
+    dup2(out[1], 2);
+    const rlimit limit{8, 8};
+    setrlimit(RLIMIT_NOFILE, &limit);
+    Probe p("p", &log_);
+    for (unsigned fd = 100; fd < 120; ++fd) loop_.AddFileEvent(fd, true, false, &p);
+    _exit(loop_.EnterEventLoop() == 127 ? 0 : 1);
+  }
+  close(out[1]);
+  std::string err;
+  char buf[256];
+  ssize_t n;
+  while ((n = read(out[0], buf, sizeof buf)) > 0) err.append(buf, static_cast<size_t>(n));
+  close(out[0]);
+  int status = 0;
+  ASSERT_EQ(pid, waitpid(pid, &status, 0));
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  EXPECT_EQ("\nVRX legacy event loopPID=" + std::to_string(pid) +
+                " FATAL ERROR:EventLoop has unexpected error: poll(20, -1): Invalid argument\n",
+            err);
+}
+
+TEST_F(EventLoopTest, SignalWakesLoopBlockedWithoutLimit) {
+  SignalRestorer restore({SIGALRM});
+  Probe alarm("alarm", &log_);
+  alarm.action = [&](OmEvent::cbdispatch) { loop_.ExitEventLoop(9); };
+  process_.CatchSignal(SIGALRM, &alarm);
+  OmUnixProcess::StartSignals();
+  const itimerval in10ms{{0, 0}, {0, 10000}};
+  setitimer(ITIMER_REAL, &in10ms, nullptr);
+  EXPECT_EQ(9, loop_.EnterEventLoop());
+  EXPECT_EQ(Log({"alarm"}), log_);
+  process_.RemoveSignalCallback(SIGALRM, &alarm);
+}
+
+// Raises SIGUSR1 the first time the loop reads the clock, that is after
+// ProcessSignals and just before poll.
+bool g_raiseOnClock = false;
+OmTimeVal RaisingClock() {
+  if (g_raiseOnClock) {
+    g_raiseOnClock = false;
+    raise(SIGUSR1);
+  }
+  return kStart;
+}
+
+TEST_F(EventLoopTest, SignalJustBeforePollStillWakesTheLoop) {
+  SignalRestorer restore({SIGUSR1});
+  Probe usr1("usr1", &log_), timeout("timeout", &log_);
+  process_.CatchSignal(SIGUSR1, &usr1);
+  loop_.AddTimeoutEvent(kStart.PlusSeconds(1), &timeout);
+  OmUnixProcess::StartSignals();
+  g_raiseOnClock = true;
+  OmTimeVal::SetClock(&RaisingClock);
+
+  // Without the wake-up poll would sleep the full second and fire the timeout.
+  loop_.RunOneTurn();
+  EXPECT_TRUE(log_.empty());
+  loop_.RunOneTurn();
+  EXPECT_EQ(Log({"usr1"}), log_);
+  process_.RemoveSignalCallback(SIGUSR1, &usr1);
+}
+
+}  // namespace

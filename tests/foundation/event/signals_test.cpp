@@ -1,0 +1,212 @@
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <string>
+#include <vector>
+
+#include "foundation/event/OmCallback.h"
+#include "foundation/event/OmEventLoop.h"
+#include "foundation/event/event_test_util.h"
+#include "foundation/process/OmUnixProcess.h"
+
+namespace {
+
+using Log = std::vector<std::string>;
+
+class SignalsTest : public ::testing::Test {
+ protected:
+  void SetUp() override { OmUnixProcess::StartSignals(); }
+  void TearDown() override {
+    // Leave no child behind for the next test.
+    for (int pid : process_.Children()) kill(pid, SIGKILL);
+    while (waitpid(-1, nullptr, WNOHANG) > 0) {
+    }
+  }
+
+  // A child that runs `body` and never returns into the test.
+  template <typename Body>
+  int Child(OmUnixProcess::ChildCallback* onExit, Body body) {
+    OmUnixProcess::ForkParams params;
+    params.exitCallback = onExit;
+    const int self = getpid();
+    const bool ok = process_.Fork(params);
+    if (getpid() != self) {
+      body();
+      _exit(99);
+    }
+    EXPECT_TRUE(ok);
+    return params.pid;
+  }
+
+  SignalRestorer restore_{{SIGTERM, SIGUSR1, SIGUSR2}};
+  OmUnixProcess process_;
+  Log log_;
+};
+
+TEST_F(SignalsTest, TwoSigtermsGiveOneCallback) {
+  Probe term("term", &log_);
+  process_.CatchSignal(SIGTERM, &term);
+  raise(SIGTERM);
+  raise(SIGTERM);
+  EXPECT_TRUE(process_.ProcessSignals());
+  EXPECT_EQ(Log({"term"}), log_);
+  EXPECT_FALSE(process_.ProcessSignals());
+}
+
+TEST_F(SignalsTest, SignalsOutsideTheLoopAreDropped) {
+  Probe usr1("usr1", &log_);
+  process_.CatchSignal(SIGUSR1, &usr1);
+  OmUnixProcess::StopSignals();
+  raise(SIGUSR1);
+  EXPECT_FALSE(process_.ProcessSignals());
+  // The handler stays armed for the next one.
+  OmUnixProcess::StartSignals();
+  raise(SIGUSR1);
+  EXPECT_TRUE(process_.ProcessSignals());
+  EXPECT_EQ(Log({"usr1"}), log_);
+}
+
+TEST_F(SignalsTest, AscendingSignalsThenRegistrationOrder) {
+  Probe a("a", &log_), b("b", &log_), c("c", &log_), late("late", &log_);
+  process_.CatchSignal(SIGUSR2, &b);
+  process_.CatchSignal(SIGUSR1, &a);
+  process_.CatchSignal(SIGUSR1, &c);
+  // Registered during the walk: heard from the next signal on.
+  a.action = [&](OmEvent::cbdispatch) { process_.CatchSignal(SIGUSR1, &late); };
+  raise(SIGUSR2);
+  raise(SIGUSR1);
+  EXPECT_TRUE(process_.ProcessSignals());
+  EXPECT_EQ(Log({"a", "c", "b"}), log_);
+
+  EXPECT_TRUE(process_.RemoveSignalCallback(SIGUSR1, &a));
+  EXPECT_FALSE(process_.RemoveSignalCallback(SIGUSR1, &a));
+  log_.clear();
+  raise(SIGUSR1);
+  process_.ProcessSignals();
+  EXPECT_EQ(Log({"c", "late"}), log_);
+}
+
+TEST_F(SignalsTest, ChildExitAndKillAreDecoded) {
+  ExitProbe exits;
+  Probe plain("plain", &log_);
+  process_.CatchSignal(SIGCHLD, &plain);  // never dispatched: SIGCHLD goes by pid
+  const int exited = Child(&exits, [] { _exit(3); });
+  const int killed = Child(&exits, [] {
+    for (;;) pause();
+  });
+  EXPECT_EQ(std::vector<int>({exited, killed}), process_.Children());
+  kill(killed, SIGKILL);
+  ASSERT_TRUE(WaitUntilDead(exited));
+  ASSERT_TRUE(WaitUntilDead(killed));
+
+  EXPECT_TRUE(process_.ProcessSignals());
+  ASSERT_EQ(2u, exits.seen.size());
+  for (const auto& info : exits.seen) {
+    if (info.pid == exited) {
+      EXPECT_EQ(3, info.exitCode);
+      EXPECT_EQ(0, info.signal);
+    } else {
+      EXPECT_EQ(killed, info.pid);
+      EXPECT_EQ(0, info.exitCode);
+      EXPECT_EQ(SIGKILL, info.signal);
+    }
+  }
+  EXPECT_TRUE(log_.empty());
+  EXPECT_TRUE(process_.Children().empty());
+  EXPECT_FALSE(process_.RemoveSIGCHLDCallback(exited));  // records go once used
+  EXPECT_FALSE(process_.RemoveSIGCHLDCallback(killed));
+}
+
+TEST_F(SignalsTest, SeveralChildrenReapedInOnePass) {
+  std::vector<std::pair<int, int>> seen;  // (record's own number, exit code)
+  struct Owner {
+    std::vector<std::pair<int, int>>* seen;
+    void exitCB(OmCallback<OmUnixProcess::child_info>*, OmUnixProcess::child_info info, int n) {
+      seen->push_back({n, info.exitCode});
+    }
+  } owner{&seen};
+  using CB = OmCallbackWithData<OmUnixProcess::child_info, Owner, int>;
+  CB cb1(&owner, &Owner::exitCB, 1), cb2(&owner, &Owner::exitCB, 2), cb3(&owner, &Owner::exitCB, 3);
+  const int p1 = Child(&cb1, [] { _exit(11); });
+  const int p2 = Child(&cb2, [] { _exit(12); });
+  const int p3 = Child(&cb3, [] { _exit(13); });
+  ASSERT_TRUE(WaitUntilDead(p1) && WaitUntilDead(p2) && WaitUntilDead(p3));
+
+  EXPECT_TRUE(process_.ProcessSignals());
+  std::sort(seen.begin(), seen.end());
+  EXPECT_EQ((std::vector<std::pair<int, int>>{{1, 11}, {2, 12}, {3, 13}}), seen);
+  EXPECT_FALSE(process_.ProcessSignals());
+}
+
+TEST_F(SignalsTest, ChildWithoutRecordIsReapedSilently) {
+  const int pid = Child(nullptr, [] { _exit(0); });
+  ASSERT_TRUE(WaitUntilDead(pid));
+  EXPECT_TRUE(process_.ProcessSignals());
+  siginfo_t info{};
+  EXPECT_EQ(-1, waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG));
+  EXPECT_EQ(ECHILD, errno);
+  EXPECT_TRUE(process_.Children().empty());
+}
+
+TEST_F(SignalsTest, StoppedChildKeepsItsRecord) {
+  ExitProbe exits;
+  const int pid = Child(&exits, [] {
+    raise(SIGSTOP);
+    _exit(0);
+  });
+  bool stopped = false;
+  for (int i = 0; i < 2000 && !stopped; ++i) {
+    siginfo_t info{};
+    stopped = waitid(P_PID, static_cast<id_t>(pid), &info, WSTOPPED | WNOHANG | WNOWAIT) == 0 &&
+              info.si_pid == pid;
+    if (!stopped) poll(nullptr, 0, 1);
+  }
+  ASSERT_TRUE(stopped);
+  process_.ProcessSignals();
+  EXPECT_TRUE(exits.seen.empty());
+
+  kill(pid, SIGKILL);
+  ASSERT_TRUE(WaitUntilDead(pid));
+  EXPECT_TRUE(process_.ProcessSignals());
+  ASSERT_EQ(1u, exits.seen.size());
+  EXPECT_EQ(SIGKILL, exits.seen[0].signal);
+}
+
+TEST_F(SignalsTest, ChildDeathEndsABlockedLoop) {
+  OmEventLoop loop(&process_);
+  struct Owner {
+    OmEventLoop* loop;
+    void deadkidCB(OmCallback<OmUnixProcess::child_info>*, OmUnixProcess::child_info info) {
+      loop->ExitEventLoop(100 + info.exitCode);
+    }
+  } owner{&loop};
+  OmSimpleCallback<OmUnixProcess::child_info, Owner> cb(&owner, &Owner::deadkidCB);
+  Child(&cb, [] { _exit(5); });
+  EXPECT_EQ(105, loop.EnterEventLoop());
+}
+
+TEST(CallbackTest, HandlersReceiveTheirCallbackAndDatum) {
+  static std::vector<const void*> seen;
+  struct Owner {
+    void simpleCB(OmEventCallback* cb, OmEvent::cbdispatch a) {
+      if (a == OmEvent::fired) seen.push_back(cb);
+    }
+    void dataCB(OmEventCallback* cb, OmEvent::cbdispatch, const char* d) {
+      seen.push_back(cb);
+      seen.push_back(d);
+    }
+  } owner;
+  OmSimpleCallback<OmEvent::cbdispatch, Owner> simple(&owner, &Owner::simpleCB);
+  const char* datum = "datum";
+  OmCallbackWithData<OmEvent::cbdispatch, Owner, const char*> withData(&owner, &Owner::dataCB, datum);
+  OmStaticCallback<OmEvent::cbdispatch> plain(
+      [](OmEventCallback* cb, OmEvent::cbdispatch) { seen.push_back(cb); });
+
+  OmEventCallback* all[] = {&simple, &withData, &plain};
+  for (OmEventCallback* cb : all) cb->Dispatch(OmEvent::fired);
+  simple.Dispatch(OmEvent::removed);
+  EXPECT_EQ((std::vector<const void*>{&simple, &withData, datum, &plain}), seen);
+  EXPECT_EQ(datum, withData.GetData());
+}
+
+}  // namespace
