@@ -1,0 +1,138 @@
+#include "hosts/Host.h"
+
+#include <netdb.h>
+
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+
+#include "agent/Bootstrap.h"
+#include "agent/Globals.h"
+#include "agent/Messages.h"
+#include "foundation/event/OmEventLoop.h"
+#include "hosts/HostListMgr.h"
+#include "hosts/Responder.h"
+#include "hosts/Settings.h"
+#include "measure/Cache.h"
+#include "measure/StatsPacket.h"
+
+namespace {
+
+// |a - b| with the difference taken as a signed 32-bit value.
+int64_t signedDistance(uint32_t a, uint32_t b) {
+  return std::llabs(static_cast<int32_t>(a - b));
+}
+
+}  // namespace
+
+Host::Host(const OmUniString& hostName, unsigned hostPort, unsigned sampleRateMs,
+           unsigned windowSz, unsigned replyFrequencyMs, unsigned threshold, unsigned hostId,
+           const OmUniString& hostText, unsigned hostFlags)
+    : name(hostName),
+      port(hostPort),
+      sampleRate(sampleRateMs / 1000),
+      windowSize(windowSz),
+      replyFrequency(replyFrequencyMs / 1000),
+      percentChangeThreshold(threshold),
+      id(hostId),
+      text(hostText),
+      flags(hostFlags),
+      sendResultsCallback(this, &Host::sendResultsCB) {
+  Bootstrap::checkSampleRateAndWindowSize(sampleRate, windowSize);
+  if (replyFrequency < MIN_REPLY_FREQUENCY) replyFrequency = MIN_REPLY_FREQUENCY;
+
+  const OmTimeVal now = OmTimeVal::now();
+  lastSendTime = now;
+  nextSendTime = now;
+  expiryTime = now;
+
+  // Numeric addresses resolve here as well as names.
+  const std::string host = name.AsUtf8();
+  const hostent* entry = gethostbyname(host.c_str());
+  if (entry == nullptr || entry->h_addrtype != AF_INET ||
+      entry->h_length != static_cast<int>(sizeof(in_addr)) || entry->h_addr_list[0] == nullptr) {
+    LogAddressLookupFail(name, static_cast<unsigned>(entry == nullptr ? h_errno : NO_DATA));
+    return;
+  }
+  in_addr first;
+  std::memcpy(&first, entry->h_addr_list[0], sizeof first);
+  address = OmInetAddr(first, port);
+
+  loop = HostListMgr::eventloop;
+  if (loop == nullptr) return;  // no loop to carry the send timer
+  nextSendTime = now.PlusSeconds(replyFrequency);
+  expiryTime = now.PlusSeconds(hostsettings::hostLifeTime());
+  armTimer();
+  valid = timerArmed;
+}
+
+Host::~Host() {
+  // The loop would otherwise fire the timer into a destroyed host; it tells
+  // the callback of the withdrawal, which the callback ignores.
+  if (timerArmed && loop != nullptr) loop->RemoveTimeoutEvent(nextSendTime, &sendResultsCallback);
+}
+
+void Host::armTimer() {
+  timerArmed = loop != nullptr && loop->AddTimeoutEvent(nextSendTime, &sendResultsCallback);
+}
+
+bool Host::send(StatsPacket* stats) {
+  if (myResponder == nullptr) return false;
+  if (myResponder->sendLoadPacket(0, text, id, stats, flags, address, name) !=
+      OmStatus::Success) {
+    return false;  // the last values stay as they were
+  }
+  lastIdle = stats->idle;
+  lastVmem = stats->vmem;
+  lastPmem = stats->pmem;
+  lastBogo = static_cast<unsigned>(hostsettings::bogomips());
+  lastSendTime = OmTimeVal::now();
+  return true;
+}
+
+int Host::sendLoad(StatsPacket* stats) {
+  return send(stats) ? OmStatus::Success : OmStatus::Failure;
+}
+
+void Host::sendResultsCB(OmEventCallback*, OmEvent::cbdispatch reason) {
+  if (reason != OmEvent::fired) return;
+  timerArmed = false;  // the loop has already dropped the entry
+
+  std::unique_ptr<StatsPacket> average;
+  if (myCache != nullptr) average = myCache->getAverageOfNIdleValues(cacheEntries);
+  if (average == nullptr) {
+    LogCacheEmpty(name);
+  } else {
+    send(average.get());
+  }
+
+  nextSendTime = OmTimeVal::now().PlusSeconds(replyFrequency);
+  armTimer();
+}
+
+void Host::percentChange(unsigned idle) {
+  std::unique_ptr<StatsPacket> average;
+  if (myCache != nullptr) average = myCache->getAverageOfNIdleValues(cacheEntries);
+  if (average == nullptr) {
+    LogCacheEmpty(name);
+    return;
+  }
+
+  bool fire = false;
+  if (flags & CPU) {
+    fire = signedDistance(lastIdle, idle) >= percentChangeThreshold &&
+           signedDistance(lastIdle, average->idle) >= percentChangeThreshold;
+  }
+  if (!fire && (flags & VMEM)) {
+    // MiB against a maximum in KiB: the scale of the test is deliberate.
+    const uint32_t maxVirtual = hostsettings::maxVirtualMemory();
+    if (maxVirtual != 0) {
+      const int64_t p = signedDistance(lastVmem, average->vmem) * 100 / maxVirtual;
+      fire = p >= percentChangeThreshold;
+    }
+  }
+  if (fire) send(average.get());
+}
+
+bool Host::isExpired(const OmTimeVal& now) const { return expiryTime.Time() <= now.Time(); }

@@ -1,0 +1,86 @@
+#ifndef QUELM_HOSTS_HOST_H_
+#define QUELM_HOSTS_HOST_H_
+
+#include <cstdint>
+
+#include "foundation/event/OmCallback.h"
+#include "foundation/net/OmInetAddr.h"
+#include "foundation/string/OmTimeVal.h"
+#include "foundation/string/OmUniString.h"
+
+class OmEventLoop;
+struct StatsPacket;
+
+// A subscriber: a machine that is sent load packets over UDP at its reply
+// frequency and whenever its load figures change by its threshold.
+class Host {
+ public:
+  static constexpr unsigned CPU = 1;
+  static constexpr unsigned BOGO = 2;
+  static constexpr unsigned VMEM = 4;
+  static constexpr unsigned MIN_REPLY_FREQUENCY = 10;  // seconds
+
+  // Rates and frequencies arrive in milliseconds.
+  Host(const OmUniString& name, unsigned port, unsigned sampleRateMs, unsigned windowSize,
+       unsigned replyFrequencyMs, unsigned percentChangeThreshold, unsigned id,
+       const OmUniString& text, unsigned flags);
+  ~Host();
+  Host(const Host&) = delete;
+  Host& operator=(const Host&) = delete;
+
+  int sendLoad(StatsPacket* stats);
+  void percentChange(unsigned idle);
+  bool isExpired(const OmTimeVal& now) const;
+  void setCacheEntries(unsigned entries) { cacheEntries = entries; }
+  void sendResultsCB(OmEventCallback* cb, OmEvent::cbdispatch reason);
+
+  bool isValid() const { return valid; }
+  const OmUniString& getName() const { return name; }
+  const OmInetAddr& getAddress() const { return address; }
+  unsigned getPort() const { return port; }
+  unsigned getSampleRate() const { return sampleRate; }     // seconds
+  unsigned getWindowSize() const { return windowSize; }
+  unsigned getReplyFrequency() const { return replyFrequency; }  // seconds
+  unsigned getPercentChange() const { return percentChangeThreshold; }
+  unsigned getId() const { return id; }
+  const OmUniString& getText() const { return text; }
+  unsigned getFlags() const { return flags; }
+  unsigned getLastIdle() const { return lastIdle; }
+  unsigned getLastVmem() const { return lastVmem; }
+  unsigned getLastPmem() const { return lastPmem; }
+  unsigned getLastBogo() const { return lastBogo; }
+  const OmTimeVal& getLastSendTime() const { return lastSendTime; }
+  const OmTimeVal& getNextSendTime() const { return nextSendTime; }
+  const OmTimeVal& getExpiryTime() const { return expiryTime; }
+  unsigned getCacheEntries() const { return cacheEntries; }
+
+ private:
+  // Sends an average and records what was sent; false when the send failed.
+  bool send(StatsPacket* stats);
+  void armTimer();
+
+  OmUniString name;
+  OmInetAddr address;
+  unsigned port;
+  unsigned sampleRate;
+  unsigned windowSize;
+  unsigned replyFrequency;
+  unsigned percentChangeThreshold;
+  unsigned id;
+  OmUniString text;
+  unsigned flags;
+  unsigned lastIdle = 0;
+  unsigned lastVmem = 0;
+  unsigned lastPmem = 0;
+  unsigned lastBogo = 0;
+  OmTimeVal lastSendTime;
+  OmTimeVal nextSendTime;
+  OmTimeVal expiryTime;
+  unsigned cacheEntries = 2;
+  bool valid = false;
+  bool timerArmed = false;
+  OmEventLoop* loop = nullptr;  // the loop holding the send timer
+  OmSimpleCallback<OmEvent::cbdispatch, Host> sendResultsCallback;
+};
+
+#endif  // QUELM_HOSTS_HOST_H_

@@ -1,0 +1,50 @@
+#ifndef QUELM_HOSTS_RESPONDER_H_
+#define QUELM_HOSTS_RESPONDER_H_
+
+#include <cstdint>
+
+#include "foundation/net/OmInetAddr.h"
+#include "foundation/net/OmSocket.h"
+#include "foundation/string/OmOSStream.h"
+#include "foundation/string/OmStatus.h"
+#include "foundation/string/OmUniString.h"
+
+struct StatsPacket;
+
+// Owns the probe's UDP socket and sends load packets to subscribed hosts.
+// Also owns the format of the stats record, which the get reply reuses.
+class Responder {
+ public:
+  // Binds to any local address on a port the system chooses. A failure is
+  // logged; later sends then fail one by one.
+  Responder();
+  Responder(const Responder&) = delete;
+  Responder& operator=(const Responder&) = delete;
+
+  // Builds and sends one packet. The timestamp and text are accepted and not
+  // used: the sequence number always comes from the clock.
+  OmStatus::Value sendLoadPacket(unsigned timestamp, const OmUniString& text, unsigned id,
+                                 StatsPacket* stats, unsigned flags, const OmInetAddr& dest,
+                                 const OmUniString& hostName);
+  // One datagram of the packet's ASCII bytes; a partial write is a failure.
+  OmStatus::Value sendPacket(const OmOSStream& packet, const OmInetAddr& dest,
+                             const OmUniString& hostName);
+
+  // "<stats>...</stats>" with the entries the flags (Host::CPU, BOGO, VMEM)
+  // select, each followed by one space. The speed figure and the memory
+  // maxima come from the agent's single instances.
+  static void writeStats(OmOSStream& out, const StatsPacket& stats, unsigned flags);
+  // The same with explicit figures; the maxima are in KiB.
+  static void writeStats(OmOSStream& out, const StatsPacket& stats, unsigned flags,
+                         int64_t bogomips, uint32_t maxVirtualMemory, uint32_t maxPhysMemory);
+
+  bool isBound() const { return bound; }
+  // The socket's own address and port.
+  bool localAddress(OmInetAddr& addr) { return socket.LocalAddress(addr); }
+
+ private:
+  OmSocket socket;
+  bool bound = false;
+};
+
+#endif  // QUELM_HOSTS_RESPONDER_H_
