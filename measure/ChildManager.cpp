@@ -57,8 +57,14 @@ ChildManager::~ChildManager() {
   closePipe();
   if (childPid > 0) {
     if (kill(childPid, 0) == 0) kill(childPid, SIGKILL);
+    // The probe is going away: give the killed tool a moment to be reaped so
+    // that no zombie is left behind.
     int status = 0;
-    if (waitpid(childPid, &status, WNOHANG) == childPid) process().RemoveSIGCHLDCallback(childPid);
+    for (int i = 0; i < 100; ++i) {
+      if (waitpid(childPid, &status, WNOHANG) != 0) break;
+      usleep(10000);
+    }
+    process().RemoveSIGCHLDCallback(childPid);
   }
   std::free(buffer);
 }
@@ -132,8 +138,10 @@ int ChildManager::forkChild() {
       return childPid;
     }
     if (forkParams.execFailed) {
-      // We are the child and the tool could not be run. Pausing one sample
-      // interval keeps the parent's restarts from becoming a fork storm.
+      // We are the child and the tool could not be run. Let go of the
+      // probe's descriptors (connections, logs, the command port), then pause
+      // one sample interval so the parent's restarts never become a fork storm.
+      closefrom(3);
       sleepFunction(sampleRate);
       _exit(127);
     }
