@@ -6,6 +6,8 @@
 #include "agent/PidFile.h"
 #include "foundation/event/OmEventLoop.h"
 #include "foundation/process/OmUnixProcess.h"
+#include "hosts/HostListMgr.h"
+#include "hosts/Responder.h"
 #include "measure/BaseFilter.h"
 #include "measure/Bogomips.h"
 #include "measure/Cache.h"
@@ -25,9 +27,11 @@ int probeMain(int argc, char** argv) {
   myBogomips = new Bogomips(myBootstrap->getProcessors(), myBootstrap->getMultiProcessorFactor());
   myCache = new Cache(myBootstrap->getMinCacheSize(), myBootstrap->getMaxVirtualMemory(),
                       myBootstrap->getMaxPhysMemory());
+  myResponder = new Responder();
   myFilter = BaseFilter::createFilter(myBootstrap->getFilter(), myBootstrap->getMaxVirtualMemory(),
                                       myBootstrap->getMaxPhysMemory());
   if (myFilter == nullptr) processExit(4);
+  HostListMgr::init(&eventloop);
 
   myChildManager = new ChildManager(eventloop, myFilter);
   // Measured again now that the process is set up.
