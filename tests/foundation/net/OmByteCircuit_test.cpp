@@ -1,0 +1,378 @@
+#include "foundation/net/OmByteCircuit.h"
+
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <numeric>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "foundation/event/OmEventLoop.h"
+#include "foundation/string/OmTimeVal.h"
+
+namespace {
+
+// Records everything the circuit tells it. The file is owned by the test.
+class RecordingCircuit : public OmByteCircuit {
+ public:
+  RecordingCircuit(OmEventLoop& loop, OmFile* file) : OmByteCircuit(loop) {
+    SetReadFile(file);
+    SetWriteFile(file);
+  }
+
+  void ReadAvail(OmByteBuffer& incoming) override {
+    if (incoming.IsEmpty()) {
+      ++asked;
+      if (askFor > 0) ReadMore(askFor);
+      return;
+    }
+    const unsigned char* before = incoming.Data();
+    const OmByteBuffer taken = TakeIncoming();
+    sameStorage = taken.Data() == before && incoming.IsEmpty();
+    deliveries.emplace_back(reinterpret_cast<const char*>(taken.Data()), taken.Length());
+    if (rearm > 0) ReadMore(rearm);
+  }
+  void EndOfFile(bool partial) override {
+    eofs.push_back(partial);
+    OmByteCircuit::EndOfFile(partial);
+  }
+  void WriteError() override {
+    ++writeErrors;
+    OmByteCircuit::WriteError();
+  }
+  void WriteMore(unsigned long written) override { writeMore.push_back(written); }
+  void WriteStopped() override { ++stopped; }
+  void FileDescriptorAvail(const OmFile::RecvFDInfo& info) override { received.push_back(info.fd); }
+
+  unsigned long askFor = 0;
+  unsigned long rearm = 0;
+  int asked = 0;
+  bool sameStorage = false;
+  int writeErrors = 0;
+  int stopped = 0;
+  std::vector<std::string> deliveries;
+  std::vector<bool> eofs;
+  std::vector<unsigned long> writeMore;
+  std::vector<int> received;
+};
+
+bool g_guardFired = false;
+
+void GuardCB(OmCallback<OmEvent::cbdispatch>*, OmEvent::cbdispatch reason) {
+  if (reason == OmEvent::fired) g_guardFired = true;
+}
+
+class OmByteCircuitTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sv_), 0);
+    file_.SetFd(sv_[0], OmFile::kLocalSocket);
+    ASSERT_TRUE(file_.SetBlocking(false));
+    peer_ = sv_[1];
+    ASSERT_EQ(fcntl(peer_, F_SETFL, O_NONBLOCK), 0);
+    g_guardFired = false;
+  }
+  void TearDown() override {
+    if (peer_ >= 0) close(peer_);
+  }
+
+  // One turn of the loop; a guard timeout keeps a missing event from
+  // blocking the test.
+  void Turn() {
+    const OmTimeVal when = OmTimeVal::now().PlusSeconds(2);
+    loop_.AddTimeoutEvent(when, &guard_);
+    loop_.RunOneTurn();
+    loop_.RemoveTimeoutEvent(when, &guard_);
+    ASSERT_FALSE(g_guardFired) << "no descriptor became ready";
+  }
+
+  void Send(const std::string& s) {
+    ASSERT_EQ(write(peer_, s.data(), s.size()), static_cast<ssize_t>(s.size()));
+  }
+
+  std::string Drain() {
+    std::string out;
+    char buf[65536];
+    ssize_t n;
+    while ((n = read(peer_, buf, sizeof buf)) > 0) out.append(buf, static_cast<size_t>(n));
+    return out;
+  }
+
+  OmEventLoop loop_{nullptr};
+  OmStaticCallback<OmEvent::cbdispatch> guard_{GuardCB};
+  int sv_[2] = {-1, -1};
+  int peer_ = -1;
+  OmFile file_;
+};
+
+OmByteBuffer Bytes(const std::string& s) { return OmByteBuffer(s.data(), s.size()); }
+
+std::string Pattern(size_t n) {
+  std::string s(n, '\0');
+  for (size_t i = 0; i < n; ++i) s[i] = static_cast<char>('a' + (i * 7 + i / 251) % 26);
+  return s;
+}
+
+TEST_F(OmByteCircuitTest, RequestedBytesArriveInTwoParts) {
+  RecordingCircuit c(loop_, &file_);
+  EXPECT_EQ(c.WantRead(), 1);
+  c.ReadMore(10);
+
+  Send("0123");
+  Turn();
+  EXPECT_TRUE(c.deliveries.empty());
+  EXPECT_EQ(c.Requested(), 6u);
+
+  Send("456789");
+  Turn();
+  ASSERT_EQ(c.deliveries.size(), 1u);
+  EXPECT_EQ(c.deliveries[0], "0123456789");
+  EXPECT_EQ(c.Requested(), 0u);
+  EXPECT_EQ(c.asked, 0);
+}
+
+TEST_F(OmByteCircuitTest, NothingRequestedAsksTheSubclass) {
+  RecordingCircuit c(loop_, &file_);
+  c.WantRead();
+  Send("abc");
+  Turn();
+  EXPECT_EQ(c.asked, 1);
+  EXPECT_TRUE(c.deliveries.empty());
+
+  c.askFor = 3;
+  Turn();
+  EXPECT_EQ(c.asked, 2);
+  ASSERT_EQ(c.deliveries.size(), 1u);
+  EXPECT_EQ(c.deliveries[0], "abc");
+}
+
+TEST_F(OmByteCircuitTest, EndOfFileInsideARequestIsPartial) {
+  RecordingCircuit c(loop_, &file_);
+  c.WantRead();
+  c.ReadMore(10);
+  Send("0123");
+  close(peer_);
+  peer_ = -1;
+  Turn();
+  if (c.eofs.empty()) Turn();  // the bytes and the close may come one turn apart
+  ASSERT_EQ(c.eofs.size(), 1u);
+  EXPECT_TRUE(c.eofs[0]);
+  EXPECT_TRUE(c.deliveries.empty());
+  EXPECT_EQ(c.ReadWantCount(), 0);
+  EXPECT_EQ(loop_.PollCount(), 0u);
+}
+
+TEST_F(OmByteCircuitTest, EndOfFileBetweenRequestsIsNotPartial) {
+  RecordingCircuit c(loop_, &file_);
+  c.WantRead();
+  c.ReadMore(4);
+  c.rearm = 4;
+  Send("0123");
+  close(peer_);
+  peer_ = -1;
+  Turn();
+  if (c.eofs.empty()) Turn();
+  ASSERT_EQ(c.deliveries.size(), 1u);
+  EXPECT_EQ(c.deliveries[0], "0123");
+  ASSERT_EQ(c.eofs.size(), 1u);
+  EXPECT_FALSE(c.eofs[0]);
+  EXPECT_EQ(loop_.PollCount(), 0u);
+}
+
+TEST_F(OmByteCircuitTest, TakeIncomingHandsOverWithoutCopying) {
+  RecordingCircuit c(loop_, &file_);
+  c.WantRead();
+  c.ReadMore(5);
+  Send("hello");
+  Turn();
+  ASSERT_EQ(c.deliveries.size(), 1u);
+  EXPECT_TRUE(c.sameStorage);
+  EXPECT_EQ(c.GetStatistics()->incomingBytes, 0u);
+  EXPECT_EQ(c.Requested(), 0u);
+}
+
+TEST_F(OmByteCircuitTest, StopReadNeverGoesBelowZero) {
+  RecordingCircuit c(loop_, &file_);
+  EXPECT_EQ(c.WantRead(), 1);
+  EXPECT_EQ(c.WantRead(), 2);
+  EXPECT_EQ(loop_.PollCount(), 1u);
+  EXPECT_EQ(c.StopRead(), 1);
+  EXPECT_EQ(loop_.PollCount(), 1u);
+  EXPECT_EQ(c.StopRead(), 0);
+  EXPECT_EQ(loop_.PollCount(), 0u);
+
+  // Someone else now reads the descriptor: further StopReads leave it alone.
+  OmStaticCallback<OmEvent::cbdispatch> other{GuardCB};
+  ASSERT_TRUE(loop_.AddFileEvent(static_cast<unsigned>(file_.Fd()), true, false, &other));
+  EXPECT_EQ(c.StopRead(), 0);
+  EXPECT_EQ(c.StopRead(), 0);
+  EXPECT_EQ(c.ReadWantCount(), 0);
+  EXPECT_EQ(loop_.PollCount(), 1u);
+  loop_.RemoveFileEvent(static_cast<unsigned>(file_.Fd()), true, false, &other);
+}
+
+TEST_F(OmByteCircuitTest, EmptyWriteQueuesNothing) {
+  RecordingCircuit c(loop_, &file_);
+  c.Write(OmByteBuffer(), false);
+  EXPECT_EQ(c.QueuedMessages(), 0u);
+  c.Write(OmByteBuffer(), true);
+  EXPECT_EQ(c.QueuedMessages(), 0u);
+  EXPECT_FALSE(c.IsWriteRegistered());
+  EXPECT_EQ(loop_.PollCount(), 0u);
+}
+
+TEST_F(OmByteCircuitTest, WriteNowSendsAtOnceAndSharesTheBuffer) {
+  RecordingCircuit c(loop_, &file_);
+  const OmByteBuffer data = Bytes("reply");
+  c.Write(data, false);
+  EXPECT_EQ(data.RefCount(), 2u);  // queued by reference
+  EXPECT_TRUE(c.IsWriteRegistered());
+  c.Write(Bytes("!"), true);
+  EXPECT_EQ(c.QueuedMessages(), 0u);
+  EXPECT_FALSE(c.IsWriteRegistered());
+  EXPECT_EQ(data.RefCount(), 1u);
+  EXPECT_EQ(Drain(), "reply!");
+}
+
+TEST_F(OmByteCircuitTest, PartialWriteContinuesFromTheRightOffset) {
+  const int small = 4096;
+  ASSERT_EQ(setsockopt(sv_[0], SOL_SOCKET, SO_SNDBUF, &small, sizeof small), 0);
+  ASSERT_EQ(setsockopt(peer_, SOL_SOCKET, SO_RCVBUF, &small, sizeof small), 0);
+
+  RecordingCircuit c(loop_, &file_);
+  const std::string big = Pattern(1 << 20);
+  c.Write(Bytes(big), true);
+  ASSERT_EQ(c.writeMore.size(), 1u);
+  const unsigned long first = c.writeMore[0];
+  EXPECT_GT(first, 0u);
+  EXPECT_LT(first, big.size());
+  EXPECT_TRUE(c.IsWriteRegistered());
+  OmByteCircuit::Statistics* stats = c.GetStatistics();
+  ASSERT_EQ(stats->messages.size(), 1u);
+  EXPECT_EQ(stats->messages[0].length, big.size() - first);
+
+  std::string got;
+  for (int turns = 0; c.QueuedMessages() > 0 && turns < 10000; ++turns) {
+    got += Drain();
+    Turn();
+  }
+  got += Drain();
+  EXPECT_EQ(c.QueuedMessages(), 0u);
+  EXPECT_FALSE(c.IsWriteRegistered());
+  EXPECT_GT(c.writeMore.size(), 1u);
+  const unsigned long partial =
+      std::accumulate(c.writeMore.begin(), c.writeMore.end(), 0UL);
+  EXPECT_LT(partial, big.size());
+  ASSERT_EQ(got.size(), big.size());
+  EXPECT_TRUE(got == big) << "bytes out of order";
+}
+
+TEST_F(OmByteCircuitTest, CloseMarkerWaitsForEverythingQueued) {
+  const int small = 4096;
+  ASSERT_EQ(setsockopt(sv_[0], SOL_SOCKET, SO_SNDBUF, &small, sizeof small), 0);
+  ASSERT_EQ(setsockopt(peer_, SOL_SOCKET, SO_RCVBUF, &small, sizeof small), 0);
+
+  RecordingCircuit c(loop_, &file_);
+  const std::string big = Pattern(200000);
+  c.Write(Bytes(big), false);
+  c.Write(Bytes("tail"), false);
+  c.StopWrite(false);
+  EXPECT_EQ(c.QueuedMessages(), 3u);
+
+  std::string got;
+  for (int turns = 0; c.stopped == 0 && turns < 10000; ++turns) {
+    EXPECT_GE(file_.Fd(), 0) << "closed with " << c.QueuedMessages() << " messages left";
+    got += Drain();
+    Turn();
+  }
+  EXPECT_EQ(c.stopped, 1);
+  EXPECT_LT(file_.Fd(), 0);
+  EXPECT_FALSE(c.IsWriteRegistered());
+  EXPECT_EQ(loop_.PollCount(), 0u);
+  got += Drain();
+  EXPECT_TRUE(got == big + "tail");
+  char b;
+  EXPECT_EQ(read(peer_, &b, 1), 0);  // the peer sees the close
+}
+
+TEST_F(OmByteCircuitTest, CloseMarkerAloneClosesAtOnce) {
+  RecordingCircuit c(loop_, &file_);
+  c.StopWrite(false);
+  EXPECT_EQ(c.stopped, 1);
+  EXPECT_LT(file_.Fd(), 0);
+  EXPECT_EQ(c.QueuedMessages(), 0u);
+}
+
+TEST_F(OmByteCircuitTest, StopWriteNowDropsTheQueue) {
+  RecordingCircuit c(loop_, &file_);
+  c.Write(Bytes("one"), false);
+  c.Write(Bytes("two"), false);
+  EXPECT_EQ(loop_.PollCount(), 1u);
+  c.StopWrite(true);
+  EXPECT_EQ(c.QueuedMessages(), 0u);
+  EXPECT_FALSE(c.IsWriteRegistered());
+  EXPECT_EQ(loop_.PollCount(), 0u);
+  EXPECT_GE(file_.Fd(), 0);
+  EXPECT_EQ(Drain(), "");
+}
+
+TEST_F(OmByteCircuitTest, WriteErrorDropsTheQueue) {
+  auto* old = std::signal(SIGPIPE, SIG_IGN);
+  RecordingCircuit c(loop_, &file_);
+  close(peer_);
+  peer_ = -1;
+  c.Write(Bytes("lost"), false);
+  c.Write(Bytes("also lost"), false);
+  Turn();
+  std::signal(SIGPIPE, old);
+  EXPECT_EQ(c.writeErrors, 1);
+  EXPECT_EQ(file_.LastError().Errno(), EPIPE);
+  EXPECT_EQ(c.QueuedMessages(), 0u);
+  EXPECT_EQ(loop_.PollCount(), 0u);
+}
+
+TEST_F(OmByteCircuitTest, DestructorWithdrawsInterestButKeepsTheFile) {
+  {
+    RecordingCircuit c(loop_, &file_);
+    c.WantRead();
+    c.Write(Bytes("x"), false);
+    EXPECT_EQ(loop_.PollCount(), 1u);
+    EXPECT_EQ(loop_.PollList()[0].events & (POLLIN | POLLOUT), POLLIN | POLLOUT);
+  }
+  EXPECT_EQ(loop_.PollCount(), 0u);
+  EXPECT_GE(fcntl(file_.Fd(), F_GETFD), 0);
+}
+
+TEST_F(OmByteCircuitTest, PassesADescriptor) {
+  OmFile peerFile(peer_, OmFile::kLocalSocket);
+  peer_ = -1;
+  RecordingCircuit sender(loop_, &file_);
+  RecordingCircuit receiver(loop_, &peerFile);
+
+  int p[2];
+  ASSERT_EQ(pipe(p), 0);
+  receiver.ReceiveFileDescriptor();
+  receiver.WantRead();
+  sender.SendFileDescriptor(p[1], true);
+  EXPECT_EQ(sender.GetStatistics()->messages.size(), 1u);
+  EXPECT_EQ(sender.GetStatistics()->messages[0].type, OmByteCircuit::Descriptor);
+  for (int turns = 0; receiver.received.empty() && turns < 10; ++turns) Turn();
+
+  ASSERT_EQ(receiver.received.size(), 1u);
+  EXPECT_EQ(sender.QueuedMessages(), 0u);
+  const int got = receiver.received[0];
+  ASSERT_EQ(write(got, "z", 1), 1);
+  close(got);
+  // The sender closed its copy after sending, so the pipe is now at its end.
+  char buf[4];
+  EXPECT_EQ(read(p[0], buf, sizeof buf), 1);
+  EXPECT_EQ(read(p[0], buf, sizeof buf), 0);
+  close(p[0]);
+  receiver.StopRead();
+}
+
+}  // namespace
