@@ -51,10 +51,12 @@ struct LogState {
   char stampText[32] = {};
 };
 
-// Built on first use so loggers constructed before main can log.
+// Built on first use so loggers constructed before main can log, and never
+// destroyed so that messages from other static destructors are still safe.
+// Streams are flushed after every line, so nothing is lost at exit.
 LogState& State() {
-  static LogState state;
-  return state;
+  static LogState* state = new LogState;
+  return *state;
 }
 
 OmUniString ResolvedPath(const OmUniString& pattern) {

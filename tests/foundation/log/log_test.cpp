@@ -252,8 +252,4 @@ TEST_F(LogTest, ClausesNamingOneFileShareItsStream) {
   EXPECT_NE(log.find("fatal"), std::string::npos);
 }
 
-TEST_F(LogTest, EscapeStructured) {
-  EXPECT_EQ(OmLog::EscapeStructured("%a\n,b=").AsUtf8(), "%25a%0a%2cb%3d");
-}
-
 }  // namespace
