@@ -46,26 +46,6 @@ TEST(IListTest, KeepsInsertionOrderAndCompactsOnRemoval) {
   EXPECT_TRUE(list.IsEmpty());
 }
 
-TEST(IListTest, SnapshotSurvivesChangesToTheList) {
-  Item a(1), b(2);
-  OmIList<Item> list;
-  list.Append(&a);
-  list.Append(&b);
-  std::vector<Item*> snap = list.Snapshot();
-  list.Remove(&a);
-  ASSERT_EQ(snap.size(), 2u);
-  EXPECT_EQ(snap[0], &a);
-  EXPECT_EQ(list.Length(), 1u);
-}
-
-TEST(DListTest, ValuesInOrder) {
-  OmDList<int> list;
-  for (int i = 0; i < 5; ++i) list.Append(i * 10);
-  list.RemoveAt(2);
-  EXPECT_EQ(std::vector<int>(list.begin(), list.end()), (std::vector<int>{0, 10, 30, 40}));
-  EXPECT_EQ(list.First(), 0);
-}
-
 TEST(ISparseArrayTest, GrowsToTheNextMultipleOfTheStep) {
   Item x(7);
   OmISparseArray<Item> arr(10);

@@ -185,6 +185,26 @@ TEST(FileErrorTest, ReadAndWriteOnAClosedFileFail) {
   EXPECT_TRUE(Contains(f.LastError().Reason(), "Bad file descriptor"));
 }
 
+TEST(FileErrorTest, SetBlockingFailureNamesTheFcntlCommand) {
+  OmFile f;
+  EXPECT_FALSE(f.SetBlocking(false));
+  EXPECT_EQ(f.LastError().Call(), "fcntl");
+  EXPECT_EQ(f.LastError().Errno(), EBADF);
+  EXPECT_TRUE(Contains(f.LastError().Reason(), "F_GETFL")) << f.LastError().Reason().AsUtf8();
+}
+
+TEST(FileErrorTest, FailedCloseIsRecordedAndForgetsTheDescriptor) {
+  int fd = open("/dev/null", O_RDONLY);
+  ASSERT_GE(fd, 0);
+  close(fd);  // a number known to be closed
+  OmFile f(fd);
+  EXPECT_FALSE(f.Close());
+  EXPECT_EQ(f.LastError().Call(), "close");
+  EXPECT_EQ(f.LastError().Errno(), EBADF);
+  EXPECT_EQ(f.Fd(), -1);
+  EXPECT_TRUE(f.Close());
+}
+
 TEST(FileErrorTest, CloseOfANeverOpenedFileSucceeds) {
   OmFile f;
   EXPECT_TRUE(f.Close());

@@ -260,13 +260,6 @@ TEST(UniStringTest, Join) {
   EXPECT_EQ(Join({"a", "", "b"}, OmUniString::Unit(',')), "a,,b");
 }
 
-TEST(UniStringTest, SplitThenJoinRoundTrips) {
-  OmUniString text("x,,y,z,");
-  std::vector<OmUniString> fields;
-  Split(text, fields, ',');
-  EXPECT_EQ(Join(fields, OmUniString::Unit(',')), text);
-}
-
 TEST(UniStringTest, HexHoldsTheDigits) {
   // Prefix, case and leading zeros are free; the digits themselves are not.
   EXPECT_NE(Hex(static_cast<unsigned char>(0xab)).Lowered().Search(OmUniString("ab")), -1);
