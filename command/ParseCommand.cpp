@@ -1,0 +1,295 @@
+#include "command/ParseCommand.h"
+
+#include <cstdint>
+
+#include "agent/Bootstrap.h"
+#include "agent/Globals.h"
+#include "agent/Messages.h"
+#include "command/Quelm_LbsTransmission.h"
+#include "hosts/Host.h"
+#include "hosts/HostListMgr.h"
+#include "measure/Bogomips.h"
+#include "measure/Cache.h"
+#include "measure/ChildManager.h"
+
+// Literals only: other classes' constants may not be constructed yet while
+// these are.
+const OmUniString ParseCommand::MYVERSION("1.0");
+const OmUniString ParseCommand::CPU("cpu");
+const OmUniString ParseCommand::BOGO("bogo");
+const OmUniString ParseCommand::VMEM("vmem");
+const OmUniString ParseCommand::GET("get /");
+const OmUniString ParseCommand::NOTIMPL("<not implemented yet>");
+const OmUniString ParseCommand::ZNALBINFO_ERROR("Error parsing command");
+
+const OmUniString ParseCommand::XMLVERSION("<?xml version=\"1.0\"?>");
+const OmUniString ParseCommand::GET_REPLY_START("<znalbreply type=\"get\">");
+const OmUniString ParseCommand::CREATE_REPLY_START("<znalbreply type=\"create\">");
+const OmUniString ParseCommand::KILL_REPLY_START("<znalbreply type=\"kill\">");
+const OmUniString ParseCommand::ADMIN_REPLY_START("<znalbreply type=\"admin\">");
+const OmUniString ParseCommand::ERROR_REPLY_START("<znalbreply type=\"error\">");
+const OmUniString ParseCommand::REPLY_END("</znalbreply>");
+const OmUniString ParseCommand::VERSION_START("<version>");
+const OmUniString ParseCommand::VERSION_END("</version>");
+const OmUniString ParseCommand::ERROR_START("<error>");
+const OmUniString ParseCommand::ERROR_END("</error>");
+const OmUniString ParseCommand::CONNECTION_START("<connection>");
+const OmUniString ParseCommand::CONNECTION_END("</connection>");
+const OmUniString ParseCommand::ID_START("<id>");
+const OmUniString ParseCommand::ID_END("</id>");
+const OmUniString ParseCommand::HOST_START("<host>");
+const OmUniString ParseCommand::HOST_END("</host>");
+const OmUniString ParseCommand::PORT_START("<port>");
+const OmUniString ParseCommand::PORT_END("</port>");
+const OmUniString ParseCommand::REPLYFREQUENCY_START("<replyfrequency>");
+const OmUniString ParseCommand::REPLYFREQUENCY_END("</replyfrequency>");
+const OmUniString ParseCommand::PERCENTCHANGE_START("<percentchange>");
+const OmUniString ParseCommand::PERCENTCHANGE_END("</percentchange>");
+const OmUniString ParseCommand::SAMPLERATE_START("<samplerate>");
+const OmUniString ParseCommand::SAMPLERATE_END("</samplerate>");
+const OmUniString ParseCommand::WINDOWSIZE_START("<windowsize>");
+const OmUniString ParseCommand::WINDOWSIZE_END("</windowsize>");
+const OmUniString ParseCommand::STAT_START("<stats>");
+const OmUniString ParseCommand::STAT_END("</stats>");
+const OmUniString ParseCommand::TIME_START("<time>");
+const OmUniString ParseCommand::TIME_END("</time>");
+const OmUniString ParseCommand::SEQNO_START("<seqno>");
+const OmUniString ParseCommand::SEQNO_END("</seqno>");
+const OmUniString ParseCommand::ZNALBDATA_START("<znalbdata>");
+const OmUniString ParseCommand::ZNALBDATA_END("</znalbdata>");
+const OmUniString ParseCommand::ZNALBKILL_START("<znalbkill>");
+const OmUniString ParseCommand::ZNALBKILL_END("</znalbkill>");
+const OmUniString ParseCommand::STAT_IDLE_START("cpu=");
+const OmUniString ParseCommand::STAT_BOGO_START("bogo=");
+const OmUniString ParseCommand::STAT_VMEM_START("vmem=");
+const OmUniString ParseCommand::STAT_MAXVMEM_START("vmax=");
+const OmUniString ParseCommand::STAT_PMEM_START("pmem=");
+const OmUniString ParseCommand::STAT_MAXPMEM_START("pmax=");
+const OmUniString ParseCommand::STAT_SWAPIN_START("sin=");
+const OmUniString ParseCommand::STAT_SWAPOUT_START("sout=");
+const OmUniString ParseCommand::NO_UPDATES("No Updates");
+
+const OmUniString ParseCommand::PARSING_ERROR("Parsing error");
+const OmUniString ParseCommand::VERSION_ERROR("Error parsing version; ");
+const OmUniString ParseCommand::HOST_ERROR("Error parsing host; ");
+const OmUniString ParseCommand::PORT_ERROR("Error parsing port; ");
+const OmUniString ParseCommand::SAMPLERATE_ERROR("Error parsing samplerate; ");
+const OmUniString ParseCommand::WINDOWSIZE_ERROR("Error parsing windowsize; ");
+const OmUniString ParseCommand::ID_ERROR("Error parsing id; ");
+const OmUniString ParseCommand::REPLYFREQUENCY_ERROR("Error parsing replyfrequency; ");
+const OmUniString ParseCommand::PERCENTCHANGE_ERROR("Error parsing percentchange; ");
+const OmUniString ParseCommand::STAT_ERROR("Error parsing stat; ");
+const OmUniString ParseCommand::HOST_NOT_CREATED("Host not created");
+const OmUniString ParseCommand::HOST_ID_START("Host with id ");
+const OmUniString ParseCommand::HOST_ID_NOT_FOUND(" not found");
+const OmUniString ParseCommand::NOT_IMPLEMENTED("Command not implemented");
+
+namespace {
+
+// The probe's own figures; a missing instance (tests) reads as zero.
+unsigned currentIdle() { return myCache != nullptr ? myCache->getCurrentIdle() : 0; }
+unsigned currentVmemMiB() { return myCache != nullptr ? myCache->getCurrentVmem() / 1024 : 0; }
+long long currentBogo() { return myBogomips != nullptr ? myBogomips->getBogomips() : 0; }
+
+}  // namespace
+
+OmUniString& ParseCommand::doCommand(OmUniString& text) {
+  text.Substitute("%20", " ");
+  text.Substitute("%3D", "=");
+  text.Substitute("%3F", "?");
+  text.Substitute("%26", "&");
+  LogCommandText(text);
+
+  Quelm_LbsTransmission transmission(text);
+  if (!transmission.isValid()) {
+    errors << PARSING_ERROR;
+    return errorReply(errors.Str());
+  }
+
+  const LbsCommand command = transmission.getCommand();
+  const bool versionFound =
+      transmission.getAttributes().getByName(Quelm_LbsTransmission::KEY_VERSION, version);
+  // The get line carries no attributes, so there is no version to check.
+  if (command == LbsCommand::GET) return doGetStatus();
+
+  // Any version that starts with ours is accepted as ours.
+  bool allowed = versionFound && version.Length() >= MYVERSION.Length() &&
+                 version.SubString(0, MYVERSION.Length()) == MYVERSION;
+  if (!allowed) errors << VERSION_ERROR;
+  version = MYVERSION;
+
+  OmUniString* result = nullptr;
+  switch (command) {
+    case LbsCommand::CREATE:
+      allowed = checkCreate(transmission) && allowed;
+      if (allowed) result = &doCreateHost();
+      break;
+    case LbsCommand::KILL:
+      allowed = checkKill(transmission) && allowed;
+      if (allowed) result = &doKill();
+      break;
+    case LbsCommand::ADMIN:
+      allowed = checkAdmin(transmission) && allowed;
+      if (allowed) result = &doAdmin();
+      break;
+    default:
+      errors << transmission.showCommand(command);
+      break;
+  }
+  // The stat values belong to the transmission, which ends here.
+  stats[0] = stats[1] = stats[2] = nullptr;
+  if (result != nullptr) return *result;
+  return errorReply(errors.Str());
+}
+
+bool ParseCommand::requireNonZero(Quelm_LbsTransmission& transmission, const OmUniString& key,
+                                  unsigned& field, const OmUniString& error) {
+  OmUniString value;
+  if (transmission.getAttributes().getByName(key, value)) field = value.AsUint32();
+  if (field != 0) return true;
+  errors << error;
+  return false;
+}
+
+bool ParseCommand::checkCreate(Quelm_LbsTransmission& transmission) {
+  LbsAttributes& attributes = transmission.getAttributes();
+  bool ok = true;
+  if (!attributes.getByName(Quelm_LbsTransmission::KEY_HOST, host)) {
+    errors << HOST_ERROR;
+    ok = false;
+  }
+  ok = requireNonZero(transmission, Quelm_LbsTransmission::KEY_PORT, port, PORT_ERROR) && ok;
+  ok = requireNonZero(transmission, Quelm_LbsTransmission::KEY_SAMPLERATE, samplerate,
+                      SAMPLERATE_ERROR) &&
+       ok;
+  ok = requireNonZero(transmission, Quelm_LbsTransmission::KEY_WINDOWSIZE, windowsize,
+                      WINDOWSIZE_ERROR) &&
+       ok;
+  ok = requireNonZero(transmission, Quelm_LbsTransmission::KEY_ID, id, ID_ERROR) && ok;
+  ok = requireNonZero(transmission, Quelm_LbsTransmission::KEY_REPLYFREQUENCY, replyfreq,
+                      REPLYFREQUENCY_ERROR) &&
+       ok;
+
+  // No change threshold at all is a valid wish.
+  OmUniString value;
+  if (attributes.getByName(Quelm_LbsTransmission::KEY_PERCENTCHANGE, value)) {
+    percentchange = value.AsUint32();
+  } else {
+    errors << PERCENTCHANGE_ERROR;
+    ok = false;
+  }
+
+  if (!attributes.getAllByName(Quelm_LbsTransmission::KEY_STAT, stats, 3)) {
+    errors << STAT_ERROR;
+    ok = false;
+  }
+  return ok;
+}
+
+bool ParseCommand::checkKill(Quelm_LbsTransmission& transmission) {
+  return requireNonZero(transmission, Quelm_LbsTransmission::KEY_ID, id, ID_ERROR);
+}
+
+bool ParseCommand::checkAdmin(Quelm_LbsTransmission& transmission) {
+  bool ok = requireNonZero(transmission, Quelm_LbsTransmission::KEY_PORT, port, PORT_ERROR);
+  ok = requireNonZero(transmission, Quelm_LbsTransmission::KEY_SAMPLERATE, samplerate,
+                      SAMPLERATE_ERROR) &&
+       ok;
+  ok = requireNonZero(transmission, Quelm_LbsTransmission::KEY_WINDOWSIZE, windowsize,
+                      WINDOWSIZE_ERROR) &&
+       ok;
+  return ok;
+}
+
+OmUniString& ParseCommand::doGetStatus() {
+  reply << XMLVERSION << GET_REPLY_START;
+  writeVersion();
+  reply << PORT_START << (myBootstrap != nullptr ? myBootstrap->getPort() : 0u) << PORT_END;
+  reply << SAMPLERATE_START << (myChildManager != nullptr ? myChildManager->getSampleRate() : 0u)
+        << SAMPLERATE_END;
+  reply << WINDOWSIZE_START << (myChildManager != nullptr ? myChildManager->getWindowSize() : 0u)
+        << WINDOWSIZE_END;
+  reply << STAT_START << STAT_IDLE_START << currentIdle() << " " << STAT_BOGO_START << currentBogo()
+        << " " << STAT_VMEM_START << currentVmemMiB() << " " << STAT_END;
+  const OmTimeVal sampleTime = myCache != nullptr ? myCache->getTimeOfLastSample() : OmTimeVal();
+  reply << TIME_START << sampleTime.AsRFC1123() << TIME_END;
+
+  const auto hosts = HostListMgr::getHosts().Snapshot();
+  if (hosts.empty()) reply << NO_UPDATES;
+  for (const Host* h : hosts) {
+    reply << CONNECTION_START;
+    reply << ID_START << h->getId() << ID_END;
+    reply << HOST_START << h->getName() << HOST_END;
+    reply << PORT_START << h->getPort() << PORT_END;
+    reply << REPLYFREQUENCY_START << h->getReplyFrequency() << REPLYFREQUENCY_END;
+    reply << PERCENTCHANGE_START << h->getPercentChange() << PERCENTCHANGE_END;
+    reply << SAMPLERATE_START << h->getSampleRate() << SAMPLERATE_END;
+    reply << WINDOWSIZE_START << h->getWindowSize() << WINDOWSIZE_END;
+    // What was last sent to the host, as sent (memory already in MiB).
+    reply << STAT_START;
+    if ((h->getFlags() & Host::CPU) != 0) reply << STAT_IDLE_START << h->getLastIdle() << " ";
+    if ((h->getFlags() & Host::BOGO) != 0) reply << STAT_BOGO_START << h->getLastBogo() << " ";
+    if ((h->getFlags() & Host::VMEM) != 0) reply << STAT_VMEM_START << h->getLastVmem() << " ";
+    reply << STAT_END;
+    reply << TIME_START << h->getLastSendTime().AsRFC1123() << TIME_END;
+    reply << CONNECTION_END;
+  }
+  reply << REPLY_END;
+  return finish();
+}
+
+OmUniString& ParseCommand::doCreateHost() {
+  unsigned mask = 0;
+  for (const OmUniString* stat : stats) {
+    if (stat == nullptr) continue;
+    if (*stat == CPU) mask |= Host::CPU;
+    if (*stat == BOGO) mask |= Host::BOGO;
+    if (*stat == VMEM) mask |= Host::VMEM;
+  }
+
+  if (HostListMgr::addHost(host, port, samplerate, windowsize, replyfreq, percentchange, id,
+                           version, mask) == nullptr) {
+    return errorReply(HOST_NOT_CREATED);
+  }
+
+  reply << XMLVERSION << CREATE_REPLY_START;
+  writeVersion();
+  reply << ID_START << id << ID_END;
+  reply << STAT_START;
+  if ((mask & Host::CPU) != 0) reply << STAT_IDLE_START << currentIdle() << " ";
+  if ((mask & Host::BOGO) != 0) reply << STAT_BOGO_START << currentBogo() << " ";
+  if ((mask & Host::VMEM) != 0) reply << STAT_VMEM_START << currentVmemMiB() << " ";
+  reply << STAT_END << REPLY_END;
+  return finish();
+}
+
+OmUniString& ParseCommand::doKill() {
+  if (!HostListMgr::removeHost(id)) {
+    OmOSStream error;
+    error << HOST_ID_START << id << HOST_ID_NOT_FOUND;
+    return errorReply(error.Str());
+  }
+  reply << XMLVERSION << KILL_REPLY_START;
+  writeVersion();
+  reply << ID_START << id << ID_END << REPLY_END;
+  return finish();
+}
+
+OmUniString& ParseCommand::doAdmin() {
+  // Changing the sampling settings remotely is deliberately not offered.
+  return errorReply(NOT_IMPLEMENTED);
+}
+
+OmUniString& ParseCommand::errorReply(const OmUniString& error) {
+  reply << XMLVERSION << ERROR_REPLY_START;
+  writeVersion();
+  reply << ERROR_START << GET << error << ERROR_END << REPLY_END;
+  return finish();
+}
+
+void ParseCommand::writeVersion() { reply << VERSION_START << version << VERSION_END; }
+
+OmUniString& ParseCommand::finish() {
+  replyText = reply.Str();
+  return replyText;
+}
