@@ -117,6 +117,9 @@ class OmUnixProcess : public OmProcess {
   std::vector<OmEventSignal> records_;
   int wakeRead_ = -1;
   int wakeWrite_ = -1;
+  // The process object current before this one; it is current again when
+  // this one goes (tests make short-lived ones beside the agent's).
+  OmUnixProcess* previous_ = nullptr;
 };
 
 extern OmUnixProcess* the_current_process;

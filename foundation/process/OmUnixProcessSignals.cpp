@@ -22,14 +22,15 @@ extern "C" void had_a_signal(int sig) {
 
 OmUnixProcess::OmUnixProcess() : pid_(getpid()), euid_(geteuid()), egid_(getegid()) {
   OpenWakePipe();
+  previous_ = the_current_process;
   the_current_process = this;
   signal(SIGCHLD, had_a_signal);
 }
 
 OmUnixProcess::~OmUnixProcess() {
   if (the_current_process == this) {
-    signal(SIGCHLD, SIG_DFL);
-    the_current_process = nullptr;
+    the_current_process = previous_;
+    if (previous_ == nullptr) signal(SIGCHLD, SIG_DFL);
   }
   CloseWakePipe();
 }

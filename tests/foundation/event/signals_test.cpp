@@ -66,6 +66,19 @@ TEST_F(SignalsTest, SignalsOutsideTheLoopAreDropped) {
   EXPECT_EQ(Log({"usr1"}), log_);
 }
 
+TEST_F(SignalsTest, ShortLivedProcessObjectHandsSignalsBack) {
+  Probe usr1("usr1", &log_);
+  process_.CatchSignal(SIGUSR1, &usr1);
+  {
+    OmUnixProcess inner;
+    EXPECT_EQ(&inner, the_current_process);
+  }
+  EXPECT_EQ(&process_, the_current_process);
+  raise(SIGUSR1);
+  EXPECT_TRUE(process_.ProcessSignals());
+  EXPECT_EQ(Log({"usr1"}), log_);
+}
+
 TEST_F(SignalsTest, AscendingSignalsThenRegistrationOrder) {
   Probe a("a", &log_), b("b", &log_), c("c", &log_), late("late", &log_);
   process_.CatchSignal(SIGUSR2, &b);

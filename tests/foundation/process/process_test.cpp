@@ -12,6 +12,7 @@
 #include <string>
 
 #include "foundation/event/event_test_util.h"
+#include "foundation/process/OmChildNotification.h"
 #include "foundation/process/OmUnixUser.h"
 
 namespace {
@@ -125,20 +126,25 @@ TEST_F(ProcessTest, LaterChildrenDoNotInheritEarlierPipes) {
   close(second.dataFd);
 }
 
-TEST_F(ProcessTest, ForkRegistersExitCallback) {
+TEST_F(ProcessTest, ChildNotificationHearsOfTheExit) {
   SignalRestorer restore({});
   OmUnixProcess::StartSignals();
-  ExitProbe exits;
+  struct Owner : OmChildNotification {
+    using OmChildNotification::OmChildNotification;
+    void ChildExited(OmUnixProcess::child_info info) override { seen.push_back(info); }
+    std::vector<OmUnixProcess::child_info> seen;
+  };
   OmUnixProcess::ForkParams params;
-  params.exitCallback = &exits;
+  Owner owner(&params);
+  ASSERT_NE(nullptr, params.exitCallback);
   const char* const argv[] = {"/bin/sh", "-c", "exit 7", nullptr};
   Run(params, argv);
   ASSERT_TRUE(WaitUntilDead(params.pid));
   EXPECT_TRUE(process_.ProcessSignals());
-  ASSERT_EQ(1u, exits.seen.size());
-  EXPECT_EQ(params.pid, exits.seen[0].pid);
-  EXPECT_EQ(7, exits.seen[0].exitCode);
-  EXPECT_EQ(0, exits.seen[0].signal);
+  ASSERT_EQ(1u, owner.seen.size());
+  EXPECT_EQ(params.pid, owner.seen[0].pid);
+  EXPECT_EQ(7, owner.seen[0].exitCode);
+  EXPECT_EQ(0, owner.seen[0].signal);
 }
 
 TEST_F(ProcessTest, FailedExecIsReportedInTheChild) {
