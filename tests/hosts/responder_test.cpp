@@ -1,0 +1,124 @@
+#include "hosts/Responder.h"
+
+#include <gtest/gtest.h>
+
+#include <map>
+#include <string>
+
+#include "HostsFixture.h"
+#include "measure/StatsPacket.h"
+
+namespace hoststest {
+namespace {
+
+std::string packet(unsigned id, uint32_t seqno, const std::string& stats) {
+  return "<?xml version=\"1.0\"?><znalbdata><id>" + std::to_string(id) + "</id><seqno>" +
+         std::to_string(seqno) + "</seqno>" + stats + "</znalbdata>";
+}
+
+std::string stats(const StatsPacket& s, unsigned flags, int64_t bogo, uint32_t maxV,
+                  uint32_t maxP) {
+  OmOSStream out;
+  Responder::writeStats(out, s, flags, bogo, maxV, maxP);
+  return out.Str().AsUtf8();
+}
+
+using ResponderTest = HostsTest;
+
+TEST_F(ResponderTest, BindsToAnEphemeralPort) {
+  EXPECT_TRUE(myResponder->isBound());
+  OmInetAddr local;
+  ASSERT_TRUE(myResponder->localAddress(local));
+  EXPECT_NE(0u, local.GetPort());
+}
+
+TEST(StatsRecordTest, EntriesFollowTheFlagsEachWithATrailingSpace) {
+  StatsPacket s{97, 1024, 300, 1, 2};
+  EXPECT_EQ("<stats></stats>", stats(s, 0, 5312, 2097152, 524288));
+  EXPECT_EQ("<stats>cpu=97 </stats>", stats(s, Host::CPU, 5312, 2097152, 524288));
+  EXPECT_EQ("<stats>bogo=5312 vmem=1024 vmax=2048 pmem=300 pmax=512 sin=1 sout=2 </stats>",
+            stats(s, Host::BOGO | Host::VMEM, 5312, 2097152, 524288));
+  EXPECT_EQ("<stats>cpu=97 bogo=5312 vmem=1024 vmax=2048 pmem=300 pmax=512 sin=1 sout=2 </stats>",
+            stats(s, 7, 5312, 2097152, 524288));
+}
+
+TEST(StatsRecordTest, MaximaAreWholeMebibytesAndSpeedIsSigned64Bit) {
+  StatsPacket s;
+  EXPECT_EQ("<stats>vmem=0 vmax=1 pmem=0 pmax=0 sin=0 sout=0 </stats>",
+            stats(s, Host::VMEM, 0, 1536, 1023));
+  EXPECT_EQ("<stats>bogo=-5 </stats>", stats(s, Host::BOGO, -5, 0, 0));
+  EXPECT_EQ("<stats>bogo=8589934592 </stats>", stats(s, Host::BOGO, int64_t{1} << 33, 0, 0));
+}
+
+// Every flag combination the packet format distinguishes, sent by the hosts'
+// own timers from the averaged cache.
+TEST_F(ResponderTest, TimerPacketsMatchTheFormatToTheCharacter) {
+  const std::map<unsigned, unsigned> flagsById = {{10, 0}, {11, 1}, {16, 6}, {17, 7}};
+  for (const auto& [id, flags] : flagsById) ASSERT_NE(nullptr, addHost(subscriber.port, id, flags));
+  addSample(97, 1024, 300, 1, 2);
+  addSample(97, 1024, 300, 1, 2);
+
+  advance(10);
+  runDue();
+  const uint32_t seqno = kNineOClock + 10;
+  const std::string vmem = "vmem=1024 vmax=1024 pmem=300 pmax=512 sin=1 sout=2 ";
+  std::map<unsigned, std::string> expected = {
+      {10, packet(10, seqno, "<stats></stats>")},
+      {11, packet(11, seqno, "<stats>cpu=97 </stats>")},
+      {16, packet(16, seqno, "<stats>bogo=8 " + vmem + "</stats>")},
+      {17, packet(17, seqno, "<stats>cpu=97 bogo=8 " + vmem + "</stats>")}};
+  std::map<unsigned, std::string> received;
+  for (int i = 0; i < 4; ++i) {
+    auto text = subscriber.receive();
+    ASSERT_TRUE(text.has_value()) << "packet " << i;
+    const size_t at = text->find("<id>");
+    ASSERT_NE(std::string::npos, at);
+    received[static_cast<unsigned>(std::stoul(text->substr(at + 4)))] = *text;
+  }
+  EXPECT_EQ(expected, received);
+  EXPECT_TRUE(subscriber.nothingWaiting());
+  EXPECT_TRUE(logged("127.0.0.1\nsent to 127.0.0.1:" + std::to_string(subscriber.port)));
+}
+
+TEST_F(ResponderTest, SequenceNumberIsTheWholeSecond) {
+  Host* host = addHost(subscriber.port, 5, 0);
+  ASSERT_NE(nullptr, host);
+  StatsPacket s;
+  setTime(kNineOClock + 100);
+  ASSERT_EQ(OmStatus::Success, host->sendLoad(&s));
+  fakeNow() = OmTimeVal(kNineOClock + 100, 999999);
+  ASSERT_EQ(OmStatus::Success, host->sendLoad(&s));
+  fakeNow() = OmTimeVal(kNineOClock + 101, 0);
+  ASSERT_EQ(OmStatus::Success, host->sendLoad(&s));
+
+  const std::string inSecond = packet(5, kNineOClock + 100, "<stats></stats>");
+  EXPECT_EQ(inSecond, subscriber.receive().value_or(""));
+  EXPECT_EQ(inSecond, subscriber.receive().value_or(""));
+  EXPECT_EQ(packet(5, kNineOClock + 101, "<stats></stats>"), subscriber.receive().value_or(""));
+}
+
+TEST_F(ResponderTest, RefusedDatagramIsLoggedAndReportedAsFailure) {
+  OmOSStream text;
+  text << "x";
+  const OmInetAddr broadcast(255, 255, 255, 255, 9);
+  EXPECT_EQ(OmStatus::Failure, myResponder->sendPacket(text, broadcast, OmUniString("bcast")));
+  EXPECT_TRUE(logged("Failed to send packet\nbcast\nto address 255.255.255.255:9. Error was "
+                     "ioError, errno was 13."));
+}
+
+TEST_F(ResponderTest, FailedSendKeepsTheHostsLastValues) {
+  Host* host = HostListMgr::addHost(OmUniString("255.255.255.255"), 9, 5000, 3, 10000, 10, 1,
+                                    OmUniString(), 7);
+  ASSERT_NE(nullptr, host);
+  const OmTimeVal created = host->getLastSendTime();
+  advance(5);
+  StatsPacket s{50, 100, 200, 0, 0};
+  EXPECT_EQ(OmStatus::Failure, host->sendLoad(&s));
+  EXPECT_EQ(0u, host->getLastIdle());
+  EXPECT_EQ(0u, host->getLastVmem());
+  EXPECT_EQ(0u, host->getLastBogo());
+  EXPECT_EQ(created, host->getLastSendTime());
+}
+
+}  // namespace
+}  // namespace hoststest
