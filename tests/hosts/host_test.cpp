@@ -138,28 +138,12 @@ TEST_F(HostTest, MemoryTestUsesTheMixedUnits) {
   EXPECT_EQ(10486u, host->getLastVmem());
 }
 
-TEST_F(HostTest, MemoryTestNeedsTheVmemFlag) {
-  addSample(0, 50000, 0);
-  Host* host = addHost(subscriber.port, 8, Host::CPU | Host::BOGO, 10000, 1);
-  ASSERT_NE(nullptr, host);
-  host->percentChange(0);
-  EXPECT_TRUE(subscriber.nothingWaiting());
-}
-
 TEST_F(HostTest, PercentChangeOnEmptyCacheLogsAndSendsNothing) {
   Host* host = addHost(subscriber.port, 9, Host::CPU | Host::VMEM, 10000, 0);
   ASSERT_NE(nullptr, host);
   host->percentChange(100);
   EXPECT_TRUE(subscriber.nothingWaiting());
   EXPECT_TRUE(logged("Unable to send load/memory values to 127.0.0.1."));
-}
-
-TEST_F(HostTest, ExpiryComparesWholeSeconds) {
-  Host* host = addHost(subscriber.port, 10, 0);
-  ASSERT_NE(nullptr, host);
-  EXPECT_FALSE(host->isExpired(OmTimeVal(kNineOClock + 3599, 999999)));
-  EXPECT_TRUE(host->isExpired(OmTimeVal(kNineOClock + 3600, 0)));
-  EXPECT_TRUE(host->isExpired(OmTimeVal(kNineOClock + 7200, 0)));
 }
 
 TEST_F(HostTest, DestroyedHostsTimerNeverFires) {
