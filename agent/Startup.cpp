@@ -4,6 +4,7 @@
 #include "agent/Globals.h"
 #include "agent/Messages.h"
 #include "agent/PidFile.h"
+#include "command/Listener.h"
 #include "foundation/event/OmEventLoop.h"
 #include "foundation/process/OmUnixProcess.h"
 #include "hosts/HostListMgr.h"
@@ -37,6 +38,11 @@ int probeMain(int argc, char** argv) {
   // Measured again now that the process is set up.
   myBogomips->calculate();
   myChildManager->forkChild();
+
+  // Deliberately no processExit here: nothing has been announced yet, and no
+  // pid file exists.
+  myListener = new Listener(eventloop);
+  if (!myListener->startListener(static_cast<int>(myBootstrap->getPort()))) return 1;
 
   myPidFile = new PidFile(myBootstrap->getPidDirectory());
 

@@ -26,9 +26,19 @@ void Bogomips::Initialise() {
 }
 
 void Bogomips::delay(int loops) {
-  // volatile: the loop's cost is the measurement.
+  // Each pass is a short chain of dependent multiplies that the compiler may
+  // neither remove nor fold, so that even a fast processor needs a second of
+  // work before the doubled count leaves the int range.
   volatile int64_t i = loops;
-  while (i >= 0) i = i - 1;
+  uint64_t x = 1;
+  while (i >= 0) {
+    for (int k = 0; k < 4; ++k) {
+      x = x * 3 + 1;
+      asm volatile("" : "+r"(x));
+    }
+    i = i - 1;
+  }
+  asm volatile("" : : "r"(x));
 }
 
 int Bogomips::calculate() {

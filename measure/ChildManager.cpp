@@ -54,6 +54,11 @@ ChildManager::ChildManager(OmEventLoop& l, BaseFilter* f)
 }
 
 ChildManager::~ChildManager() {
+  OmUnixProcess& p = process();
+  p.RemoveSignalCallback(SIGHUP, &sighupCallback);
+  p.RemoveSignalCallback(SIGTERM, &sigtermCallback);
+  p.RemoveSignalCallback(SIGINT, &sigintCallback);
+  p.RemoveSignalCallback(SIGPIPE, &sigpipeCallback);
   closePipe();
   if (childPid > 0) {
     if (kill(childPid, 0) == 0) kill(childPid, SIGKILL);
@@ -64,7 +69,7 @@ ChildManager::~ChildManager() {
       if (waitpid(childPid, &status, WNOHANG) != 0) break;
       usleep(10000);
     }
-    process().RemoveSIGCHLDCallback(childPid);
+    p.RemoveSIGCHLDCallback(childPid);
   }
   std::free(buffer);
 }

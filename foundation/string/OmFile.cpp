@@ -146,12 +146,16 @@ bool OmFile::Close() {
 bool OmFile::SetBlocking(bool blocking) {
   const int flags = ::fcntl(fd_, F_GETFL);
   if (flags < 0) {
-    RecordError(errno, "fcntl", F_GETFL);
+    OmOSStream args;
+    args << fd_ << ", F_GETFL";
+    error_.Set(errno, "fcntl", args.Str());
     return false;
   }
   const int wanted = blocking ? (flags & ~O_NONBLOCK) : (flags | O_NONBLOCK);
   if (wanted != flags && ::fcntl(fd_, F_SETFL, wanted) < 0) {
-    RecordError(errno, "fcntl", F_SETFL);
+    OmOSStream args;
+    args << fd_ << ", F_SETFL, " << wanted;
+    error_.Set(errno, "fcntl", args.Str());
     return false;
   }
   return true;

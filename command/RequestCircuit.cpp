@@ -1,0 +1,104 @@
+#include "command/RequestCircuit.h"
+
+#include <sys/socket.h>
+
+#include <cstring>
+
+#include "agent/Messages.h"
+#include "command/Listener.h"
+
+const char* const RequestCircuit::BAD_REQUEST_MESSAGE =
+    "Message is either too short or too long to be valid";
+
+namespace {
+
+// Request and reply bytes map one to one onto string units.
+OmUniString asText(const OmByteBuffer& bytes) {
+  return OmUniString::CreateFrom(bytes, OmEncoding::LATIN1);
+}
+
+}  // namespace
+
+RequestCircuit::RequestCircuit(OmEventLoop& loop, int fd, Listener* owner)
+    : OmByteCircuit(loop),
+      readFile(fd, OmFile::kInetSocket),
+      writeFile(fd, OmFile::kInetSocket),
+      listener(owner) {
+  SetReadFile(&readFile);
+  SetWriteFile(&writeFile);
+  readFile.SetBlocking(false);
+  writeFile.SetBlocking(false);
+  WantRead();
+}
+
+RequestCircuit::~RequestCircuit() {
+  // Both files hold the one descriptor: close it once.
+  writeFile.Release();
+  readFile.Close();
+}
+
+void RequestCircuit::ReadAvail(OmByteBuffer& incoming) {
+  if (finished) return;
+  if (incoming.IsEmpty()) {
+    const long waiting = readFile.AmountAvailable();
+    ReadMore(waiting > 0 ? static_cast<unsigned long>(waiting) : 1);
+    return;
+  }
+  requestBuffer.Append(TakeIncoming());
+  if (requestBuffer.Length() > MAXREQUESTSIZE) {
+    reject();
+    return;
+  }
+  if (isComplete(requestBuffer)) {
+    DispatchRequest(requestBuffer);
+    requestBuffer.SetLength(0);
+  }
+}
+
+bool RequestCircuit::isComplete(OmByteBuffer& request) {
+  // Whatever has arrived once there are more than 10 bytes is the request;
+  // fewer is rejected at once rather than waited for.
+  if (static_cast<uint32_t>(request.Length()) > MINREQUESTSIZE) return true;
+  reject();
+  return false;
+}
+
+void RequestCircuit::reject() {
+  LogBadCommand(static_cast<unsigned>(requestBuffer.Length()), asText(requestBuffer));
+  requestBuffer.SetLength(0);
+  SendReply(BAD_REQUEST_MESSAGE, true);
+}
+
+void RequestCircuit::DispatchRequest(OmByteBuffer& request) {
+  OmUniString text = asText(request);
+  const OmUniString& reply = parseCommand.doCommand(text);
+  replyBuffer = reply.AsEncoding(OmEncoding::LATIN1);
+  SendReply(replyBuffer, true);
+}
+
+void RequestCircuit::SendReply(OmByteBuffer& reply, bool close) {
+  LogResponseText(asText(reply));
+  Write(reply, true);
+  if (!close) return;
+  // The reply went out whole: let the client see the end of it now. The
+  // descriptor itself is closed when the circuit is deleted.
+  if (QueuedMessages() == 0) shutdown(writeFile.Fd(), SHUT_WR);
+  finish();
+}
+
+void RequestCircuit::SendReply(const char* text, bool close) {
+  OmByteBuffer reply(text, std::strlen(text));
+  SendReply(reply, close);
+}
+
+void RequestCircuit::finish() {
+  if (finished) return;
+  finished = true;
+  while (StopRead() > 0) {
+  }
+  listener->DeleteRequestCircuit(this);
+}
+
+void RequestCircuit::EndOfFile(bool) { finish(); }
+
+void RequestCircuit::ReadError() { finish(); }

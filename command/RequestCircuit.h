@@ -1,0 +1,45 @@
+#ifndef QUELM_COMMAND_REQUESTCIRCUIT_H_
+#define QUELM_COMMAND_REQUESTCIRCUIT_H_
+
+#include "command/ParseCommand.h"
+#include "foundation/net/OmByteCircuit.h"
+#include "foundation/string/OmByteBuffer.h"
+#include "foundation/string/OmFile.h"
+
+class Listener;
+
+// One accepted command connection: collects one request, answers it with
+// one reply document and ends.
+class RequestCircuit : public OmByteCircuit {
+ public:
+  static constexpr unsigned long MAXREQUESTSIZE = 512;
+  static constexpr unsigned long MINREQUESTSIZE = 10;  // this many bytes or fewer is too short
+  static const char* const BAD_REQUEST_MESSAGE;
+
+  RequestCircuit(OmEventLoop& loop, int fd, Listener* owner);
+  ~RequestCircuit() override;
+
+  void ReadAvail(OmByteBuffer& incoming) override;
+  void EndOfFile(bool partial) override;
+  // A reset connection ends the circuit like an early close.
+  void ReadError() override;
+
+  bool isComplete(OmByteBuffer& request);
+  void DispatchRequest(OmByteBuffer& request);
+  void SendReply(OmByteBuffer& reply, bool close);
+  void SendReply(const char* text, bool close);
+
+ private:
+  void reject();
+  void finish();
+
+  OmFile readFile;
+  OmFile writeFile;  // the same descriptor as readFile
+  Listener* listener;
+  OmByteBuffer requestBuffer;
+  OmByteBuffer replyBuffer;
+  ParseCommand parseCommand;
+  bool finished = false;
+};
+
+#endif  // QUELM_COMMAND_REQUESTCIRCUIT_H_
