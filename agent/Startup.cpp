@@ -1,5 +1,7 @@
 #include "agent/Startup.h"
 
+#include <sys/resource.h>
+
 #include "agent/Bootstrap.h"
 #include "agent/Globals.h"
 #include "agent/Messages.h"
@@ -14,8 +16,23 @@
 #include "measure/Cache.h"
 #include "measure/ChildManager.h"
 
+namespace {
+
+// Every command connection costs a descriptor: allow as many as the system
+// lets this process have.
+void raiseOpenFileLimit() {
+  rlimit limit{};
+  if (getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur < limit.rlim_max) {
+    limit.rlim_cur = limit.rlim_max;
+    setrlimit(RLIMIT_NOFILE, &limit);
+  }
+}
+
+}  // namespace
+
 int probeMain(int argc, char** argv) {
   the_current_process = &pr;
+  raiseOpenFileLimit();
 
   // The processor count is read only when a directory is given too.
   const OmUniString directory = argc > 1 ? OmUniString::FromUtf8(argv[1]) : OmUniString(".");
