@@ -106,6 +106,33 @@ TEST(MeasureTest, SixteenColumnLayoutWhenHeadersHaveNoNames) {
   EXPECT_EQ(probe.Stop(SIGTERM), 92);
 }
 
+TEST(MeasureTest, ToolThatClosesItsOutputButLingersIsRestarted) {
+  ProbeRunner probe;
+  const std::string tool = probe.dir() + "/tool";
+  // After its sample the tool closes its output and would sleep on: the
+  // second end-of-file read restarts it without waiting for its death.
+  ProbeRunner::WriteScript(tool,
+      "echo 'first header'\n"
+      "echo 'second header'\n"
+      "echo '1 1 1 1 1 1 1 1 1 1 1 1 1 1 1 1'\n"
+      "echo '0 0 0 1000 2000 3 4 5 6 7 8 9 10 11 12 55'\n"
+      "exec >&- <&-\n"
+      "sleep 60\n");
+  probe.Set("probepath", tool);
+  probe.Start();
+  ASSERT_TRUE(probe.WaitForPidFile());
+  ASSERT_TRUE(probe.WaitForLog("idle=55,"));
+  bool twice = false;
+  for (int i = 0; i < 200 && !twice; ++i) {
+    const std::string log = probe.Log();
+    twice = log.find("idle=55,") != log.rfind("idle=55,");
+    if (!twice) std::this_thread::sleep_for(std::chrono::milliseconds(25));
+  }
+  EXPECT_TRUE(twice);
+  EXPECT_LE(probe.Children().size(), 1u);  // the lingering run was killed
+  EXPECT_EQ(probe.Stop(SIGTERM), 92);
+}
+
 TEST(MeasureTest, GarbageIsReportedAsUnrecognisedData) {
   ProbeRunner probe;
   const std::string tool = probe.dir() + "/tool";
