@@ -3,7 +3,7 @@
 # AddressSanitizer + UndefinedBehaviorSanitizer build.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-bash scripts/deps.sh curl libxml2-utils socat
+bash scripts/deps.sh curl libxml2-utils socat valgrind
 jobs=$(nproc)
 
 cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQUELM_WERROR=ON >/dev/null
@@ -14,3 +14,6 @@ cmake -S . -B build-asan -G Ninja -DCMAKE_BUILD_TYPE=Debug -DQUELM_WERROR=ON -DQ
 cmake --build build-asan -j "$jobs"
 export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
 (cd build-asan && ctest --output-on-failure -j "$jobs")
+
+# One start, serve, stop cycle of the probe under valgrind memcheck.
+bash scripts/valgrind-cycle.sh build/quelmloadprobe
