@@ -21,8 +21,11 @@ namespace {
 constexpr unsigned kMinCacheEntries = 2;
 
 unsigned roundedRatio(double numerator, unsigned denominator) {
-  // The current rounding mode: to nearest, ties to even.
-  return static_cast<unsigned>(std::nearbyint(numerator / denominator));
+  // The current rounding mode: to nearest, ties to even. A host may ask for
+  // a window longer than any count: it gets the longest there is.
+  const double ratio = std::nearbyint(numerator / denominator);
+  if (ratio >= 4294967295.0) return 4294967295u;
+  return static_cast<unsigned>(ratio);
 }
 
 }  // namespace

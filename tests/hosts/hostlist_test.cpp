@@ -184,5 +184,16 @@ TEST_F(HostListTest, FastestHostSetsTheRateAndTiesRoundToEven) {
   EXPECT_EQ(20u, myChildManager->getSampleRate());
 }
 
+// The largest rate and window a request can carry ask for more samples than
+// any count holds: the host and the cache get the largest count.
+TEST_F(HostListTest, HugeWindowSaturatesTheCacheEntries) {
+  makeChildManager();
+  Host* host = addHost(subscriber.port, 1, Host::CPU, 10000, 10, 4294967295u, 4294967295u);
+  ASSERT_NE(nullptr, host);
+  EXPECT_EQ(5u, myChildManager->getSampleRate());
+  EXPECT_EQ(4294967295u, host->getCacheEntries());
+  EXPECT_EQ(4294967295u, myCache->getCacheSize());
+}
+
 }  // namespace
 }  // namespace hoststest
