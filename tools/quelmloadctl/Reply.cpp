@@ -89,6 +89,8 @@ std::string replyType(const std::string& doc) {
 std::string errorText(const std::string& doc) {
   std::string text = elementText(doc, "error");
   if (text.rfind(kErrorPrefix, 0) == 0) text.erase(0, kErrorPrefix.size());
+  // Attribute errors each end in "; ".
+  while (!text.empty() && (text.back() == ' ' || text.back() == ';')) text.pop_back();
   return text;
 }
 

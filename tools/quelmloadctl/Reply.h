@@ -19,7 +19,8 @@ std::string elementText(const std::string& doc, const std::string& name);
 // "get", "create", "kill" or "error"; empty when the text is no reply document.
 std::string replyType(const std::string& doc);
 
-// The error element's text without the "get /" that starts every one.
+// The error element's text without the "get /" that starts every one and
+// without the separator after the last attribute error.
 std::string errorText(const std::string& doc);
 
 // "cpu=97 bogo=5312 " as name and value pairs.
