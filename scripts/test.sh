@@ -3,7 +3,7 @@
 # AddressSanitizer + UndefinedBehaviorSanitizer build.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-bash scripts/deps.sh curl libxml2-utils socat valgrind
+bash scripts/deps.sh curl libxml2-utils socat valgrind clang libclang-rt-14-dev
 jobs=$(nproc)
 
 cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQUELM_WERROR=ON >/dev/null
@@ -17,3 +17,6 @@ export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktra
 
 # One start, serve, stop cycle of the probe under valgrind memcheck.
 bash scripts/valgrind-cycle.sh build/quelmloadprobe
+
+# Every fuzz target briefly (its seed and regression inputs first); fails on a finding.
+bash fuzz/run_brief.sh
