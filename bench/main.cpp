@@ -1,0 +1,248 @@
+// quelmbench: load, flood and footprint measurements against a running
+// probe (or any server on 127.0.0.1). Each command prints one line of
+// key=value pairs for scripts/bench.sh to put into its table.
+//
+//   quelmbench load      --port P --conns C --seconds S [--request R] [--end TAG]
+//   quelmbench burst     --port P --pid PID --count N --conns K
+//   quelmbench early     --port P --pid PID --count N --conns K --mode fin|rst [--request R]
+//   quelmbench idle      --port P --pid PID --count N
+//   quelmbench footprint --pid PID --seconds S
+//   quelmbench fanout    --port P --pid PID --hosts H --seconds S [--first-id I]
+//   quelmbench get       --port P [--request R]
+//   quelmbench port      (prints a free TCP port on 127.0.0.1)
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <map>
+#include <string>
+#include <thread>
+
+#include "Fanout.h"
+#include "LoadClient.h"
+#include "ProcStat.h"
+
+namespace {
+
+const std::string kGet = "GET /?get&znalbinfo";
+
+class Args {
+ public:
+  Args(int argc, char** argv) {
+    for (int i = 2; i + 1 < argc; i += 2) values_[argv[i]] = argv[i + 1];
+  }
+  std::string Str(const std::string& key, const std::string& fallback = "") const {
+    const auto it = values_.find("--" + key);
+    return it == values_.end() ? fallback : it->second;
+  }
+  long Num(const std::string& key, long fallback = 0) const {
+    const std::string s = Str(key);
+    return s.empty() ? fallback : std::strtol(s.c_str(), nullptr, 10);
+  }
+  double Real(const std::string& key, double fallback = 0) const {
+    const std::string s = Str(key);
+    return s.empty() ? fallback : std::strtod(s.c_str(), nullptr);
+  }
+
+ private:
+  std::map<std::string, std::string> values_;
+};
+
+bool Alive(pid_t pid) {
+  const ProcSample s = ReadProcSample(pid);
+  return s.valid && s.state != 'Z' && s.state != 'X';
+}
+
+bool GoodGet(const std::string& reply) {
+  return reply.starts_with("<?xml version=\"1.0\"?><znalbreply type=\"get\">") &&
+         reply.ends_with("</znalbreply>");
+}
+
+// The probe's CPU share of one core over `ms` of quiet.
+double IdleCpuShare(pid_t pid, int ms) {
+  const ProcSample a = ReadProcSample(pid);
+  const auto start = std::chrono::steady_clock::now();
+  std::this_thread::sleep_for(std::chrono::milliseconds(ms));
+  const ProcSample b = ReadProcSample(pid);
+  const double wall = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  return (b.cpuSeconds - a.cpuSeconds) / wall;
+}
+
+void PrintLoad(const char* what, const LoadResult& r) {
+  std::printf("%s started=%ld ok=%ld rps=%.0f p50_ms=%.3f p99_ms=%.3f max_ms=%.3f over_1s=%ld "
+              "refused=%ld reset=%ld eof=%ld timeouts=%ld seconds=%.2f\n",
+              what, r.started, r.ok, r.PerSecond(), r.PercentileMs(50), r.PercentileMs(99),
+              r.PercentileMs(100), r.SlowerThan(1000), r.refused, r.reset, r.eof, r.timeouts, r.elapsed);
+}
+
+// What the probe looks like after a flood: alive, serving, quiet.
+void PrintAftermath(int port, pid_t pid) {
+  // Circuits are deleted a second after their reply; let that pass.
+  std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+  const bool alive = Alive(pid);
+  const bool served = alive && GoodGet(FetchOnce(port, kGet));
+  const double cpu = alive ? IdleCpuShare(pid, 1000) : 0;
+  const ProcSample s = ReadProcSample(pid);
+  std::printf(" alive=%d served_after=%d cpu_after_pct=%.1f fds_after=%ld rss_kib=%ld hwm_kib=%ld\n",
+              alive, served, cpu * 100, s.openDescriptors, s.rssKiB, s.hwmKiB);
+}
+
+int Load(const Args& a) {
+  LoadOptions o;
+  o.port = static_cast<int>(a.Num("port"));
+  o.concurrency = static_cast<int>(a.Num("conns", 1));
+  o.seconds = a.Real("seconds", 10);
+  o.request = a.Str("request", kGet);
+  o.endTag = a.Str("end", "</znalbreply>");
+  o.timeoutMs = static_cast<int>(a.Num("timeout-ms", 5000));
+  PrintLoad("load", RunLoad(o));
+  return 0;
+}
+
+int Burst(const Args& a) {
+  LoadOptions o;
+  o.port = static_cast<int>(a.Num("port"));
+  o.total = a.Num("count", 2000);
+  o.concurrency = static_cast<int>(a.Num("conns", 200));
+  o.request = a.Str("request", kGet);
+  o.timeoutMs = static_cast<int>(a.Num("timeout-ms", 10000));
+  const LoadResult r = RunLoad(o);
+  PrintLoad("burst", r);
+  std::fflush(stdout);
+  PrintAftermath(o.port, static_cast<pid_t>(a.Num("pid")));
+  return 0;
+}
+
+int Early(const Args& a) {
+  LoadOptions o;
+  o.port = static_cast<int>(a.Num("port"));
+  o.total = a.Num("count", 1000);
+  o.concurrency = static_cast<int>(a.Num("conns", 50));
+  o.request = a.Str("request", kGet);
+  o.close = a.Str("mode", "rst") == "fin" ? CloseMode::AfterSend : CloseMode::ResetAfterSend;
+  const LoadResult r = RunLoad(o);
+  PrintLoad("early", r);
+  std::fflush(stdout);
+  PrintAftermath(o.port, static_cast<pid_t>(a.Num("pid")));
+  return 0;
+}
+
+int Idle(const Args& a) {
+  const int port = static_cast<int>(a.Num("port"));
+  const pid_t pid = static_cast<pid_t>(a.Num("pid"));
+  const int count = static_cast<int>(a.Num("count", 500));
+  const ProcSample base = ReadProcSample(pid);
+  long failed = 0;
+  const auto start = std::chrono::steady_clock::now();
+  std::vector<int> fds = OpenIdle(port, count, static_cast<int>(a.Num("timeout-ms", 10000)), failed);
+  // Wait until the probe has accepted them (each is one descriptor there).
+  ProcSample held = ReadProcSample(pid);
+  while (held.valid && held.openDescriptors < base.openDescriptors + static_cast<long>(fds.size()) &&
+         std::chrono::steady_clock::now() - start < std::chrono::seconds(10)) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    held = ReadProcSample(pid);
+  }
+  const double openSeconds =
+      std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  const auto t0 = std::chrono::steady_clock::now();
+  const bool servedDuring = GoodGet(FetchOnce(port, kGet));
+  const double getMs =
+      std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - t0).count();
+  const double cpuDuring = IdleCpuShare(pid, 1000);
+  std::printf("idle connected=%zu failed=%ld open_s=%.2f probe_fds=%ld served_during=%d "
+              "get_during_ms=%.2f cpu_during_pct=%.1f",
+              fds.size(), failed, openSeconds, held.openDescriptors - base.openDescriptors,
+              servedDuring, getMs, cpuDuring * 100);
+  for (int fd : fds) close(fd);
+  std::fflush(stdout);
+  PrintAftermath(port, pid);
+  return 0;
+}
+
+int Footprint(const Args& a) {
+  const pid_t pid = static_cast<pid_t>(a.Num("pid"));
+  const double seconds = a.Real("seconds", 60);
+  const ProcSample before = ReadProcSample(pid);
+  const auto start = std::chrono::steady_clock::now();
+  std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
+  const ProcSample after = ReadProcSample(pid);
+  const double wall = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  std::printf("footprint alive=%d cpu_start_s=%.2f cpu_ms=%.0f cpu_ms_per_s=%.3f wakeups_per_s=%.2f "
+              "rss_kib=%ld hwm_kib=%ld fds=%ld seconds=%.1f\n",
+              Alive(pid), before.cpuSeconds, (after.cpuSeconds - before.cpuSeconds) * 1000,
+              (after.cpuSeconds - before.cpuSeconds) * 1000 / wall,
+              static_cast<double>(after.contextSwitches - before.contextSwitches) / wall,
+              after.rssKiB, after.hwmKiB, after.openDescriptors, wall);
+  return 0;
+}
+
+int Fanout(const Args& a) {
+  FanoutOptions o;
+  o.port = static_cast<int>(a.Num("port"));
+  o.pid = static_cast<pid_t>(a.Num("pid"));
+  o.hosts = static_cast<int>(a.Num("hosts", 100));
+  o.firstId = static_cast<int>(a.Num("first-id", 1));
+  o.seconds = a.Real("seconds", 30);
+  const FanoutResult r = RunFanout(o);
+  const ProcSample s = ReadProcSample(o.pid);
+  std::printf("fanout hosts=%d created=%d refused=%d create_s=%.2f datagrams=%ld well_formed=%ld "
+              "pps=%.1f expected_pps=%.1f cpu_ms_per_s=%.3f seconds=%.1f rss_kib=%ld hwm_kib=%ld "
+              "alive=%d\n",
+              o.hosts, r.created, r.refused, r.createSeconds, r.datagrams, r.wellFormed,
+              static_cast<double>(r.datagrams) / r.seconds, r.created * 1000.0 / o.replyFreqMs,
+              r.probeCpuSeconds * 1000 / r.seconds, r.seconds, s.rssKiB, s.hwmKiB, Alive(o.pid));
+  std::fprintf(stderr, "sample packet: %s\n", r.sample.c_str());
+  return 0;
+}
+
+int Get(const Args& a) {
+  const std::string reply = FetchOnce(static_cast<int>(a.Num("port")), a.Str("request", kGet));
+  std::fwrite(reply.data(), 1, reply.size(), stdout);
+  return reply.empty() ? 1 : 0;
+}
+
+int FreePort() {
+  const int fd = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in addr{};
+  addr.sin_family = AF_INET;
+  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t len = sizeof addr;
+  if (bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
+      getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len) != 0) {
+    close(fd);
+    return 1;
+  }
+  close(fd);
+  std::printf("%d\n", ntohs(addr.sin_port));
+  return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  signal(SIGPIPE, SIG_IGN);
+  // Floods hold thousands of sockets.
+  rlimit files{};
+  if (getrlimit(RLIMIT_NOFILE, &files) == 0 && files.rlim_cur < files.rlim_max) {
+    files.rlim_cur = files.rlim_max;
+    setrlimit(RLIMIT_NOFILE, &files);
+  }
+  const std::string command = argc > 1 ? argv[1] : "";
+  const Args args(argc, argv);
+  if (command == "load") return Load(args);
+  if (command == "burst") return Burst(args);
+  if (command == "early") return Early(args);
+  if (command == "idle") return Idle(args);
+  if (command == "footprint") return Footprint(args);
+  if (command == "fanout") return Fanout(args);
+  if (command == "get") return Get(args);
+  if (command == "port") return FreePort();
+  std::fprintf(stderr, "usage: quelmbench load|burst|early|idle|footprint|fanout|get|port --key value ...\n");
+  return 2;
+}
