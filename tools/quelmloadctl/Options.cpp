@@ -34,8 +34,9 @@ const std::set<std::string> kStatNames = {"cpu", "bogo", "vmem"};
 
 uint32_t parseNumber(const std::string& option, const std::string& text, uint32_t min,
                      uint32_t max) {
-  const bool digits = !text.empty() && text.size() <= 10 &&
-                      std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; });
+  const auto isDigit = [](char c) { return c >= '0' && c <= '9'; };
+  const bool digits =
+      !text.empty() && text.size() <= 10 && std::all_of(text.begin(), text.end(), isDigit);
   if (!digits) throw UsageError("--" + option + ": '" + text + "' is not a number");
   const uint64_t value = std::stoull(text);
   if (value < min || value > max) {
