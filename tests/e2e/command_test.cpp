@@ -158,6 +158,19 @@ TEST_F(CommandTest, SubscriberReceivesPacketsOnPercentChangeAndAtTheReplyFrequen
   EXPECT_NE(probe_.Log().find("sent to 127.0.0.1"), std::string::npos);
 }
 
+TEST_F(CommandTest, CreateSentWithSocat) {
+  StartProbe();
+  Subscriber subscriber;
+  const std::string reply = RunCommand("printf '%s' '" + CreateRequest(5, subscriber.port(),
+                                                                        "<stat>vmem</stat>") +
+                                       "' | timeout 10 socat -t 2 - TCP:127.0.0.1:" +
+                                       std::to_string(probe_.port()));
+  EXPECT_TRUE(std::regex_match(
+      reply, std::regex("<\\?xml version=\"1.0\"\\?><znalbreply type=\"create\"><version>1.0"
+                        "</version><id>5</id><stats>vmem=\\d+ </stats></znalbreply>")))
+      << reply;
+}
+
 TEST_F(CommandTest, ErrorDocumentsByteForByte) {
   StartProbe();
   const int port = probe_.port();
