@@ -76,7 +76,7 @@ class Ctl {
   }
 
   // Collects all output until the client ends; kills it after the timeout.
-  CtlResult Finish(milliseconds timeout = seconds(15)) {
+  CtlResult Finish(milliseconds timeout = seconds(30)) {
     const auto end = Clock::now() + timeout;
     while (Pump(end)) {
     }
@@ -188,9 +188,11 @@ size_t Lines(const std::string& text) { return std::count(text.begin(), text.end
 
 class CtlProbeTest : public ::testing::Test {
  protected:
+  // Start-up times the processor for a second or two of CPU time, which
+  // takes longer on a loaded machine.
   void StartProbe() {
     probe_.Start();
-    ASSERT_TRUE(probe_.WaitForPidFile());
+    ASSERT_TRUE(probe_.WaitForPidFile(seconds(60)));
   }
   CtlResult Run(std::vector<std::string> args) { return RunCtl(At(probe_.port(), args)); }
   ProbeRunner probe_;
@@ -240,8 +242,8 @@ TEST_F(CtlProbeTest, CreatedSubscribersReceivePacketsThroughListen) {
   probe_.Set("probepath", tool);
   StartProbe();
 
-  Ctl raw({"listen", "--port", "0", "--count", "1", "--timeout", "10000"});
-  Ctl pretty({"listen", "--port", "0", "--count", "1", "--pretty", "--timeout", "10000"});
+  Ctl raw({"listen", "--port", "0", "--count", "1", "--timeout", "20000"});
+  Ctl pretty({"listen", "--port", "0", "--count", "1", "--pretty", "--timeout", "20000"});
   const int rawPort = ListenPort(raw);
   const int prettyPort = ListenPort(pretty);
   ASSERT_NE(rawPort, 0) << raw.sofar().err;
