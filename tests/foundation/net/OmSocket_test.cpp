@@ -51,66 +51,46 @@ class OmSocketTest : public ::testing::Test {
   OmSocket::SleepFunction previous_ = nullptr;
 };
 
-TEST_F(OmSocketTest, BindReportsTheSystemPort) {
-  OmSocket s;
-  OmInetAddr bound;
-  Listen(s, bound);
-  EXPECT_TRUE(bound.IsAddressEqual(OmInetAddr::AddressLoopback()));
-  EXPECT_NE(bound.GetPort(), 0u);
-  EXPECT_EQ(s.GetKind(), OmFile::kInetSocket);
-}
+// While the port is held, Bind waits two seconds (faked here) between attempts;
+// verbose retries print one dot per attempt.
+TEST_F(OmSocketTest, BindInUseRetries) {
+  const struct {
+    int retries;
+    bool verbose;
+    int releaseOnSleep;
+    bool ok;
+    int sleeps;
+    const char* err;
+  } cases[] = {
+      {3, true, 0, false, 3, "A socket is still in use, attempting 3 retries......\n"},
+      {5, true, 2, true, 2, "A socket is still in use, attempting 5 retries....\n"},
+      {2, false, 0, false, 2, ""},
+      {0, true, 0, false, 0, ""},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(testing::Message() << c.retries << " retries, verbose " << c.verbose);
+    OmSocket holder;
+    OmInetAddr bound;
+    Listen(holder, bound);
+    EXPECT_TRUE(bound.IsAddressEqual(OmInetAddr::AddressLoopback()));
+    EXPECT_NE(bound.GetPort(), 0u);
+    EXPECT_EQ(holder.GetKind(), OmFile::kInetSocket);
+    g_sleeps = 0;
+    g_holder = &holder;
+    g_releaseOnSleep = c.releaseOnSleep;
 
-TEST_F(OmSocketTest, BindInUseRetriesWithDotsThenGivesUp) {
-  OmSocket holder;
-  OmInetAddr bound;
-  Listen(holder, bound);
-
-  OmSocket s;
-  testing::internal::CaptureStderr();
-  const bool ok = s.Bind(bound, OmSocket::Stream, false, 3, true);
-  const std::string err = testing::internal::GetCapturedStderr();
-  EXPECT_FALSE(ok);
-  EXPECT_EQ(g_sleeps, 3);
-  EXPECT_EQ(err, "A socket is still in use, attempting 3 retries......\n");
-  EXPECT_EQ(s.LastError().Errno(), EADDRINUSE);
-  EXPECT_EQ(s.LastError().Call(), "bind");
-  EXPECT_EQ(s.LastError().Args().AsAscii(),
-            std::to_string(s.Fd()) + ",127.0.0.1:" + std::to_string(bound.GetPort()));
-}
-
-TEST_F(OmSocketTest, BindInUseSucceedsOnALaterAttempt) {
-  OmSocket holder;
-  OmInetAddr bound;
-  Listen(holder, bound);
-  g_holder = &holder;
-  g_releaseOnSleep = 2;
-
-  OmSocket s;
-  testing::internal::CaptureStderr();
-  const bool ok = s.Bind(bound, OmSocket::Stream, true, 5, true);
-  const std::string err = testing::internal::GetCapturedStderr();
-  EXPECT_TRUE(ok) << s.LastError().Reason().AsAscii();
-  EXPECT_EQ(g_sleeps, 2);
-  EXPECT_EQ(err, "A socket is still in use, attempting 5 retries....\n");
-}
-
-TEST_F(OmSocketTest, BindInUseQuietRetriesPrintNothing) {
-  OmSocket holder;
-  OmInetAddr bound;
-  Listen(holder, bound);
-
-  OmSocket s;
-  testing::internal::CaptureStderr();
-  EXPECT_FALSE(s.Bind(bound, OmSocket::Stream, false, 2, false));
-  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
-  EXPECT_EQ(g_sleeps, 2);
-
-  // Verbose without retries gives up at once, silently.
-  OmSocket t;
-  testing::internal::CaptureStderr();
-  EXPECT_FALSE(t.Bind(bound, OmSocket::Stream, false, 0, true));
-  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
-  EXPECT_EQ(g_sleeps, 2);
+    OmSocket s;
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(s.Bind(bound, OmSocket::Stream, true, c.retries, c.verbose), c.ok);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), c.err);
+    EXPECT_EQ(g_sleeps, c.sleeps);
+    if (!c.ok) {
+      EXPECT_EQ(s.LastError().Errno(), EADDRINUSE);
+      EXPECT_EQ(s.LastError().Call(), "bind");
+      EXPECT_EQ(s.LastError().Args().AsAscii(),
+                std::to_string(s.Fd()) + ",127.0.0.1:" + std::to_string(bound.GetPort()));
+    }
+  }
 }
 
 TEST_F(OmSocketTest, BindOtherFirstErrorGivesUpAtOnce) {
@@ -132,10 +112,7 @@ TEST_F(OmSocketTest, BindLocalRemovesStalePath) {
   char dir[] = "/tmp/omsocket_testXXXXXX";
   ASSERT_NE(mkdtemp(dir), nullptr);
   const std::string path = std::string(dir) + "/sock";
-  const int stale = ::open(path.c_str(), O_CREAT | O_WRONLY, 0600);
-  ASSERT_GE(stale, 0);
-  ::close(stale);
-
+  ::close(::open(path.c_str(), O_CREAT | O_WRONLY, 0600));
   {
     OmSocket s;
     EXPECT_TRUE(s.Bind(OmSocketAddress(OmUniString(path.c_str())), OmSocket::Stream))
@@ -182,14 +159,6 @@ TEST_F(OmSocketTest, WriteMessageFailureRecordsTheCall) {
   EXPECT_EQ(closed.LastError().Errno(), EBADF);
   EXPECT_EQ(closed.LastError().Call(), "sendto");
   EXPECT_EQ(closed.LastError().Args(), "-1,<address>,5,127.0.0.1:9,16");
-
-  OmSocket sender;
-  ASSERT_TRUE(sender.Bind(OmInetAddr()));
-  std::string huge(70000, 'x');
-  EXPECT_EQ(sender.WriteMessage(huge.data(), static_cast<long>(huge.size()), done,
-                                OmInetAddr(127, 0, 0, 1, 9)),
-            OmFile::ioError);
-  EXPECT_EQ(sender.LastError().Errno(), EMSGSIZE);
 }
 
 TEST_F(OmSocketTest, AcceptFromNonBlockingListenerWithNothingWaiting) {
@@ -207,32 +176,19 @@ TEST_F(OmSocketTest, AcceptFromNonBlockingListenerWithNothingWaiting) {
 }
 
 TEST_F(OmSocketTest, AcceptFromTakesTheConnection) {
-  OmSocket listener;
-  OmInetAddr bound;
+  OmSocket listener, client, accepted;
+  OmInetAddr bound, clientAddr, peer;
   Listen(listener, bound);
-
-  OmSocket client;
   ASSERT_TRUE(client.Connect(bound)) << client.LastError().Reason().AsAscii();
-  OmInetAddr clientAddr;
   ASSERT_TRUE(client.LocalAddress(clientAddr));
-
-  OmSocket accepted;
   ASSERT_EQ(accepted.AcceptFrom(listener.Fd()), OmStatus::Success);
-  EXPECT_GE(accepted.Fd(), 0);
-  OmInetAddr peer;
   ASSERT_TRUE(accepted.RemoteAddress(peer));
   EXPECT_TRUE(peer == clientAddr);
-
   long done = 0;
   EXPECT_EQ(client.Write("ping", 4, done), OmFile::ioComplete);
   char buf[8];
   EXPECT_EQ(accepted.Read(buf, 4, done), OmFile::ioComplete);
   EXPECT_EQ(std::string(buf, 4), "ping");
-
-  // Giving up the descriptor keeps the connection open.
-  const int fd = accepted.Release();
-  EXPECT_GE(::fcntl(fd, F_GETFD), 0);
-  ::close(fd);
 }
 
 TEST_F(OmSocketTest, NonBlockingConnectCompletesOrIsRefused) {
@@ -291,22 +247,13 @@ TEST_F(OmSocketTest, OptionFailuresDescribeTheCall) {
 TEST_F(OmSocketTest, OptionsTakeEffect) {
   OmSocket s;
   ASSERT_TRUE(s.makesock(SOCK_STREAM, AF_INET));
-  EXPECT_TRUE(s.SetDelay(false));
+  EXPECT_TRUE(s.SetDelay(false));  // no delay is TCP_NODELAY on
   int v = 0;
   socklen_t len = sizeof v;
   ASSERT_EQ(getsockopt(s.Fd(), IPPROTO_TCP, TCP_NODELAY, &v, &len), 0);
   EXPECT_EQ(v, 1);
-  EXPECT_TRUE(s.SetKeepAlive(true));
-  EXPECT_TRUE(s.SetLinger(true, 3));
-  EXPECT_TRUE(s.SetOOBInLine(true));
-  EXPECT_TRUE(s.SetTransmitBufferSize(16384));
-  EXPECT_GE(s.GetTransmitBufferSize(), 16384);
   EXPECT_TRUE(s.SetReceiveBufferSize(16384));
   EXPECT_GE(s.GetReceiveBufferSize(), 16384);
-
-  OmSocket udp;
-  ASSERT_TRUE(udp.makesock(SOCK_DGRAM, AF_INET));
-  EXPECT_TRUE(udp.SetBroadcast(true));
 }
 
 TEST_F(OmSocketTest, TypeOfServiceOnlyWithTheEnvironmentVariable) {
