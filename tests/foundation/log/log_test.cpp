@@ -35,13 +35,6 @@ OmTimeVal TestClock() { return clock_now; }
 // 1000000000 is 2001/09/09 01:46:40 in UTC.
 constexpr uint32_t kSecond = 1000000000;
 
-std::string ReadFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream ss;
-  ss << in.rdbuf();
-  return ss.str();
-}
-
 // Descriptors of this process that refer to path.
 std::vector<int> OpenDescriptorsOf(const std::string& path) {
   std::vector<int> fds;
@@ -82,27 +75,22 @@ class LogTest : public ::testing::Test {
     for (const auto& c : clauses) list.emplace_back(c);
     return logger_.SetupCSFilters(list);
   }
-  std::string File(const std::string& name) const { return ReadFile(dir_ + "/" + name); }
   std::string Path(const std::string& name) const { return dir_ + "/" + name; }
-
-  static std::vector<std::string> DefaultFilter() {
-    return {"*/*/*:p%%PID%%_error.log", "*/*/*error:p%%PID%%_error.csl",
-            std::string("*/*/fatalerror:") + OmLog::GetStdErrStr()};
+  std::string File(const std::string& name) const {
+    std::stringstream ss;
+    ss << std::ifstream(Path(name), std::ios::binary).rdbuf();
+    return ss.str();
   }
 
   TestLogger logger_;
   std::string dir_;
 };
 
-TEST_F(LogTest, InitLogsMakesCurrentLogger) {
+TEST_F(LogTest, InitLogsAndPidInFileNames) {
   EXPECT_EQ(OmLog::Current(), &logger_);
   EXPECT_EQ(OmLog::LogDirectory(), OmUniString(dir_));
   EXPECT_EQ(logger_.NumLogs(), 3u);
-  EXPECT_TRUE(logger_.Gen(kInfo));
   EXPECT_TRUE(logger_.Gen(kUnlisted + 100));
-}
-
-TEST_F(LogTest, PidIsSubstitutedInFileNames) {
   ASSERT_TRUE(Setup({"*/*/*:a%%PID%%.log"}));
   logger_.CserverLog(kInfo, "hello");
   EXPECT_NE(File("a77.log").find("hello\n"), std::string::npos);
@@ -110,25 +98,24 @@ TEST_F(LogTest, PidIsSubstitutedInFileNames) {
 
 TEST_F(LogTest, DefaultFilterChoosesDestinationsBySeverity) {
   EXPECT_EQ(std::string(OmLog::GetStdErrStr()), ".../_beans/quelm.log.ConsoleSink");
-  ASSERT_TRUE(Setup(DefaultFilter()));
+  ASSERT_TRUE(Setup({"*/*/*:p%%PID%%_error.log", "*/*/*error:p%%PID%%_error.csl",
+                     std::string("*/*/fatalerror:") + OmLog::GetStdErrStr()}));
   EXPECT_TRUE(logger_.CsGen(kInfo));
   EXPECT_FALSE(logger_.CsGen(kUnlisted));
 
   testing::internal::CaptureStderr();
   logger_.CserverLog(kInfo, "info text");
   logger_.CserverLog(kError, "error text");
-  std::string err = testing::internal::GetCapturedStderr();
-  EXPECT_EQ(err, "");
-
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
   testing::internal::CaptureStderr();
   logger_.CserverLog(kFatal, "fatal text");
-  err = testing::internal::GetCapturedStderr();
+  const std::string err = testing::internal::GetCapturedStderr();
 
-  std::string log = File("p77_error.log");
-  std::string csl = File("p77_error.csl");
-  EXPECT_NE(log.find("info text"), std::string::npos);
-  EXPECT_NE(log.find("error text"), std::string::npos);
-  EXPECT_NE(log.find("fatal text"), std::string::npos);
+  const std::string log = File("p77_error.log");
+  const std::string csl = File("p77_error.csl");
+  for (const char* text : {"info text", "error text", "fatal text"}) {
+    EXPECT_NE(log.find(text), std::string::npos) << text;
+  }
   EXPECT_EQ(csl.find("info text"), std::string::npos);
   EXPECT_NE(csl.find("message=error text\n"), std::string::npos);
   EXPECT_NE(csl.find("message=fatal text\n"), std::string::npos);
@@ -162,38 +149,29 @@ TEST_F(LogTest, StructuredLine) {
             "systime=100000000012345,message=100%25%0anext\n");
 }
 
-TEST_F(LogTest, PlainLineWithRunningCounter) {
+TEST_F(LogTest, PlainLineWithRunningCounterInUtf8) {
   ASSERT_TRUE(Setup({"*/*/*:p.log"}));
-  unsigned long before = OmLog::MessageCount();
+  const unsigned long before = OmLog::MessageCount();
+  const OmUniString::Unit units[] = {'c', 0xe9};
   logger_.CserverLog(kInfo, "first");
   logger_.CserverLog(kUnlisted, "counted, not written");
-  logger_.CserverLog(kInfo, "third");
+  logger_.CserverLog(kInfo, OmUniString(units, 2));
   EXPECT_EQ(OmLog::MessageCount(), before + 3);
-  std::string head = "2001/09/09 01:46:40.123\t (pid 77)\tprog/area/info\t#";
-  std::string tail = "\tKoramet Brelvane((legacy))\n";
+  const std::string head = "2001/09/09 01:46:40.123\t (pid 77)\tprog/area/info\t#";
+  const std::string tail = "\tKoramet Brelvane((legacy))\n";
   EXPECT_EQ(File("p.log"), head + std::to_string(before + 1) + tail + "first\n" + head +
-                               std::to_string(before + 3) + tail + "third\n");
+                               std::to_string(before + 3) + tail + "c\xc3\xa9\n");
 }
 
-TEST_F(LogTest, TimeStampsWithinAndAcrossSeconds) {
+TEST_F(LogTest, TimeStampsTruncateToMilliseconds) {
   ASSERT_TRUE(Setup({"*/*/*:t.csl"}));
-  clock_now = OmTimeVal(kSecond, 100000);
-  logger_.CserverLog(kInfo, "one");
-  clock_now = OmTimeVal(kSecond, 250999);
-  logger_.CserverLog(kInfo, "two");
-  clock_now = OmTimeVal(kSecond + 1, 7000);
-  logger_.CserverLog(kInfo, "three");
-  std::string csl = File("t.csl");
-  EXPECT_NE(csl.find("date=2001/09/09 01:46:40.100,"), std::string::npos);
+  for (const OmTimeVal& t : {OmTimeVal(kSecond, 250999), OmTimeVal(kSecond + 1, 7000)}) {
+    clock_now = t;
+    logger_.CserverLog(kInfo, "x");
+  }
+  const std::string csl = File("t.csl");
   EXPECT_NE(csl.find("date=2001/09/09 01:46:40.250,"), std::string::npos);
   EXPECT_NE(csl.find("date=2001/09/09 01:46:41.007,"), std::string::npos);
-}
-
-TEST_F(LogTest, TextIsWrittenAsUtf8) {
-  ASSERT_TRUE(Setup({"*/*/*:u.log"}));
-  OmUniString::Unit units[] = {'c', 0xe9};
-  logger_.CserverLog(kInfo, OmUniString(units, 2));
-  EXPECT_NE(File("u.log").find("\nc\xc3\xa9\n"), std::string::npos);
 }
 
 TEST_F(LogTest, FailingOpenIsReported) {
