@@ -16,6 +16,10 @@ Listener::Listener(OmEventLoop& l)
 Listener::~Listener() {
   RemoveCallback();
   if (pausedForDescriptors) loop.RemoveTimeoutEvent(resumeTime, &resumeCallback);
+  // Withdrawing a pending deletion runs it at once.
+  for (const PendingDelete& pending : std::vector<PendingDelete>(pendingDeletes)) {
+    loop.RemoveTimeoutEvent(pending.when, pending.callback);
+  }
   for (RequestCircuit* rc : circuits.Snapshot()) delete rc;
   circuits.Clear();
   socket.Close();
@@ -102,13 +106,21 @@ void Listener::startNewConnection(int fd) {
 void Listener::DeleteRequestCircuit(RequestCircuit* rc) {
   if (circuits.Remove(rc)) ++removedCount;
   const OmTimeVal now = OmTimeVal::now();
+  const OmTimeVal when(now.seconds + 1, now.microseconds);
   auto* cb = new OmCallbackWithData<OmEvent::cbdispatch, Listener, RequestCircuit*>(
       this, &Listener::deleteCB, rc);
-  loop.AddTimeoutEvent(OmTimeVal(now.seconds + 1, now.microseconds), cb);
+  pendingDeletes.push_back({when, cb});
+  loop.AddTimeoutEvent(when, cb);
 }
 
 void Listener::deleteCB(OmEventCallback* cb, OmEvent::cbdispatch, RequestCircuit* rc) {
   // Deleted whether fired or withdrawn: nothing else refers to either.
+  for (auto it = pendingDeletes.begin(); it != pendingDeletes.end(); ++it) {
+    if (it->callback == cb) {
+      pendingDeletes.erase(it);
+      break;
+    }
+  }
   delete rc;
   delete cb;
 }

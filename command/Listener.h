@@ -2,6 +2,7 @@
 #define QUELM_COMMAND_LISTENER_H_
 
 #include <cstddef>
+#include <vector>
 
 #include "foundation/event/OmCallback.h"
 #include "foundation/net/OmSocket.h"
@@ -53,6 +54,12 @@ class Listener {
   OmTimeVal resumeTime;
   OmIList<RequestCircuit> circuits;
   unsigned long removedCount = 0;
+  // Deletions waiting for their second; kept here so they stay owned.
+  struct PendingDelete {
+    OmTimeVal when;
+    OmEventCallback* callback;
+  };
+  std::vector<PendingDelete> pendingDeletes;
 };
 
 #endif  // QUELM_COMMAND_LISTENER_H_

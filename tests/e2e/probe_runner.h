@@ -25,9 +25,9 @@ class ProbeRunner {
   void Start(const std::vector<std::string>& extraArgs = {});
   // Starts the probe with exactly these arguments.
   void StartWithArgs(const std::vector<std::string>& args);
-  bool WaitForPidFile(std::chrono::milliseconds timeout = std::chrono::seconds(20));
+  bool WaitForPidFile(std::chrono::milliseconds timeout = std::chrono::seconds(60));
   // Waits until the probe sleeps in poll, i.e. its event loop runs.
-  bool WaitUntilPolling(std::chrono::milliseconds timeout = std::chrono::seconds(20));
+  bool WaitUntilPolling(std::chrono::milliseconds timeout = std::chrono::seconds(60));
   // Pids of the probe's current children.
   std::vector<int> Children() const;
   bool WaitForLog(const std::string& text,
@@ -35,7 +35,7 @@ class ProbeRunner {
   // Sends sig and waits for the probe; its exit status, or -1 on timeout.
   int Stop(int sig, std::chrono::milliseconds timeout = std::chrono::seconds(20));
   // Waits for the probe to end by itself; exit status or -1.
-  int Wait(std::chrono::milliseconds timeout = std::chrono::seconds(20));
+  int Wait(std::chrono::milliseconds timeout = std::chrono::seconds(60));
   bool Running() const;
 
   std::string Log() const;  // the plain .log file of this run
