@@ -79,32 +79,22 @@ TEST(CreateFilterTest, OnlyVmstatFilterIsSelectable) {
   EXPECT_TRUE(log.Contains("The filter named VmstatFilter was not recognised. This filter may "
                            "not be implemented on this platform. \n"))
       << log.Text();
-  EXPECT_TRUE(log.Contains("The filter named iostatFilter was not recognised."));
   EXPECT_TRUE(log.Contains("The filter named sarFilter was not recognised."));
 }
 
 TEST_F(VmstatFilterTest, HeaderLinesAloneAreNoSample) {
-  EXPECT_TRUE(Feed(kProcpsHeader));
+  EXPECT_FALSE(Feed(""));  // an incomplete line is a failure
+  EXPECT_FALSE(Feed("procs ---memory"));
   EXPECT_EQ(-1, idle);
-  EXPECT_EQ(0u, cache->getNumberOfSamples());
-  EXPECT_TRUE(filter.areColumnsKnown());
-}
-
-TEST_F(VmstatFilterTest, HeaderSplitAcrossReads) {
+  // The header, split across two reads.
   const std::string header(kProcpsHeader);
   const size_t cut = header.find('\n') + 1;
   EXPECT_TRUE(Feed(header.substr(0, cut)));
   EXPECT_EQ(-1, idle);
   EXPECT_TRUE(Feed(header.substr(cut)));
+  EXPECT_EQ(-1, idle);
   EXPECT_TRUE(filter.areColumnsKnown());
   EXPECT_EQ(0u, cache->getNumberOfSamples());
-}
-
-TEST_F(VmstatFilterTest, IncompleteLineIsAFailure) {
-  EXPECT_FALSE(Feed(""));
-  EXPECT_EQ(-1, idle);
-  EXPECT_FALSE(Feed("procs ---memory"));
-  EXPECT_EQ(-1, idle);
 }
 
 TEST_F(VmstatFilterTest, KnownColumnsGiveOneSamplePerRun) {
@@ -138,7 +128,7 @@ TEST_F(VmstatFilterTest, IdleAboveHundredIsStoredAsHundred) {
   EXPECT_EQ(100u, cache->getCurrentIdle());
 }
 
-TEST_F(VmstatFilterTest, SwapAboveTheMaximumRaisesIt) {
+TEST_F(VmstatFilterTest, MemoryAboveTheMaximumRaisesIt) {
   LogCapture log;
   ASSERT_TRUE(log.Ok());
   ASSERT_TRUE(Feed(kPlainHeader));
@@ -148,15 +138,10 @@ TEST_F(VmstatFilterTest, SwapAboveTheMaximumRaisesIt) {
   EXPECT_TRUE(log.Contains("The used/free virtual memory measured (600000 Kb) exceeds the amount "
                            "configured in quelmloadprobe.properties (500000 Kb).\n"))
       << log.Text();
-
   EXPECT_TRUE(Feed(OldLine(550000, 100, 0, 0, 50)));
   EXPECT_EQ(50000u, cache->getCurrentVmem());
-}
 
-TEST_F(VmstatFilterTest, FreeAboveTheMaximumRaisesItSilently) {
-  LogCapture log;
-  ASSERT_TRUE(log.Ok());
-  ASSERT_TRUE(Feed(kPlainHeader));
+  // Free physical memory above its maximum raises that too, silently.
   EXPECT_TRUE(Feed(OldLine(0, 400000, 0, 0, 50)));
   EXPECT_EQ(400000u, filter.getMaxPhysMemory());
   EXPECT_EQ(391u, Newest().pmem);  // 390.6 MiB
@@ -166,7 +151,6 @@ TEST_F(VmstatFilterTest, FreeAboveTheMaximumRaisesItSilently) {
 TEST_F(VmstatFilterTest, SixteenColumnLayoutWithoutNamedHeaders) {
   ASSERT_TRUE(Feed(kPlainHeader));
   EXPECT_FALSE(filter.areColumnsKnown());
-
   EXPECT_TRUE(Feed(OldLine(5000, 6000, 9, 10, 97) + OldLine(4000, 7000, 11, 12, 98)));
   EXPECT_EQ(98, idle);  // 97.5 rounds to even
   EXPECT_EQ(2u, cache->getNumberOfSamples());
@@ -174,19 +158,14 @@ TEST_F(VmstatFilterTest, SixteenColumnLayoutWithoutNamedHeaders) {
   auto both = cache->getAverageOfNIdleValues(2);
   EXPECT_EQ(10u, both->sin);   // (9 + 11) / 2
   EXPECT_EQ(11u, both->sout);  // (10 + 12) / 2
-}
 
-TEST_F(VmstatFilterTest, RunAverageRoundsHalfToEven) {
+  // The average covers the whole run, across reads, and starts again with the next.
+  filter.resetFilter();
   ASSERT_TRUE(Feed(kPlainHeader));
+  EXPECT_EQ(-1, idle);
   EXPECT_TRUE(Feed(OldLine(0, 0, 0, 0, 96)));
-  EXPECT_EQ(96, idle);
-  // The average covers the whole run, across reads.
   EXPECT_TRUE(Feed(OldLine(0, 0, 0, 0, 97)));
   EXPECT_EQ(96, idle);  // 96.5
-
-  filter.resetFilter();
-  EXPECT_TRUE(Feed(std::string(kPlainHeader)));
-  EXPECT_EQ(-1, idle);
 }
 
 TEST_F(VmstatFilterTest, NamesThatAreNotWholeColumnsAreNotEnough) {
@@ -209,20 +188,17 @@ TEST_F(VmstatFilterTest, GarbageIsNotRecognised) {
       << log.Text();
 }
 
-TEST_F(VmstatFilterTest, LastLineWithoutNewlineEndsTheRun) {
-  ASSERT_TRUE(Feed(kPlainHeader));
-  std::string line = OldLine(0, 0, 0, 0, 80);
-  line.pop_back();
-  EXPECT_FALSE(Feed(line));
-  EXPECT_EQ(80u, cache->getCurrentIdle());
-}
-
-TEST_F(VmstatFilterTest, WorksWithoutACache) {
+TEST_F(VmstatFilterTest, LastLineWithoutNewlineEndsTheRunWithOrWithoutACache) {
   myCache = nullptr;
   ASSERT_TRUE(Feed(kPlainHeader));
   EXPECT_TRUE(Feed(OldLine(0, 0, 0, 0, 70)));
   EXPECT_EQ(70, idle);
   EXPECT_EQ(0u, cache->getNumberOfSamples());
+  myCache = cache.get();
+  std::string line = OldLine(0, 0, 0, 0, 80);
+  line.pop_back();
+  EXPECT_FALSE(Feed(line));
+  EXPECT_EQ(80u, cache->getCurrentIdle());
 }
 
 TEST(IostatFilterTest, AveragesTheCpuLines) {
