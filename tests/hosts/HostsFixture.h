@@ -2,18 +2,17 @@
 #define QUELM_TESTS_HOSTS_HOSTSFIXTURE_H_
 
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <poll.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <cstdint>
-#include <cstdio>
 #include <cstdlib>
 #include <ctime>
+#include <filesystem>
+#include <fstream>
 #include <map>
 #include <memory>
 #include <optional>
+#include <sstream>
 #include <string>
 
 #include "agent/Bootstrap.h"
@@ -21,6 +20,7 @@
 #include "agent/Logging.h"
 #include "agent/MyLogger.h"
 #include "foundation/event/OmEventLoop.h"
+#include "foundation/net/OmSocket.h"
 #include "foundation/string/OmTimeVal.h"
 #include "hosts/Host.h"
 #include "hosts/HostListMgr.h"
@@ -33,7 +33,7 @@ namespace hoststest {
 // 2026-01-01 09:00:00 UTC.
 constexpr uint32_t kNineOClock = 1767258000;
 
-// The clock every test runs on; advanced by hand.
+// The clock every test runs on; set by hand.
 inline OmTimeVal& fakeNow() {
   static OmTimeVal now;
   return now;
@@ -44,36 +44,30 @@ inline OmTimeVal fakeClock() { return fakeNow(); }
 class UdpReceiver {
  public:
   UdpReceiver() {
-    fd = ::socket(AF_INET, SOCK_DGRAM, 0);
-    sockaddr_in sa{};
-    sa.sin_family = AF_INET;
-    sa.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t len = sizeof sa;
-    if (fd >= 0 && ::bind(fd, reinterpret_cast<sockaddr*>(&sa), sizeof sa) == 0 &&
-        ::getsockname(fd, reinterpret_cast<sockaddr*>(&sa), &len) == 0) {
-      port = ntohs(sa.sin_port);
+    OmInetAddr bound;
+    if (socket.Bind(OmInetAddr::AddressLoopback(), OmSocket::Datagram) &&
+        socket.LocalAddress(bound)) {
+      port = bound.GetPort();
     }
   }
-  ~UdpReceiver() {
-    if (fd >= 0) ::close(fd);
-  }
-  UdpReceiver(const UdpReceiver&) = delete;
-  UdpReceiver& operator=(const UdpReceiver&) = delete;
 
   // The next datagram, or nothing once waitMs has passed.
   std::optional<std::string> receive(int waitMs = 1000) {
-    pollfd p{fd, POLLIN, 0};
-    if (::poll(&p, 1, waitMs) != 1) return std::nullopt;
+    pollfd p{socket.Fd(), POLLIN, 0};
     char buf[2048];
-    const ssize_t n = ::recv(fd, buf, sizeof buf, 0);
-    if (n < 0) return std::nullopt;
+    long n = 0;
+    OmInetAddr from;
+    if (::poll(&p, 1, waitMs) != 1 ||
+        socket.ReadMessage(buf, sizeof buf, n, from) == OmFile::ioError) {
+      return std::nullopt;
+    }
     return std::string(buf, static_cast<size_t>(n));
   }
   // Loopback delivers a datagram within the sending call, so a short wait
   // is enough to know that nothing was sent.
   bool nothingWaiting() { return !receive(20).has_value(); }
 
-  int fd = -1;
+  OmSocket socket;
   unsigned port = 0;
 };
 
@@ -83,8 +77,6 @@ class UdpReceiver {
 // processor time, and a loop of the test's own driven by the fake clock.
 class HostsTest : public ::testing::Test {
  protected:
-  using Settings = std::map<std::string, std::string>;
-
   void SetUp() override {
     fakeNow() = OmTimeVal(kNineOClock, 0);
     OmTimeVal::SetClock(&fakeClock);
@@ -106,33 +98,24 @@ class HostsTest : public ::testing::Test {
     myBogomips = nullptr;
     dropConfiguration();
     OmTimeVal::SetClock(nullptr);
-    std::string command = "rm -rf '" + dir + "'";
-    if (!dir.empty()) {
-      EXPECT_EQ(0, std::system(command.c_str()));
-    }
+    std::filesystem::remove_all(dir);
   }
 
-  // Writes the properties file with the test's values over the defaults
-  // below, then builds the configuration and a cache from it.
-  void configure(const Settings& overrides) {
+  // Writes the properties file with the test's values over these defaults,
+  // then builds the configuration and a cache from it.
+  void configure(const std::map<std::string, std::string>& overrides) {
     dropConfiguration();
-    Settings values = {
-        {"logdirectory", dir},       {"logfilter", "*/*/*:t.log"},
-        {"piddirectory", dir},       {"probepath", "/bin/sh"},
-        {"filter", "vmstatFilter"},  {"port", "3579"},
-        {"samplerate", "5"},         {"windowsize", "3"},
-        {"hostlifetime", "3600"},    {"mincachesize", "4"},
-        {"maxvirtualmemory", "1024"}, {"maxphysicalmemory", "512"},
-        {"multiprocessorfactor", "80"}};
+    std::map<std::string, std::string> values = {
+        {"logdirectory", dir},         {"logfilter", "*/*/*:t.log"},  {"piddirectory", dir},
+        {"probepath", "/bin/sh"},      {"samplerate", "5"},           {"windowsize", "3"},
+        {"hostlifetime", "3600"},      {"mincachesize", "4"},         {"maxvirtualmemory", "1024"},
+        {"maxphysicalmemory", "512"}};
     for (const auto& [key, value] : overrides) values[key] = value;
-    std::string text;
+    std::ofstream file(dir + "/quelmloadbalancing.properties");
     for (const auto& [key, value] : values) {
-      text += "varosa.config.quelmloadbalancing." + key + "=" + value + "\n";
+      file << "varosa.config.quelmloadbalancing." << key << "=" << value << "\n";
     }
-    FILE* f = std::fopen((dir + "/quelmloadbalancing.properties").c_str(), "w");
-    ASSERT_NE(nullptr, f);
-    std::fputs(text.c_str(), f);
-    std::fclose(f);
+    file.close();
     myBootstrap = new Bootstrap(OmUniString(dir), 1);
     myCache = new Cache(myBootstrap->getMinCacheSize(), myBootstrap->getMaxVirtualMemory(),
                         myBootstrap->getMaxPhysMemory());
@@ -169,22 +152,21 @@ class HostsTest : public ::testing::Test {
   // later. A marker due one microsecond from now ends the run; the loop
   // never has to wait in poll, since that wait is below a millisecond.
   void runDue() {
-    bool reached = false;
     struct Marker : OmEventCallback {
-      bool* reached;
-      void Dispatch(OmEvent::cbdispatch) override { *reached = true; }
+      bool reached = false;
+      void Dispatch(OmEvent::cbdispatch) override { reached = true; }
     } marker;
-    marker.reached = &reached;
     const OmTimeVal end(fakeNow().seconds, fakeNow().microseconds + 1);
     loop.AddTimeoutEvent(end, &marker);
-    for (int turns = 0; turns < 100 && !reached; ++turns) loop.RunOneTurn();
-    if (!reached) loop.RemoveTimeoutEvent(end, &marker);
-    EXPECT_TRUE(reached);
+    for (int turns = 0; turns < 100 && !marker.reached; ++turns) loop.RunOneTurn();
+    if (!marker.reached) loop.RemoveTimeoutEvent(end, &marker);
+    EXPECT_TRUE(marker.reached);
   }
 
-  Host* addHost(unsigned port, unsigned id, unsigned flags, unsigned replyFrequencyMs = 10000,
+  // A subscriber on this test's receiver.
+  Host* addHost(unsigned id, unsigned flags, unsigned replyFrequencyMs = 10000,
                 unsigned threshold = 10, unsigned sampleRateMs = 5000, unsigned window = 3) {
-    return HostListMgr::addHost(OmUniString("127.0.0.1"), port, sampleRateMs, window,
+    return HostListMgr::addHost(OmUniString("127.0.0.1"), subscriber.port, sampleRateMs, window,
                                 replyFrequencyMs, threshold, id, OmUniString("text"), flags);
   }
 
@@ -194,19 +176,11 @@ class HostsTest : public ::testing::Test {
     myCache->addToCache(idle, vmemMiB * 1024, pmemMiB * 1024, sin, sout);
   }
 
-  std::string logText() const {
-    std::string text;
-    FILE* f = std::fopen((dir + "/t.log").c_str(), "r");
-    if (f == nullptr) return text;
-    char buf[4096];
-    size_t n;
-    while ((n = std::fread(buf, 1, sizeof buf, f)) > 0) text.append(buf, n);
-    std::fclose(f);
-    return text;
-  }
   bool logged(const std::string& part) const {
     mylog.Flush();
-    return logText().find(part) != std::string::npos;
+    std::stringstream text;
+    text << std::ifstream(dir + "/t.log").rdbuf();
+    return text.str().find(part) != std::string::npos;
   }
 
   std::string dir;

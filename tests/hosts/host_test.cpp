@@ -11,81 +11,74 @@ namespace {
 
 using HostTest = HostsTest;
 
+// Reply frequency and sample rate go to whole seconds, at least 10 and 5; the
+// window grows until rate x window covers 15 s.
 TEST_F(HostTest, ConstructionClampsRatesAndSetsTimes) {
-  Host* host = addHost(subscriber.port, 1, Host::CPU, 3000, 10, 2000, 4);
-  ASSERT_NE(nullptr, host);
-  EXPECT_TRUE(host->isValid());
+  const struct {
+    unsigned replyMs, rateMs, window, reply, rate, windowAfter;
+  } cases[] = {{3000, 2000, 4, 10, 5, 4}, {15999, 7999, 3, 15, 7, 3}, {10000, 7000, 2, 10, 5, 3}};
+  for (unsigned id = 0; id < std::size(cases); ++id) {
+    const auto& c = cases[id];
+    Host* host = addHost(id, Host::CPU, c.replyMs, 10, c.rateMs, c.window);
+    ASSERT_NE(nullptr, host);
+    EXPECT_EQ(c.reply, host->getReplyFrequency()) << id;
+    EXPECT_EQ(c.rate, host->getSampleRate()) << id;
+    EXPECT_EQ(c.windowAfter, host->getWindowSize()) << id;
+  }
+  Host* host = HostListMgr::getHosts()[0];
   EXPECT_EQ(OmInetAddr(127, 0, 0, 1, subscriber.port), host->getAddress());
-  EXPECT_EQ(5u, host->getSampleRate());  // raised to 5; 5 x 4 covers 15 s, so 4 stays
-  EXPECT_EQ(4u, host->getWindowSize());
-  EXPECT_EQ(10u, host->getReplyFrequency());
   EXPECT_EQ(OmTimeVal(kNineOClock, 0), host->getLastSendTime());
   EXPECT_EQ(OmTimeVal(kNineOClock + 10, 0), host->getNextSendTime());
   EXPECT_EQ(OmTimeVal(kNineOClock + 3600, 0), host->getExpiryTime());
-  EXPECT_EQ(0u, host->getLastIdle());
 
-  Host* slow = addHost(subscriber.port, 2, Host::CPU, 15999, 10, 7999, 3);
-  ASSERT_NE(nullptr, slow);
-  EXPECT_EQ(15u, slow->getReplyFrequency());
-  EXPECT_EQ(7u, slow->getSampleRate());
-  EXPECT_EQ(3u, slow->getWindowSize());
-
-  Host* narrow = addHost(subscriber.port, 3, Host::CPU, 10000, 10, 7000, 2);  // 14 s
-  ASSERT_NE(nullptr, narrow);
-  EXPECT_EQ(5u, narrow->getSampleRate());
-  EXPECT_EQ(3u, narrow->getWindowSize());
+  dropConfiguration();  // then the default lifetime of a day applies
+  EXPECT_EQ(OmTimeVal(kNineOClock + 86400, 0), addHost(9, 0)->getExpiryTime());
 }
 
 // A 3000 ms reply frequency is raised to 10 s; the timer fires on the fake
 // clock without any real waiting and re-arms itself every 10 s.
 TEST_F(HostTest, SendsEveryReplyFrequencyWhateverTheLoad) {
   addSample(60, 100, 50);
-  Host* host = addHost(subscriber.port, 3, Host::CPU, 3000);
+  Host* host = addHost(3, Host::CPU, 3000);
   ASSERT_NE(nullptr, host);
-  EXPECT_EQ(2u, loop.TimeoutCount());  // the hourly check and the host
-
   advance(9);
   runDue();
   EXPECT_TRUE(subscriber.nothingWaiting());
-
-  advance(1);
-  runDue();
-  auto first = subscriber.receive();
-  ASSERT_TRUE(first.has_value());
-  EXPECT_NE(std::string::npos, first->find("<seqno>" + std::to_string(kNineOClock + 10)));
-  EXPECT_NE(std::string::npos, first->find("cpu=60 "));
-  EXPECT_EQ(OmTimeVal(kNineOClock + 20, 0), host->getNextSendTime());
-  EXPECT_EQ(OmTimeVal(kNineOClock + 10, 0), host->getLastSendTime());
+  for (uint32_t at : {kNineOClock + 10, kNineOClock + 20}) {
+    setTime(at);
+    runDue();
+    auto packet = subscriber.receive();
+    ASSERT_TRUE(packet.has_value());
+    EXPECT_NE(std::string::npos, packet->find("<seqno>" + std::to_string(at)));
+    EXPECT_NE(std::string::npos, packet->find("cpu=60 "));
+    EXPECT_TRUE(subscriber.nothingWaiting());
+    EXPECT_EQ(OmTimeVal(at, 0), host->getLastSendTime());
+    EXPECT_EQ(OmTimeVal(at + 10, 0), host->getNextSendTime());
+    EXPECT_EQ(2u, loop.TimeoutCount());  // the hourly check and the host
+  }
   EXPECT_EQ(60u, host->getLastIdle());
   EXPECT_EQ(100u, host->getLastVmem());
   EXPECT_EQ(50u, host->getLastPmem());
   EXPECT_EQ(8u, host->getLastBogo());
-  EXPECT_EQ(2u, loop.TimeoutCount());
-  EXPECT_TRUE(subscriber.nothingWaiting());
-
-  advance(10);
-  runDue();
-  auto second = subscriber.receive();
-  ASSERT_TRUE(second.has_value());
-  EXPECT_NE(std::string::npos, second->find("<seqno>" + std::to_string(kNineOClock + 20)));
-  EXPECT_EQ(OmTimeVal(kNineOClock + 30, 0), host->getNextSendTime());
 }
 
-TEST_F(HostTest, EmptyCacheAtTheTimerLogsAndStillReArms) {
-  Host* host = addHost(subscriber.port, 4, Host::CPU);
+TEST_F(HostTest, EmptyCacheLogsAndSendsNothing) {
+  Host* host = addHost(4, Host::CPU | Host::VMEM, 10000, 0);
   ASSERT_NE(nullptr, host);
-  advance(10);
-  runDue();
+  host->percentChange(100);
   EXPECT_TRUE(subscriber.nothingWaiting());
   EXPECT_TRUE(logged("Unable to send load/memory values to 127.0.0.1. There are no values in "
                      "the cache to average."));
+  advance(10);  // at the timer too, which still re-arms
+  runDue();
+  EXPECT_TRUE(subscriber.nothingWaiting());
   EXPECT_EQ(OmTimeVal(kNineOClock + 20, 0), host->getNextSendTime());
   EXPECT_EQ(OmTimeVal(kNineOClock, 0), host->getLastSendTime());
 }
 
 TEST_F(HostTest, CpuChangeSendsExactlyOnePacket) {
   addSample(50, 100, 50);
-  Host* host = addHost(subscriber.port, 5, Host::CPU | Host::VMEM, 10000, 10);
+  Host* host = addHost(5, Host::CPU | Host::VMEM);
   ASSERT_NE(nullptr, host);
   advance(3);
   host->percentChange(50);
@@ -98,7 +91,6 @@ TEST_F(HostTest, CpuChangeSendsExactlyOnePacket) {
   // The timer is neither moved nor doubled.
   EXPECT_EQ(OmTimeVal(kNineOClock + 10, 0), host->getNextSendTime());
   EXPECT_EQ(2u, loop.TimeoutCount());
-
   // Below the threshold on both tests now that the last values are current.
   host->percentChange(55);
   EXPECT_TRUE(subscriber.nothingWaiting());
@@ -106,16 +98,14 @@ TEST_F(HostTest, CpuChangeSendsExactlyOnePacket) {
 
 TEST_F(HostTest, CpuTestNeedsBothTheRunAndTheAverageToMove) {
   addSample(5, 100, 50);
-  Host* host = addHost(subscriber.port, 6, Host::CPU, 10000, 10);
+  Host* host = addHost(6, Host::CPU);
   ASSERT_NE(nullptr, host);
   host->percentChange(50);  // the run moved by 50, the average only by 5
   EXPECT_TRUE(subscriber.nothingWaiting());
-
   host->setCacheEntries(1);
   addSample(50, 100, 50);
   host->percentChange(9);  // the average moved by 50, the run only by 9
   EXPECT_TRUE(subscriber.nothingWaiting());
-
   host->percentChange(10);
   EXPECT_TRUE(subscriber.receive().has_value());
 }
@@ -124,11 +114,10 @@ TEST_F(HostTest, CpuTestNeedsBothTheRunAndTheAverageToMove) {
 // a change of 10486 MiB is 1 percent by this rule, 10485 MiB is not.
 TEST_F(HostTest, MemoryTestUsesTheMixedUnits) {
   addSample(0, 10485, 0);
-  Host* host = addHost(subscriber.port, 7, Host::VMEM, 10000, 1);
+  Host* host = addHost(7, Host::VMEM, 10000, 1);
   ASSERT_NE(nullptr, host);
   host->percentChange(0);
   EXPECT_TRUE(subscriber.nothingWaiting());
-
   host->setCacheEntries(1);
   addSample(0, 10486, 0);
   host->percentChange(0);
@@ -138,30 +127,14 @@ TEST_F(HostTest, MemoryTestUsesTheMixedUnits) {
   EXPECT_EQ(10486u, host->getLastVmem());
 }
 
-TEST_F(HostTest, PercentChangeOnEmptyCacheLogsAndSendsNothing) {
-  Host* host = addHost(subscriber.port, 9, Host::CPU | Host::VMEM, 10000, 0);
-  ASSERT_NE(nullptr, host);
-  host->percentChange(100);
-  EXPECT_TRUE(subscriber.nothingWaiting());
-  EXPECT_TRUE(logged("Unable to send load/memory values to 127.0.0.1."));
-}
-
-TEST_F(HostTest, DestroyedHostsTimerNeverFires) {
+TEST_F(HostTest, RemovedHostsTimerNeverFires) {
   addSample(60, 100, 50);
-  ASSERT_NE(nullptr, addHost(subscriber.port, 11, Host::CPU));
-  EXPECT_EQ(2u, loop.TimeoutCount());
+  ASSERT_NE(nullptr, addHost(11, Host::CPU));
   EXPECT_TRUE(HostListMgr::removeHost(11));
   EXPECT_EQ(1u, loop.TimeoutCount());
   advance(30);
   runDue();
   EXPECT_TRUE(subscriber.nothingWaiting());
-}
-
-TEST_F(HostTest, WithoutConfigurationTheDefaultLifetimeApplies) {
-  dropConfiguration();
-  Host* host = addHost(subscriber.port, 12, 0);
-  ASSERT_NE(nullptr, host);
-  EXPECT_EQ(OmTimeVal(kNineOClock + 86400, 0), host->getExpiryTime());
 }
 
 }  // namespace
