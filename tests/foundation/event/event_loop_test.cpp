@@ -19,6 +19,13 @@ using Log = std::vector<std::string>;
 
 const OmTimeVal kStart(1000000, 500000);
 
+// The loop's own error line on standard error.
+std::string Severe(const std::string& text, pid_t pid = getpid()) {
+  return "\nVRX legacy event loopPID=" + std::to_string(pid) +
+         " SEVERE INTERNAL ERROR\nThe eventloop " + text +
+         " - this software will not function correctly.\n";
+}
+
 class EventLoopTest : public ::testing::Test {
  protected:
   void TearDown() override {
@@ -181,14 +188,9 @@ TEST_F(EventLoopTest, ClosedDescriptorIsReportedAndRemoved) {
   loop_.RunOneTurn();
   const std::string err = testing::internal::GetCapturedStderr();
 
-  const std::string pid = std::to_string(getpid());
-  const std::string expected =
-      "\nVRX legacy event loopPID=" + pid +
-      " SEVERE INTERNAL ERROR\nThe eventloop has bad write file descriptor " + std::to_string(a) +
-      " - this software will not function correctly.\n" + "\nVRX legacy event loopPID=" + pid +
-      " SEVERE INTERNAL ERROR\nThe eventloop has bad read file descriptor " + std::to_string(a) +
-      " - this software will not function correctly.\n";
-  EXPECT_EQ(expected, err);
+  EXPECT_EQ(Severe("has bad write file descriptor " + std::to_string(a)) +
+                Severe("has bad read file descriptor " + std::to_string(a)),
+            err);
   EXPECT_TRUE(log_.empty());  // neither told; the ready one waits for the next turn
   ASSERT_EQ(1u, loop_.PollCount());
   EXPECT_EQ(c, loop_.PollList()[0].fd);
@@ -211,10 +213,7 @@ TEST_F(EventLoopTest, PollListGrowsAndReportsOutOfMemory) {
   OmEventLoop::SetReallocator(nullptr);
 
   EXPECT_FALSE(added);
-  EXPECT_EQ("\nVRX legacy event loopPID=" + std::to_string(getpid()) +
-                " SEVERE INTERNAL ERROR\nThe eventloop failed to allocate memory for poll list "
-                "- this software will not function correctly.\n",
-            err);
+  EXPECT_EQ(Severe("failed to allocate memory for poll list"), err);
   EXPECT_EQ(9u, loop_.PollCount());  // the last one drops out too
   EXPECT_EQ(10u, loop_.PollCapacity());
 
@@ -241,8 +240,7 @@ TEST_F(EventLoopTest, PollFailureEndsLoopWith127) {
   close(out[1]);
   std::string err;
   char buf[256];
-  ssize_t n;
-  while ((n = read(out[0], buf, sizeof buf)) > 0) err.append(buf, static_cast<size_t>(n));
+  for (ssize_t n; (n = read(out[0], buf, sizeof buf)) > 0;) err.append(buf, static_cast<size_t>(n));
   close(out[0]);
   int status = 0;
   ASSERT_EQ(pid, waitpid(pid, &status, 0));

@@ -208,9 +208,13 @@ TEST_F(OmSocketTest, NonBlockingConnectCompletesOrIsRefused) {
       ASSERT_EQ(::poll(&p, 1, 5000), 1);
       EXPECT_EQ(client.ConnectionComplete(reason),
                 listening ? OmSocket::Connected : OmSocket::ConnectFailed);
-      if (!listening) EXPECT_NE(reason.Search(OmUniString("refused")), -1) << reason.AsAscii();
+      if (!listening) {
+        EXPECT_NE(reason.Search(OmUniString("refused")), -1) << reason.AsAscii();
+      }
     }
-    if (!listening) EXPECT_EQ(client.LastError().Errno(), ECONNREFUSED);
+    if (!listening) {
+      EXPECT_EQ(client.LastError().Errno(), ECONNREFUSED);
+    }
   }
 }
 
