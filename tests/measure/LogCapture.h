@@ -37,9 +37,8 @@ class LogCapture {
 
   // Everything logged so far.
   std::string Text() const {
-    std::ifstream in(dir + "/measure.log");
     std::ostringstream out;
-    out << in.rdbuf();
+    out << std::ifstream(dir + "/measure.log").rdbuf();
     return out.str();
   }
 

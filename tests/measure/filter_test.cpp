@@ -9,7 +9,6 @@
 #include "measure/BaseFilter.h"
 #include "measure/Cache.h"
 #include "measure/IostatFilter.h"
-#include "measure/SarFilter.h"
 #include "measure/VmstatFilter.h"
 
 namespace {
@@ -212,14 +211,6 @@ TEST(IostatFilterTest, AveragesTheCpuLines) {
   int idle = 0;
   EXPECT_TRUE(filter.doFiltering(buffer.data(), static_cast<int>(text.size()), idle));
   EXPECT_EQ(98, idle);  // (95 + 100) / 2 = 97.5
-}
-
-TEST(SarFilterTest, NeverParses) {
-  char text[] = "anything\n";
-  SarFilter filter(1, 1);
-  int idle = 0;
-  EXPECT_FALSE(filter.doFiltering(text, 9, idle));
-  EXPECT_EQ(1, filter.adjustCount());
 }
 
 }  // namespace

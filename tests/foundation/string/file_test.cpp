@@ -84,7 +84,7 @@ TEST_F(SocketPairTest, DescriptorFlags) {
   EXPECT_NE(fcntl(writer_.Fd(), F_GETFD) & FD_CLOEXEC, 0);
 }
 
-TEST_F(SocketPairTest, CloseTwiceClosesOnce) {
+TEST_F(SocketPairTest, CloseTwiceClosesOnceAndReleaseGivesUp) {
   const int old = reader_.Fd();
   ASSERT_TRUE(reader_.Close());
   EXPECT_EQ(reader_.Fd(), -1);
@@ -94,9 +94,8 @@ TEST_F(SocketPairTest, CloseTwiceClosesOnce) {
   EXPECT_TRUE(reader_.Close());
   EXPECT_TRUE(IsOpen(old));
   close(old);
-}
 
-TEST_F(SocketPairTest, DestructorClosesAndReleaseGivesUp) {
+  // Release gives the descriptor up; a destroyed owner closes it.
   const int fd = writer_.Release();
   EXPECT_EQ(writer_.Fd(), -1);
   { OmFile owner(fd); }
@@ -177,38 +176,32 @@ TEST_F(TempDirTest, OpenErrorSpellsPathAndFlags) {
   EXPECT_FALSE(Contains(f.LastError().Reason(), "RDONLY"));
 }
 
-TEST_F(TempDirTest, WriteSeekReadTruncate) {
+TEST_F(TempDirTest, WholeFilesSeekTruncateAndPathQueries) {
   const std::string path = Path("data");
-  OmFile f;
-  ASSERT_TRUE(f.Open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0600));
-  long done = 0;
-  EXPECT_EQ(f.Write("hello world", 11, done), OmFile::ioComplete);
-  EXPECT_EQ(f.LSeek(6, SEEK_SET), 6);
-  char buf[16] = {};
-  EXPECT_EQ(f.Read(buf, 5, done), OmFile::ioComplete);
-  EXPECT_EQ(std::string(buf, 5), "world");
-  EXPECT_EQ(f.Read(buf, 5, done), OmFile::ioEndOfFile);
-  EXPECT_TRUE(f.FTruncate(5));
-  EXPECT_EQ(OmFile::Length(path.c_str()), 5);
-}
-
-TEST_F(TempDirTest, WholeFilesAndPathQueries) {
-  const std::string path = Path("round");
   const unsigned char raw[] = {'a', 0, 0xff, '\n', 'z'};
   ASSERT_TRUE(OmFile::WriteFile(path.c_str(), OmByteBuffer(raw, sizeof raw)));
   OmByteBuffer back;
   ASSERT_TRUE(OmFile::ReadFile(path.c_str(), back));
   EXPECT_EQ(back, OmByteBuffer(raw, sizeof raw));
-
   std::string large;
   for (int i = 0; i < 20000; ++i) large += static_cast<char>('a' + i % 26);
   ASSERT_TRUE(OmFile::WriteFile(path.c_str(), OmByteBuffer(large.data(), large.size())));
-  ASSERT_TRUE(OmFile::ReadFile(path.c_str(), back));
+  ASSERT_TRUE(OmFile::ReadFile(path.c_str(), back));  // replaces the old content
   EXPECT_EQ(back, OmByteBuffer(large.data(), large.size()));
-  ASSERT_TRUE(OmFile::WriteFile(path.c_str(), OmByteBuffer()));
+  EXPECT_FALSE(OmFile::ReadFile(Path("missing").c_str(), back));
+
+  OmFile f;
+  ASSERT_TRUE(f.Open(path.c_str(), O_RDWR));
+  EXPECT_EQ(f.LSeek(19998, SEEK_SET), 19998);
+  char buf[4] = {};
+  long done = 0;
+  EXPECT_EQ(f.Read(buf, 2, done), OmFile::ioComplete);
+  EXPECT_EQ(std::string(buf, 2), "ef");  // 19998 % 26 is 4
+  EXPECT_EQ(f.Read(buf, 2, done), OmFile::ioEndOfFile);
+  EXPECT_TRUE(f.FTruncate(0));
+  EXPECT_EQ(OmFile::Length(path.c_str()), 0);
   ASSERT_TRUE(OmFile::ReadFile(path.c_str(), back));
   EXPECT_EQ(back.Length(), 0u);
-  EXPECT_FALSE(OmFile::ReadFile(Path("missing").c_str(), back));
 
   EXPECT_TRUE(OmFile::IsDirectory(dir_.c_str()));
   EXPECT_TRUE(OmFile::DoesPathExist(path.c_str()));
