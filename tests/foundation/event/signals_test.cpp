@@ -171,23 +171,19 @@ TEST_F(SignalsTest, ChildDeathEndsABlockedLoop) {
 TEST(CallbackTest, HandlersReceiveTheirCallbackAndDatum) {
   static std::vector<const void*> seen;
   struct Owner {
-    void simpleCB(OmEventCallback* cb, OmEvent::cbdispatch a) {
-      if (a == OmEvent::fired) seen.push_back(cb);
-    }
+    void simpleCB(OmEventCallback* cb, OmEvent::cbdispatch) { seen.push_back(cb); }
     void dataCB(OmEventCallback* cb, OmEvent::cbdispatch, const char* d) {
-      seen.push_back(cb);
-      seen.push_back(d);
+      seen.insert(seen.end(), {cb, d});
     }
   } owner;
-  OmSimpleCallback<OmEvent::cbdispatch, Owner> simple(&owner, &Owner::simpleCB);
   const char* datum = "datum";
-  OmCallbackWithData<OmEvent::cbdispatch, Owner, const char*> withData(&owner, &Owner::dataCB, datum);
+  OmSimpleCallback<OmEvent::cbdispatch, Owner> simple(&owner, &Owner::simpleCB);
+  OmCallbackWithData<OmEvent::cbdispatch, Owner, const char*> withData(&owner, &Owner::dataCB,
+                                                                       datum);
   OmStaticCallback<OmEvent::cbdispatch> plain(
       [](OmEventCallback* cb, OmEvent::cbdispatch) { seen.push_back(cb); });
-
   OmEventCallback* all[] = {&simple, &withData, &plain};
   for (OmEventCallback* cb : all) cb->Dispatch(OmEvent::fired);
-  simple.Dispatch(OmEvent::removed);
   EXPECT_EQ((std::vector<const void*>{&simple, &withData, datum, &plain}), seen);
   EXPECT_EQ(datum, withData.GetData());
 }
