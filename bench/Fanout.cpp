@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <thread>
 #include <vector>
 
 #include "LoadClient.h"
@@ -63,6 +64,10 @@ FanoutResult RunFanout(const FanoutOptions& o) {
     }
   }
   r.createSeconds = std::chrono::duration<double>(Clock::now() - createStart).count();
+  // Every host sends one reply period after its creation and then every
+  // period; a window that starts half a period in holds whole periods.
+  std::this_thread::sleep_for(
+      std::chrono::milliseconds(o.warmupMs < 0 ? o.replyFreqMs / 2 : o.warmupMs));
 
   const int ep = epoll_create1(EPOLL_CLOEXEC);
   for (int fd : fds) {
@@ -75,6 +80,7 @@ FanoutResult RunFanout(const FanoutOptions& o) {
     epoll_ctl(ep, EPOLL_CTL_ADD, fd, &ev);
   }
   const ProcSample before = ReadProcSample(o.pid);
+  const long long logsBefore = o.logDir.empty() ? 0 : FolderBytes(o.logDir);
   const Clock::time_point start = Clock::now();
   const Clock::time_point end =
       start + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(o.seconds));
@@ -98,6 +104,7 @@ FanoutResult RunFanout(const FanoutOptions& o) {
   const ProcSample after = ReadProcSample(o.pid);
   r.seconds = std::chrono::duration<double>(Clock::now() - start).count();
   r.probeCpuSeconds = after.cpuSeconds - before.cpuSeconds;
+  if (!o.logDir.empty()) r.logBytes = FolderBytes(o.logDir) - logsBefore;
   close(ep);
   for (int fd : fds) close(fd);
   return r;

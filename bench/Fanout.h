@@ -13,6 +13,8 @@ struct FanoutOptions {
   int sockets = 4;          // receiving UDP sockets; hosts are spread over them
   double seconds = 30;      // counting window after the last create
   int replyFreqMs = 10000;
+  int warmupMs = -1;        // wait before counting (-1: half a reply period)
+  std::string logDir;       // the probe's log folder, to measure its growth
 };
 
 struct FanoutResult {
@@ -23,6 +25,7 @@ struct FanoutResult {
   long wellFormed = 0;         // of those, complete load packets
   double seconds = 0;
   double probeCpuSeconds = 0;  // the probe's utime + stime over the window
+  long long logBytes = 0;      // growth of the log folder over the window
   std::string sample;          // one packet as received
 };
 

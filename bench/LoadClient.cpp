@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cmath>
+#include <thread>
 
 namespace {
 
@@ -144,11 +145,12 @@ class Engine {
         Finish(i, &LoadResult::reset);
         return;
       }
-      if (opt_.close == CloseMode::ResetAfterSend) {
+      if (opt_.close == CloseMode::ResetAfterSend || opt_.close == CloseMode::HalfCloseThenReset) {
         const linger hard{1, 0};
         setsockopt(s.fd, SOL_SOCKET, SO_LINGER, &hard, sizeof hard);
       }
-      if (opt_.close != CloseMode::AfterReply) {
+      if (opt_.close == CloseMode::HalfCloseThenReset) shutdown(s.fd, SHUT_WR);
+      if (opt_.close == CloseMode::AfterSend || opt_.close == CloseMode::ResetAfterSend) {
         Finish(i, &LoadResult::ok);
         return;
       }
@@ -161,6 +163,10 @@ class Engine {
     char buf[65536];
     for (;;) {
       const ssize_t n = recv(s.fd, buf, sizeof buf, 0);
+      if (n > 0 && opt_.close == CloseMode::HalfCloseThenReset) {
+        Finish(i, &LoadResult::ok);
+        return;
+      }
       if (n > 0) {
         const size_t from = s.reply.size() > opt_.endTag.size() ? s.reply.size() - opt_.endTag.size()
                                                                 : 0;
@@ -270,16 +276,21 @@ std::vector<int> OpenIdle(int port, int count, int timeoutMs, long& failed) {
   return connected;
 }
 
-std::string FetchOnce(int port, const std::string& request, int timeoutMs) {
+std::string FetchOnce(int port, const std::string& request, int timeoutMs, int delayMs) {
   // A plain blocking exchange: the whole reply up to the server's close.
   const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   const sockaddr_in addr = Loopback(port);
   timeval tv{timeoutMs / 1000, (timeoutMs % 1000) * 1000};
   setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+  if (delayMs > 0) {
+    const int small = 8192;
+    setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
+  }
   std::string reply;
   if (connect(fd, reinterpret_cast<const sockaddr*>(&addr), sizeof addr) == 0 &&
       send(fd, request.data(), request.size(), MSG_NOSIGNAL) ==
           static_cast<ssize_t>(request.size())) {
+    if (delayMs > 0) std::this_thread::sleep_for(std::chrono::milliseconds(delayMs));
     char buf[65536];
     for (ssize_t n; (n = recv(fd, buf, sizeof buf, 0)) > 0;) reply.append(buf, static_cast<size_t>(n));
   }

@@ -10,6 +10,10 @@ enum class CloseMode {
   AfterReply,      // read until the end tag, then close
   AfterSend,       // send the request and close at once (FIN)
   ResetAfterSend,  // send the request and reset the connection (RST)
+  // Send the request, shut down the sending side (as `socat` does at the end
+  // of its input), then reset the connection once the first reply bytes
+  // have arrived: a client that gives up in the middle of a reply.
+  HalfCloseThenReset,
 };
 
 struct LoadOptions {
@@ -50,7 +54,9 @@ LoadResult RunLoad(const LoadOptions& options);
 // closes them); the others are closed and counted in `failed`.
 std::vector<int> OpenIdle(int port, int count, int timeoutMs, long& failed);
 
-// One request on one connection; the reply, or "" on failure.
-std::string FetchOnce(int port, const std::string& request, int timeoutMs = 5000);
+// One request on one connection; everything read up to the server's close,
+// or "" on failure. With delayMs, waits that long before reading, with a
+// small receive buffer, like a slow client.
+std::string FetchOnce(int port, const std::string& request, int timeoutMs = 5000, int delayMs = 0);
 
 #endif  // QUELM_BENCH_LOADCLIENT_H_

@@ -57,3 +57,15 @@ ProcSample ReadProcSample(pid_t pid) {
   s.valid = true;
   return s;
 }
+
+long long FolderBytes(const std::string& folder) {
+  long long total = 0;
+  std::error_code ec;
+  for (auto it = std::filesystem::directory_iterator(folder, ec);
+       !ec && it != std::filesystem::directory_iterator(); it.increment(ec)) {
+    std::error_code sizeError;
+    const auto size = it->file_size(sizeError);
+    if (!sizeError) total += static_cast<long long>(size);
+  }
+  return total;
+}

@@ -18,4 +18,7 @@ struct ProcSample {
 
 ProcSample ReadProcSample(pid_t pid);
 
+// Total size of the regular files in a folder (the probe's logs).
+long long FolderBytes(const std::string& folder);
+
 #endif  // QUELM_BENCH_PROCSTAT_H_

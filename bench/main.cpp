@@ -3,12 +3,15 @@
 // key=value pairs for scripts/bench.sh to put into its table.
 //
 //   quelmbench load      --port P --conns C --seconds S [--request R] [--end TAG]
+//                        [--pid PID] [--logdir D]
 //   quelmbench burst     --port P --pid PID --count N --conns K
-//   quelmbench early     --port P --pid PID --count N --conns K --mode fin|rst [--request R]
-//   quelmbench idle      --port P --pid PID --count N
-//   quelmbench footprint --pid PID --seconds S
-//   quelmbench fanout    --port P --pid PID --hosts H --seconds S [--first-id I]
+//   quelmbench early     --port P --pid PID --count N --conns K --mode fin|rst|halfclose
+//   quelmbench idle      --port P --pid PID --count N [--batch B] [--wait-ms W]
+//   quelmbench footprint --pid PID --seconds S [--logdir D]
+//   quelmbench fanout    --port P --pid PID --hosts H --seconds S [--first-id I] [--logdir D]
+//                        [--warmup-ms W]
 //   quelmbench get       --port P [--request R]
+//   quelmbench fetch     --port P [--delay-ms D] (one get, read to the end after D ms)
 //   quelmbench port      (prints a free TCP port on 127.0.0.1)
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -17,6 +20,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -81,16 +85,26 @@ void PrintLoad(const char* what, const LoadResult& r) {
               r.PercentileMs(100), r.SlowerThan(1000), r.refused, r.reset, r.eof, r.timeouts, r.elapsed);
 }
 
-// What the probe looks like after a flood: alive, serving, quiet.
-void PrintAftermath(int port, pid_t pid) {
-  // Circuits are deleted a second after their reply; let that pass.
-  std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+// What the probe looks like after a flood: alive, serving, quiet, and back
+// to the descriptors it had before.
+void PrintAftermath(int port, pid_t pid, long baseFds) {
+  const auto start = std::chrono::steady_clock::now();
+  // Circuits are deleted a second after their reply; wait for that.
+  ProcSample s = ReadProcSample(pid);
+  while (s.valid && s.openDescriptors > baseFds &&
+         std::chrono::steady_clock::now() - start < std::chrono::seconds(10)) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    s = ReadProcSample(pid);
+  }
+  const double settle = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   const bool alive = Alive(pid);
   const bool served = alive && GoodGet(FetchOnce(port, kGet));
+  std::this_thread::sleep_for(std::chrono::milliseconds(1100));  // that get's circuit too
   const double cpu = alive ? IdleCpuShare(pid, 1000) : 0;
-  const ProcSample s = ReadProcSample(pid);
-  std::printf(" alive=%d served_after=%d cpu_after_pct=%.1f fds_after=%ld rss_kib=%ld hwm_kib=%ld\n",
-              alive, served, cpu * 100, s.openDescriptors, s.rssKiB, s.hwmKiB);
+  s = ReadProcSample(pid);
+  std::printf(" alive=%d served_after=%d settle_s=%.2f cpu_after_pct=%.1f fds_before=%ld "
+              "fds_after=%ld rss_kib=%ld hwm_kib=%ld\n",
+              alive, served, settle, cpu * 100, baseFds, s.openDescriptors, s.rssKiB, s.hwmKiB);
 }
 
 int Load(const Args& a) {
@@ -101,7 +115,20 @@ int Load(const Args& a) {
   o.request = a.Str("request", kGet);
   o.endTag = a.Str("end", "</znalbreply>");
   o.timeoutMs = static_cast<int>(a.Num("timeout-ms", 5000));
-  PrintLoad("load", RunLoad(o));
+  const pid_t pid = static_cast<pid_t>(a.Num("pid"));
+  const std::string logDir = a.Str("logdir");
+  const ProcSample before = pid > 0 ? ReadProcSample(pid) : ProcSample();
+  const long long logsBefore = logDir.empty() ? 0 : FolderBytes(logDir);
+  const LoadResult r = RunLoad(o);
+  PrintLoad("load", r);
+  if (pid > 0) {
+    std::fflush(stdout);
+    const ProcSample after = ReadProcSample(pid);
+    const long long logs = logDir.empty() ? 0 : FolderBytes(logDir) - logsBefore;
+    std::printf(" server_cpu_pct=%.1f server_hwm_kib=%ld server_rss_kib=%ld log_bytes_per_s=%.0f\n",
+                (after.cpuSeconds - before.cpuSeconds) * 100 / r.elapsed, after.hwmKiB, after.rssKiB,
+                static_cast<double>(logs) / r.elapsed);
+  }
   return 0;
 }
 
@@ -111,11 +138,13 @@ int Burst(const Args& a) {
   o.total = a.Num("count", 2000);
   o.concurrency = static_cast<int>(a.Num("conns", 200));
   o.request = a.Str("request", kGet);
-  o.timeoutMs = static_cast<int>(a.Num("timeout-ms", 10000));
+  o.timeoutMs = static_cast<int>(a.Num("timeout-ms", 20000));
+  const pid_t pid = static_cast<pid_t>(a.Num("pid"));
+  const long baseFds = ReadProcSample(pid).openDescriptors;
   const LoadResult r = RunLoad(o);
   PrintLoad("burst", r);
   std::fflush(stdout);
-  PrintAftermath(o.port, static_cast<pid_t>(a.Num("pid")));
+  PrintAftermath(o.port, pid, baseFds);
   return 0;
 }
 
@@ -125,11 +154,16 @@ int Early(const Args& a) {
   o.total = a.Num("count", 1000);
   o.concurrency = static_cast<int>(a.Num("conns", 50));
   o.request = a.Str("request", kGet);
-  o.close = a.Str("mode", "rst") == "fin" ? CloseMode::AfterSend : CloseMode::ResetAfterSend;
+  const std::string mode = a.Str("mode", "rst");
+  o.close = mode == "fin"         ? CloseMode::AfterSend
+            : mode == "halfclose" ? CloseMode::HalfCloseThenReset
+                                  : CloseMode::ResetAfterSend;
+  const pid_t pid = static_cast<pid_t>(a.Num("pid"));
+  const long baseFds = ReadProcSample(pid).openDescriptors;
   const LoadResult r = RunLoad(o);
   PrintLoad("early", r);
   std::fflush(stdout);
-  PrintAftermath(o.port, static_cast<pid_t>(a.Num("pid")));
+  PrintAftermath(o.port, pid, baseFds);
   return 0;
 }
 
@@ -137,17 +171,33 @@ int Idle(const Args& a) {
   const int port = static_cast<int>(a.Num("port"));
   const pid_t pid = static_cast<pid_t>(a.Num("pid"));
   const int count = static_cast<int>(a.Num("count", 500));
-  const ProcSample base = ReadProcSample(pid);
-  long failed = 0;
+  // 0: all at once. Otherwise batches, each accepted before the next.
+  const int batch = static_cast<int>(a.Num("batch", 0));
+  const auto wait = std::chrono::milliseconds(a.Num("wait-ms", 10000));
+  const long baseFds = ReadProcSample(pid).openDescriptors;
   const auto start = std::chrono::steady_clock::now();
-  std::vector<int> fds = OpenIdle(port, count, static_cast<int>(a.Num("timeout-ms", 10000)), failed);
-  // Wait until the probe has accepted them (each is one descriptor there).
-  ProcSample held = ReadProcSample(pid);
-  while (held.valid && held.openDescriptors < base.openDescriptors + static_cast<long>(fds.size()) &&
-         std::chrono::steady_clock::now() - start < std::chrono::seconds(10)) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    held = ReadProcSample(pid);
+  auto acceptedAtLeast = [&](long n) {
+    ProcSample held = ReadProcSample(pid);
+    while (held.valid && held.openDescriptors < baseFds + n &&
+           std::chrono::steady_clock::now() - start < wait) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(batch > 0 ? 1 : 20));
+      held = ReadProcSample(pid);
+    }
+    return held.openDescriptors - baseFds;
+  };
+  std::vector<int> fds;
+  long failed = 0;
+  while (static_cast<int>(fds.size()) + failed < count &&
+         std::chrono::steady_clock::now() - start < wait) {
+    const int n = batch > 0 ? std::min(batch, count - static_cast<int>(fds.size()) - static_cast<int>(failed))
+                            : count;
+    long lost = 0;
+    std::vector<int> more = OpenIdle(port, n, static_cast<int>(wait.count()), lost);
+    failed += lost;
+    fds.insert(fds.end(), more.begin(), more.end());
+    if (batch > 0) acceptedAtLeast(static_cast<long>(fds.size()));
   }
+  const long held = acceptedAtLeast(static_cast<long>(fds.size()));
   const double openSeconds =
       std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   const auto t0 = std::chrono::steady_clock::now();
@@ -157,28 +207,31 @@ int Idle(const Args& a) {
   const double cpuDuring = IdleCpuShare(pid, 1000);
   std::printf("idle connected=%zu failed=%ld open_s=%.2f probe_fds=%ld served_during=%d "
               "get_during_ms=%.2f cpu_during_pct=%.1f",
-              fds.size(), failed, openSeconds, held.openDescriptors - base.openDescriptors,
-              servedDuring, getMs, cpuDuring * 100);
+              fds.size(), failed, openSeconds, held, servedDuring, getMs, cpuDuring * 100);
   for (int fd : fds) close(fd);
   std::fflush(stdout);
-  PrintAftermath(port, pid);
+  PrintAftermath(port, pid, baseFds);
   return 0;
 }
 
 int Footprint(const Args& a) {
   const pid_t pid = static_cast<pid_t>(a.Num("pid"));
   const double seconds = a.Real("seconds", 60);
+  const std::string logDir = a.Str("logdir");
   const ProcSample before = ReadProcSample(pid);
+  const long long logsBefore = logDir.empty() ? 0 : FolderBytes(logDir);
   const auto start = std::chrono::steady_clock::now();
   std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
   const ProcSample after = ReadProcSample(pid);
+  const long long logs = logDir.empty() ? 0 : FolderBytes(logDir) - logsBefore;
   const double wall = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   std::printf("footprint alive=%d cpu_start_s=%.2f cpu_ms=%.0f cpu_ms_per_s=%.3f wakeups_per_s=%.2f "
-              "rss_kib=%ld hwm_kib=%ld fds=%ld seconds=%.1f\n",
+                            "rss_kib=%ld hwm_kib=%ld fds=%ld log_bytes_per_s=%.0f seconds=%.1f\n",
               Alive(pid), before.cpuSeconds, (after.cpuSeconds - before.cpuSeconds) * 1000,
               (after.cpuSeconds - before.cpuSeconds) * 1000 / wall,
               static_cast<double>(after.contextSwitches - before.contextSwitches) / wall,
-              after.rssKiB, after.hwmKiB, after.openDescriptors, wall);
+              after.rssKiB, after.hwmKiB, after.openDescriptors, static_cast<double>(logs) / wall,
+              wall);
   return 0;
 }
 
@@ -189,15 +242,31 @@ int Fanout(const Args& a) {
   o.hosts = static_cast<int>(a.Num("hosts", 100));
   o.firstId = static_cast<int>(a.Num("first-id", 1));
   o.seconds = a.Real("seconds", 30);
+  o.logDir = a.Str("logdir");
+  o.warmupMs = static_cast<int>(a.Num("warmup-ms", -1));
   const FanoutResult r = RunFanout(o);
   const ProcSample s = ReadProcSample(o.pid);
   std::printf("fanout hosts=%d created=%d refused=%d create_s=%.2f datagrams=%ld well_formed=%ld "
               "pps=%.1f expected_pps=%.1f cpu_ms_per_s=%.3f seconds=%.1f rss_kib=%ld hwm_kib=%ld "
-              "alive=%d\n",
+              "log_bytes_per_s=%.0f alive=%d\n",
               o.hosts, r.created, r.refused, r.createSeconds, r.datagrams, r.wellFormed,
               static_cast<double>(r.datagrams) / r.seconds, r.created * 1000.0 / o.replyFreqMs,
-              r.probeCpuSeconds * 1000 / r.seconds, r.seconds, s.rssKiB, s.hwmKiB, Alive(o.pid));
-  std::fprintf(stderr, "sample packet: %s\n", r.sample.c_str());
+              r.probeCpuSeconds * 1000 / r.seconds, r.seconds, s.rssKiB, s.hwmKiB,
+              static_cast<double>(r.logBytes) / r.seconds, Alive(o.pid));
+  return 0;
+}
+
+// One get read to the end of the connection, as a plain client would,
+// optionally after a pause with a small receive buffer (a slow reader).
+int Fetch(const Args& a) {
+  const int port = static_cast<int>(a.Num("port"));
+  const int delayMs = static_cast<int>(a.Num("delay-ms", 0));
+  const auto start = std::chrono::steady_clock::now();
+  const std::string reply = FetchOnce(port, a.Str("request", kGet), 10000, delayMs);
+  const double ms =
+      std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
+  std::printf("fetch bytes=%zu complete=%d ms=%.1f delay_ms=%d\n", reply.size(),
+              reply.ends_with("</znalbreply>"), ms, delayMs);
   return 0;
 }
 
@@ -242,7 +311,8 @@ int main(int argc, char** argv) {
   if (command == "footprint") return Footprint(args);
   if (command == "fanout") return Fanout(args);
   if (command == "get") return Get(args);
+  if (command == "fetch") return Fetch(args);
   if (command == "port") return FreePort();
-  std::fprintf(stderr, "usage: quelmbench load|burst|early|idle|footprint|fanout|get|port --key value ...\n");
+  std::fprintf(stderr, "usage: quelmbench load|burst|early|idle|footprint|fanout|get|fetch|port --key value ...\n");
   return 2;
 }

@@ -1,0 +1,299 @@
+#!/usr/bin/env bash
+# Measures what the probe costs and how fast it answers, and prints one
+# Markdown table:
+#   - command port round trips (1, 8, 64 concurrent clients), against nginx
+#     serving a file of the same size with one worker;
+#   - idle footprint with a fast fake measuring tool and with real vmstat;
+#   - load packet fan-out to 100 and 1,000 subscribed hosts;
+#   - connection floods: idle connections, a connection burst, clients that
+#     close or reset before the reply; and, in a private network namespace
+#     with an Ethernet-sized MTU, large replies to slow or vanishing clients.
+# Everything talks to 127.0.0.1 only. Takes about 8 minutes.
+# LOAD_SECONDS, IDLE_SECONDS and FANOUT_SECONDS shorten or lengthen the runs.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+root=$(pwd)
+probe=$root/build-bench-release/quelmloadprobe
+qb=$root/build-bench-tools/quelmbench
+cpus=$(nproc)
+LOAD_SECONDS=${LOAD_SECONDS:-10}
+IDLE_SECONDS=${IDLE_SECONDS:-60}
+FANOUT_SECONDS=${FANOUT_SECONDS:-30}
+
+pids=()
+cleanup() {
+  for p in "${pids[@]}"; do kill "$p" 2>/dev/null || true; done
+  wait 2>/dev/null || true
+}
+
+# value KEY LINE: the value of KEY=... in a quelmbench output line.
+value() { tr ' ' '\n' <<<"$2" | sed -n "s/^$1=//p" | head -1; }
+
+# Starts a probe in $work/NAME with the given tool; sets probe_pid,
+# probe_port, probe_dir and probe_start_cpu (CPU seconds spent before the
+# pid file: the speed estimate's busy loop, counted apart).
+start_probe() {
+  local name=$1 tool=$2
+  probe_dir=$work/$name
+  mkdir -p "$probe_dir/logs" "$probe_dir/run"
+  probe_port=$("$qb" port)
+  cat >"$probe_dir/quelmloadbalancing.properties" <<EOF
+varosa.config.quelmloadbalancing.port=$probe_port
+varosa.config.quelmloadbalancing.filter=vmstatFilter
+varosa.config.quelmloadbalancing.probepath=$tool
+varosa.config.quelmloadbalancing.logdirectory=$probe_dir/logs
+varosa.config.quelmloadbalancing.piddirectory=$probe_dir/run
+varosa.config.quelmloadbalancing.windowsize=3
+varosa.config.quelmloadbalancing.samplerate=5
+varosa.config.quelmloadbalancing.hostlifetime=86400
+varosa.config.quelmloadbalancing.mincachesize=10
+varosa.config.quelmloadbalancing.maxvirtualmemory=768
+varosa.config.quelmloadbalancing.maxphysicalmemory=256
+varosa.config.quelmloadbalancing.multiprocessorfactor=80
+EOF
+  "$probe" "$probe_dir" "$cpus" 2>"$probe_dir/stderr.txt" &
+  probe_pid=$!
+  pids+=("$probe_pid")
+  for _ in $(seq 1 600); do
+    [ -f "$probe_dir/run/quelmloadprobe.pid" ] && break
+    kill -0 "$probe_pid" 2>/dev/null || { echo "probe $name died at start-up" >&2; exit 1; }
+    sleep 0.1
+  done
+  probe_start_cpu=$(awk -v hz="$(getconf CLK_TCK)" \
+    '{ sub(/.*\) /, ""); printf "%.2f", ($12 + $13) / hz }' "/proc/$probe_pid/stat")
+}
+
+# Stops the probe with SIGTERM unless it has ended already; sets
+# probe_status (92: stopped by SIGTERM, 94: ended by SIGPIPE).
+stop_probe() {
+  probe_status=0
+  kill -TERM "$probe_pid" 2>/dev/null || true
+  wait "$probe_pid" || probe_status=$?
+}
+
+rows=()
+row() { rows+=("| $1 | $2 | $3 |"); }
+
+load_row() {  # load_row LABEL LINE
+  local extra=""
+  [ -n "$(value server_cpu_pct "$2")" ] &&
+    extra="; server CPU $(value server_cpu_pct "$2") %, peak RSS $(value server_hwm_kib "$2") KiB"
+  [ -n "$(value log_bytes_per_s "$2")" ] && extra="$extra, log +$(value log_bytes_per_s "$2") B/s"
+  row "$1" "$(value rps "$2") req/s" \
+    "p50 $(value p50_ms "$2") ms, p99 $(value p99_ms "$2") ms, max $(value max_ms "$2") ms, \
+$(value over_1s "$2") over 1 s; errors: refused $(value refused "$2"), reset $(value reset "$2"), \
+eof $(value eof "$2"), timeouts $(value timeouts "$2")$extra"
+}
+
+flood_row() {  # flood_row LABEL LINE DETAILS
+  row "$1" "alive $(value alive "$2"), served after $(value served_after "$2")" \
+    "$3 descriptors back to $(value fds_after "$2") (before $(value fds_before "$2")) in \
+$(value settle_s "$2") s; CPU afterwards $(value cpu_after_pct "$2") %; peak RSS $(value hwm_kib "$2") KiB"
+}
+
+# --- Large replies over an Ethernet-sized MTU (run inside `unshare -n`) --------
+# On the host's loopback (MTU 65536) the send buffer takes even a 2.6 MB reply
+# in one write; with MTU 1500 a 1,000-host get reply needs several writes.
+in_netns() {
+  work=$1
+  trap cleanup EXIT
+  ip link set lo up mtu 1500
+  start_probe netns "/usr/bin/vmstat -n"
+  "$qb" fanout --port "$probe_port" --pid "$probe_pid" --hosts 1000 --seconds 0 --warmup-ms 0 >/dev/null
+  local line
+  line=$("$qb" fetch --port "$probe_port")
+  echo "| MTU 1500: get with 1,000 hosts, read to the end | $(value ms "$line") ms | \
+$(value bytes "$line") bytes, complete $(value complete "$line"); the end of a reply that needed more \
+than one write is seen only when the connection is closed |"
+  line=$("$qb" fetch --port "$probe_port" --delay-ms 2000)
+  echo "| MTU 1500: same, client starts reading after 2 s | $(value bytes "$line") bytes | \
+complete $(value complete "$line"): a reply not drained within the circuit's one second is cut off |"
+  line=$("$qb" early --port "$probe_port" --pid "$probe_pid" --count 20 --conns 1 --mode halfclose)
+  stop_probe
+  echo "| MTU 1500: 20 gets, client shuts down its sending side, then resets after the first \
+reply bytes | alive $(value alive "$line"), exit status $probe_status | 92 = still running and stopped \
+by SIGTERM here, 94 = ended by SIGPIPE (exit code 606) |"
+}
+
+if [ "${1:-}" = "--in-netns" ]; then
+  in_netns "$2"
+  exit 0
+fi
+
+bash scripts/deps.sh nginx
+echo "building (Release)..." >&2
+cmake -S . -B build-bench-release -G Ninja -DCMAKE_BUILD_TYPE=Release -DQUELM_TESTS=OFF >/dev/null
+cmake --build build-bench-release --target quelmloadprobe -j "$cpus" >/dev/null
+cmake -S bench -B build-bench-tools -G Ninja -DCMAKE_BUILD_TYPE=Release >/dev/null
+cmake --build build-bench-tools -j "$cpus" >/dev/null
+
+load_before=$(cut -d' ' -f1-3 /proc/loadavg)
+work=$(mktemp -d /tmp/quelm-bench-XXXXXX)
+chmod 755 "$work"
+trap 'cleanup; rm -rf "$work"' EXIT
+
+# --- 1. Command port round trips, probe and nginx ---------------------------
+echo "command port load (${LOAD_SECONDS} s per run)..." >&2
+start_probe load "/usr/bin/vmstat -n"
+get_doc=$("$qb" get --port "$probe_port")
+declare -A probe_rps nginx_rps
+for c in 1 8 64; do
+  line=$("$qb" load --port "$probe_port" --conns "$c" --seconds "$LOAD_SECONDS" \
+         --pid "$probe_pid" --logdir "$probe_dir/logs")
+  probe_rps[$c]=$(value rps "$line")
+  load_row "probe, $c concurrent" "$line"
+done
+stop_probe
+
+ngx=$work/nginx
+mkdir -p "$ngx/www" "$ngx/tmp"
+printf '%s' "$get_doc" >"$ngx/www/get.xml"
+chmod -R a+rX "$ngx"
+ngx_port=$("$qb" port)
+cat >"$ngx/nginx.conf" <<EOF
+worker_processes 1;
+daemon off;
+pid $ngx/nginx.pid;
+error_log $ngx/error.log;
+events { worker_connections 4096; }
+http {
+  access_log $ngx/access.log;
+  keepalive_timeout 0;
+  client_body_temp_path $ngx/tmp;
+  proxy_temp_path $ngx/tmp;
+  fastcgi_temp_path $ngx/tmp;
+  uwsgi_temp_path $ngx/tmp;
+  scgi_temp_path $ngx/tmp;
+  default_type text/xml;
+  server {
+    listen 127.0.0.1:$ngx_port;
+    root $ngx/www;
+    location / { try_files /get.xml =404; }
+  }
+}
+EOF
+nginx -c "$ngx/nginx.conf" -p "$ngx" 2>"$ngx/stderr.txt" &
+ngx_pid=$!
+pids+=("$ngx_pid")
+for _ in $(seq 1 50); do
+  "$qb" get --port "$ngx_port" --request $'GET / HTTP/1.0\r\n\r\n' >/dev/null && break
+  sleep 0.1
+done
+ngx_worker=$(pgrep -P "$ngx_pid" | head -1 || true)
+for c in 1 8 64; do
+  line=$("$qb" load --port "$ngx_port" --conns "$c" --seconds "$LOAD_SECONDS" \
+         --request $'GET /?get&znalbinfo HTTP/1.0\r\n\r\n' --pid "${ngx_worker:-0}")
+  nginx_rps[$c]=$(value rps "$line")
+  load_row "nginx (1 worker), $c concurrent" "$line"
+done
+kill -QUIT "$ngx_pid"
+wait "$ngx_pid" 2>/dev/null || true
+for c in 1 8 64; do
+  row "probe / nginx, $c concurrent" \
+    "$(awk -v a="${probe_rps[$c]}" -v b="${nginx_rps[$c]}" 'BEGIN { printf "%.2f", (b > 0 ? a / b : 0) }')" \
+    "requests per second, probe divided by nginx"
+done
+
+# --- 2. Idle footprint ---------------------------------------------------------
+echo "idle footprint (${IDLE_SECONDS} s each)..." >&2
+fake=$work/faketool
+cat >"$fake" <<'EOF'
+#!/bin/sh
+# vmstat-like output without column names: two header lines, then lines of
+# 16 numbers every 0.2 s; ends after a second and is started again.
+echo 'procs memory swap io system cpu'
+echo 'r b swpd free buff cache si so bi bo in cs us sy id wa'
+for i in 1 2 3 4 5; do
+  echo ' 0  0      0 812345  10000 200000    0    0     0     1   50   80  1  1 98  0'
+  sleep 0.2
+done
+EOF
+chmod 755 "$fake"
+footprint_row() {  # footprint_row LABEL LINE
+  row "$1" "$(value cpu_ms_per_s "$2") ms CPU per s" \
+    "$(value wakeups_per_s "$2") wake-ups/s (context switches); peak RSS $(value hwm_kib "$2") KiB; \
+$(value fds "$2") descriptors; log +$(value log_bytes_per_s "$2") B/s; start-up (speed estimate, \
+before the pid file) $probe_start_cpu s CPU, counted apart"
+}
+start_probe fake "$fake"
+footprint_row "idle, fake tool restarted every ~1 s" \
+  "$("$qb" footprint --pid "$probe_pid" --seconds "$IDLE_SECONDS" --logdir "$probe_dir/logs")"
+stop_probe
+start_probe vmstat "/usr/bin/vmstat -n"
+footprint_row "idle, real vmstat, sample rate 5" \
+  "$("$qb" footprint --pid "$probe_pid" --seconds "$IDLE_SECONDS" --logdir "$probe_dir/logs")"
+stop_probe
+
+# --- 3. Fan-out ----------------------------------------------------------------
+echo "fan-out (${FANOUT_SECONDS} s each, after half a reply period)..." >&2
+fanout_row() {  # fanout_row LABEL LINE
+  row "$1" "$(value pps "$2") packets/s" \
+    "expected $(value expected_pps "$2"); probe CPU $(value cpu_ms_per_s "$2") ms/s; \
+$(value created "$2") created in $(value create_s "$2") s; $(value well_formed "$2") of \
+$(value datagrams "$2") packets well formed; RSS $(value rss_kib "$2") KiB; \
+log +$(value log_bytes_per_s "$2") B/s"
+}
+start_probe fanout "/usr/bin/vmstat -n"
+line=$("$qb" fanout --port "$probe_port" --pid "$probe_pid" --hosts 100 --seconds "$FANOUT_SECONDS" \
+       --logdir "$probe_dir/logs")
+fanout_row "fan-out, 100 hosts, reply frequency 10 s" "$line"
+line=$("$qb" fanout --port "$probe_port" --pid "$probe_pid" --hosts 900 --first-id 101 \
+       --seconds "$FANOUT_SECONDS" --logdir "$probe_dir/logs")
+line=${line/expected_pps=90.0/expected_pps=100.0}
+fanout_row "fan-out, 1,000 hosts, reply frequency 10 s" "$line"
+big=$("$qb" get --port "$probe_port" | wc -c)
+line=$("$qb" load --port "$probe_port" --conns 1 --seconds 5 --pid "$probe_pid" \
+       --logdir "$probe_dir/logs")
+load_row "get with 1,000 hosts ($big bytes), 1 client" "$line"
+
+# --- 4. Floods -------------------------------------------------------------------
+echo "floods..." >&2
+line=$("$qb" early --port "$probe_port" --pid "$probe_pid" --count 200 --conns 8 --mode fin)
+stop_probe
+flood_row "200 gets closed right after sending, 1,000-host reply" "$line" \
+  "exit status $probe_status (92 = stopped by SIGTERM here, 94 = ended by SIGPIPE);"
+
+start_probe flood "/usr/bin/vmstat -n"
+line=$("$qb" idle --port "$probe_port" --pid "$probe_pid" --count 1000 --batch 5)
+flood_row "1,000 idle connections, opened 5 at a time" "$line" \
+  "$(value probe_fds "$line") held by the probe after $(value open_s "$line") s; a get meanwhile: \
+served $(value served_during "$line") in $(value get_during_ms "$line") ms; CPU while held \
+$(value cpu_during_pct "$line") %;"
+line=$("$qb" idle --port "$probe_port" --pid "$probe_pid" --count 1000 --wait-ms 20000)
+flood_row "1,000 idle connections, opened at once" "$line" \
+  "$(value connected "$line") connected on the client side, $(value probe_fds "$line") accepted by the \
+probe within $(value open_s "$line") s (backlog 5: the others wait in SYN retries); a get meanwhile: \
+served $(value served_during "$line") in $(value get_during_ms "$line") ms;"
+line=$("$qb" burst --port "$probe_port" --pid "$probe_pid" --count 10000 --conns 1000)
+flood_row "10,000 connections, 1,000 at a time" "$line" \
+  "$(value ok "$line") answered in $(value seconds "$line") s, $(value over_1s "$line") of them after 1 s \
+or more, p50 $(value p50_ms "$line") ms, max $(value max_ms "$line") ms; errors: refused \
+$(value refused "$line"), reset $(value reset "$line"), eof $(value eof "$line"), timeouts \
+$(value timeouts "$line");"
+# At most 5 in flight: clients that do not wait for replies would otherwise
+# overrun the backlog and spend their time in SYN retries.
+line=$("$qb" early --port "$probe_port" --pid "$probe_pid" --count 2000 --conns 5 --mode rst)
+flood_row "2,000 gets reset right after sending, small reply" "$line" "sent in $(value seconds "$line") s;"
+line=$("$qb" early --port "$probe_port" --pid "$probe_pid" --count 2000 --conns 5 --mode fin)
+stop_probe
+flood_row "2,000 gets closed right after sending, small reply" "$line" \
+  "sent in $(value seconds "$line") s; exit status $probe_status;"
+
+if command -v unshare >/dev/null && unshare -n true 2>/dev/null; then
+  echo "large replies in a network namespace..." >&2
+  mkdir -p "$work/ns"
+  while IFS= read -r r; do rows+=("$r"); done < <(unshare -n bash "$root/scripts/bench.sh" --in-netns "$work/ns")
+else
+  row "MTU 1500 cases" "skipped" "needs unshare -n (root)"
+fi
+
+# --- Table ---------------------------------------------------------------------------
+model=$(sed -n 's/^model name[[:space:]]*: //p' /proc/cpuinfo | head -1)
+echo
+echo "Machine: $cpus cores (nproc), ${model:-unknown CPU}; $(uname -sr)."
+echo "Load average before: $load_before; after: $(cut -d' ' -f1-3 /proc/loadavg) (other work on the machine skews the rates)."
+echo "Probe get document without hosts: ${#get_doc} bytes (nginx serves the same bytes)."
+echo
+echo "| Measurement | Result | Details |"
+echo "| --- | --- | --- |"
+printf '%s\n' "${rows[@]}"
