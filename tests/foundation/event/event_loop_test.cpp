@@ -131,30 +131,27 @@ TEST_F(EventLoopTest, ReadAndWriteShareOnePollRecord) {
   EXPECT_FALSE(loop_.RemoveFileEvent(b, true, true, nullptr));
 }
 
-TEST_F(EventLoopTest, ReadyDescriptorsAreDispatched) {
-  int a, b;
+TEST_F(EventLoopTest, ReadyDescriptorsAreDispatchedAndHangUpWakesReaderThenWriter) {
+  int a, b, c, d;
   SocketPair(a, b);
-  Probe r("r", &log_), w("w", &log_);
+  SocketPair(c, d);
+  Probe r("r", &log_), w("w", &log_), hr("hang-up read", &log_), hw("hang-up write", &log_);
   loop_.AddFileEvent(a, true, false, &r);
   loop_.AddFileEvent(b, false, true, &w);
   loop_.RunOneTurn();
   EXPECT_EQ(Log({"w"}), log_);  // nothing to read yet
-
   ASSERT_EQ(1, write(b, "x", 1));
+  loop_.RunOneTurn();
+  EXPECT_EQ(Log({"w", "r", "w"}), log_);
+
+  loop_.RemoveFileEvent(a, true, false, nullptr);
+  loop_.RemoveFileEvent(b, false, true, nullptr);
+  loop_.AddFileEvent(c, true, false, &hr);
+  loop_.AddFileEvent(c, false, true, &hw);
+  CloseNow(d);
   log_.clear();
   loop_.RunOneTurn();
-  EXPECT_EQ(Log({"r", "w"}), log_);
-}
-
-TEST_F(EventLoopTest, PeerHangUpWakesReaderThenWriter) {
-  int a, b;
-  SocketPair(a, b);
-  Probe r("read", &log_), w("write", &log_);
-  loop_.AddFileEvent(a, true, false, &r);
-  loop_.AddFileEvent(a, false, true, &w);
-  CloseNow(b);
-  loop_.RunOneTurn();
-  EXPECT_EQ(Log({"read", "write"}), log_);
+  EXPECT_EQ(Log({"hang-up read", "hang-up write"}), log_);
 }
 
 TEST_F(EventLoopTest, ExitEventLoopLetsThePassFinish) {

@@ -54,12 +54,12 @@ class FakeClock {
   static OmTimeVal Read() { return Now(); }
 };
 
-// Bounded wait (about two seconds at most) until the child has exited but
-// is not yet reaped.
-inline bool WaitUntilDead(pid_t pid) {
+// Bounded wait (about two seconds at most) until the child has exited (or
+// stopped) but is not yet reaped.
+inline bool WaitUntilDead(pid_t pid, int state = WEXITED) {
   for (int i = 0; i < 2000; ++i) {
     siginfo_t info{};
-    if (waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG | WNOWAIT) == 0 &&
+    if (waitid(P_PID, static_cast<id_t>(pid), &info, state | WNOHANG | WNOWAIT) == 0 &&
         info.si_pid == pid) {
       return true;
     }
