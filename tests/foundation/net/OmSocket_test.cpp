@@ -125,62 +125,46 @@ TEST_F(OmSocketTest, BindLocalRemovesStalePath) {
 }
 
 TEST_F(OmSocketTest, WriteMessageSendsOneDatagram) {
-  OmSocket receiver;
+  OmSocket receiver, sender;
+  OmInetAddr to, senderAddr, from;
   ASSERT_TRUE(receiver.Bind(OmInetAddr::AddressLoopback(), OmSocket::Datagram));
-  OmInetAddr to;
   ASSERT_TRUE(receiver.LocalAddress(to));
-
-  OmSocket sender;
   ASSERT_TRUE(sender.Bind(OmInetAddr()));
-  OmInetAddr senderAddr;
   ASSERT_TRUE(sender.LocalAddress(senderAddr));
-
   long done = -7;
   EXPECT_EQ(sender.WriteMessage("hello", 5, done, to), OmFile::ioComplete);
   EXPECT_EQ(done, -7);  // left alone on a complete send
-
   char buf[64];
-  OmInetAddr from;
   EXPECT_EQ(receiver.ReadMessage(buf, sizeof buf, done, from), OmFile::ioPartial);
   EXPECT_EQ(std::string(buf, static_cast<size_t>(done)), "hello");
   EXPECT_TRUE(from.IsAddressEqual(OmInetAddr::AddressLoopback()));
   EXPECT_EQ(from.GetPort(), senderAddr.GetPort());
-
   // Nothing more waiting on a non-blocking socket.
   ASSERT_TRUE(receiver.SetBlocking(false));
   EXPECT_EQ(receiver.ReadMessage(buf, sizeof buf, done, from), OmFile::ioPartial);
   EXPECT_EQ(done, 0);
-}
 
-TEST_F(OmSocketTest, WriteMessageFailureRecordsTheCall) {
   OmSocket closed;
-  long done = 0;
   EXPECT_EQ(closed.WriteMessage("hello", 5, done, OmInetAddr(127, 0, 0, 1, 9)), OmFile::ioError);
   EXPECT_EQ(closed.LastError().Errno(), EBADF);
   EXPECT_EQ(closed.LastError().Call(), "sendto");
   EXPECT_EQ(closed.LastError().Args(), "-1,<address>,5,127.0.0.1:9,16");
 }
 
-TEST_F(OmSocketTest, AcceptFromNonBlockingListenerWithNothingWaiting) {
-  OmSocket listener;
-  OmInetAddr bound;
-  Listen(listener, bound);
-  ASSERT_TRUE(listener.SetBlocking(false));
-
-  OmSocket s;
-  EXPECT_EQ(s.AcceptFrom(listener.Fd()), OmStatus::Failure);
-  EXPECT_LT(s.Fd(), 0);
-  EXPECT_EQ(s.LastError().Errno(), EAGAIN);
-  EXPECT_EQ(s.LastError().Call(), "accept");
-  EXPECT_EQ(s.LastError().Args().AsAscii(), std::to_string(listener.Fd()) + ",0,0");
-}
-
-TEST_F(OmSocketTest, AcceptFromTakesTheConnection) {
-  OmSocket listener, client, accepted;
+TEST_F(OmSocketTest, AcceptFrom) {
+  OmSocket listener, client, accepted, none;
   OmInetAddr bound, clientAddr, peer;
   Listen(listener, bound);
+  ASSERT_TRUE(listener.SetBlocking(false));
+  EXPECT_EQ(none.AcceptFrom(listener.Fd()), OmStatus::Failure);  // nothing waiting
+  EXPECT_LT(none.Fd(), 0);
+  EXPECT_EQ(none.LastError().Errno(), EAGAIN);
+  EXPECT_EQ(none.LastError().Call(), "accept");
+  EXPECT_EQ(none.LastError().Args().AsAscii(), std::to_string(listener.Fd()) + ",0,0");
+
   ASSERT_TRUE(client.Connect(bound)) << client.LastError().Reason().AsAscii();
   ASSERT_TRUE(client.LocalAddress(clientAddr));
+  ASSERT_TRUE(listener.SetBlocking(true));
   ASSERT_EQ(accepted.AcceptFrom(listener.Fd()), OmStatus::Success);
   ASSERT_TRUE(accepted.RemoteAddress(peer));
   EXPECT_TRUE(peer == clientAddr);
@@ -218,8 +202,38 @@ TEST_F(OmSocketTest, NonBlockingConnectCompletesOrIsRefused) {
   }
 }
 
-TEST_F(OmSocketTest, OptionFailuresDescribeTheCall) {
+TEST_F(OmSocketTest, OptionsTakeEffectAndFailuresDescribeTheCall) {
+  OmSocket s;
+  ASSERT_TRUE(s.makesock(SOCK_DGRAM, AF_INET));
+  auto option = [](const OmSocket& on, int level, int name) {
+    int v = -1;
+    socklen_t len = sizeof v;
+    EXPECT_EQ(getsockopt(on.Fd(), level, name, &v, &len), 0);
+    return v;
+  };
+  EXPECT_TRUE(s.SetReceiveBufferSize(16384));
+  EXPECT_GE(s.GetReceiveBufferSize(), 16384);
+  // The type of service is set only with VRX_SET_IP_TOS in the environment.
+  ::unsetenv("VRX_SET_IP_TOS");
+  EXPECT_TRUE(s.SetTypeOfService(OmSocket::LowDelay));
+  EXPECT_EQ(option(s, IPPROTO_IP, IP_TOS), 0);
+  ::setenv("VRX_SET_IP_TOS", "1", 1);
+  const int expected[] = {0x02, 0x10, 0x04, 0x08};
+  for (int type = 0; type < 4; ++type) {
+    EXPECT_TRUE(s.SetTypeOfService(static_cast<OmSocket::serviceType>(type)));
+    EXPECT_EQ(option(s, IPPROTO_IP, IP_TOS), expected[type]) << type;
+  }
+  OmSocket tcp;
+  ASSERT_TRUE(tcp.makesock(SOCK_STREAM, AF_INET));
+  EXPECT_TRUE(tcp.SetDelay(false));  // no delay is TCP_NODELAY on
+  EXPECT_EQ(option(tcp, IPPROTO_TCP, TCP_NODELAY), 1);
+
   OmSocket closed;
+  EXPECT_FALSE(closed.SetTypeOfService(OmSocket::Throughput));
+  EXPECT_EQ(closed.LastError().Args().AsAscii(), "-1,IPPROTO_IP(" + std::to_string(IPPROTO_IP) +
+                                                     "),IP_TOS(" + std::to_string(IP_TOS) +
+                                                     "),(char*)(int 8),4");
+  ::unsetenv("VRX_SET_IP_TOS");
   EXPECT_FALSE(closed.SetKeepAlive(true));
   EXPECT_EQ(closed.LastError().Call(), "setsockopt");
   EXPECT_EQ(closed.LastError().Errno(), EBADF);
@@ -228,50 +242,8 @@ TEST_F(OmSocketTest, OptionFailuresDescribeTheCall) {
                 std::to_string(SO_KEEPALIVE) + "),(char*)(int 1),4");
   EXPECT_EQ(closed.GetReceiveBufferSize(), -1);
   EXPECT_EQ(closed.LastError().Call(), "getsockopt");
-
-  OmSocket bad;
-  EXPECT_FALSE(bad.makesock(SOCK_STREAM, 12345));
-  EXPECT_EQ(bad.LastError().Call(), "socket");
-  EXPECT_LT(bad.Fd(), 0);
-}
-
-TEST_F(OmSocketTest, OptionsTakeEffect) {
-  OmSocket s;
-  ASSERT_TRUE(s.makesock(SOCK_STREAM, AF_INET));
-  EXPECT_TRUE(s.SetDelay(false));  // no delay is TCP_NODELAY on
-  int v = 0;
-  socklen_t len = sizeof v;
-  ASSERT_EQ(getsockopt(s.Fd(), IPPROTO_TCP, TCP_NODELAY, &v, &len), 0);
-  EXPECT_EQ(v, 1);
-  EXPECT_TRUE(s.SetReceiveBufferSize(16384));
-  EXPECT_GE(s.GetReceiveBufferSize(), 16384);
-}
-
-TEST_F(OmSocketTest, TypeOfServiceOnlyWithTheEnvironmentVariable) {
-  OmSocket s;
-  ASSERT_TRUE(s.makesock(SOCK_DGRAM, AF_INET));
-  auto tos = [&] {
-    int v = -1;
-    socklen_t len = sizeof v;
-    EXPECT_EQ(getsockopt(s.Fd(), IPPROTO_IP, IP_TOS, &v, &len), 0);
-    return v;
-  };
-  ::unsetenv("VRX_SET_IP_TOS");
-  EXPECT_TRUE(s.SetTypeOfService(OmSocket::LowDelay));
-  EXPECT_EQ(tos(), 0);
-
-  ::setenv("VRX_SET_IP_TOS", "1", 1);
-  const int expected[] = {0x02, 0x10, 0x04, 0x08};
-  for (int type = 0; type < 4; ++type) {
-    EXPECT_TRUE(s.SetTypeOfService(static_cast<OmSocket::serviceType>(type)));
-    EXPECT_EQ(tos(), expected[type]) << type;
-  }
-  OmSocket closed;
-  EXPECT_FALSE(closed.SetTypeOfService(OmSocket::Throughput));
-  EXPECT_EQ(closed.LastError().Args().AsAscii(),
-            "-1,IPPROTO_IP(" + std::to_string(IPPROTO_IP) + "),IP_TOS(" +
-                std::to_string(IP_TOS) + "),(char*)(int 8),4");
-  ::unsetenv("VRX_SET_IP_TOS");
+  EXPECT_FALSE(closed.makesock(SOCK_STREAM, 12345));
+  EXPECT_EQ(closed.LastError().Call(), "socket");
 }
 
 }  // namespace
