@@ -12,7 +12,7 @@ std::string Text(const OmByteBuffer& b) {
                          : std::string(reinterpret_cast<const char*>(b.Data()), b.Length());
 }
 
-TEST(ByteBufferTest, EmptyBufferAllocatesNothing) {
+TEST(ByteBufferTest, EmptySelfAssignedAndMovedBuffers) {
   OmByteBuffer empty;
   EXPECT_EQ(empty.Data(), nullptr);
   EXPECT_EQ(empty.RefCount(), 0u);
@@ -23,6 +23,17 @@ TEST(ByteBufferTest, EmptyBufferAllocatesNothing) {
   copy._Unique();
   EXPECT_EQ(copy.RefCount(), 1u);
   EXPECT_EQ(copy.Length(), 0u);
+  OmByteBuffer a("hello");
+  OmByteBuffer& alias = a;
+  a = alias;
+  EXPECT_EQ(Text(a), "hello");
+  EXPECT_EQ(a.RefCount(), 1u);
+  const unsigned char* data = a.Data();
+  OmByteBuffer b(std::move(a));
+  OmByteBuffer c;
+  c = std::move(b);
+  EXPECT_EQ(c.Data(), data);
+  EXPECT_EQ(c.RefCount(), 1u);
 }
 
 TEST(ByteBufferTest, CopiesShareUntilOneChanges) {
@@ -57,20 +68,6 @@ TEST(ByteBufferTest, CopiesShareUntilOneChanges) {
     EXPECT_EQ(b.RefCount(), 1u);
     EXPECT_EQ(a.RefCount(), 2u);
   }
-}
-
-TEST(ByteBufferTest, SelfAssignmentAndMove) {
-  OmByteBuffer a("hello");
-  OmByteBuffer& alias = a;
-  a = alias;
-  EXPECT_EQ(Text(a), "hello");
-  EXPECT_EQ(a.RefCount(), 1u);
-  const unsigned char* data = a.Data();
-  OmByteBuffer b(std::move(a));
-  OmByteBuffer c;
-  c = std::move(b);
-  EXPECT_EQ(c.Data(), data);
-  EXPECT_EQ(c.RefCount(), 1u);
 }
 
 TEST(ByteBufferTest, CapacityGrowth) {

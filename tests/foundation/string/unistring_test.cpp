@@ -49,20 +49,6 @@ TEST(UniStringTest, Ordering) {
   EXPECT_FALSE(Units({0x0100}) < Units({0x00ff}));
 }
 
-TEST(UniStringTest, SubStringAndConcatenation) {
-  OmUniString s("hello");
-  EXPECT_EQ(s.SubString(1, 3), "ell");
-  EXPECT_EQ(s.SubString(1), "ello");
-  EXPECT_EQ(s.SubString(3, 10), "lo");
-  EXPECT_EQ(s.SubString(5, 2), "");
-  EXPECT_EQ(s.SubString(10, 2), "");
-  EXPECT_EQ(s + OmUniString("!"), "hello!");
-  EXPECT_EQ(OmUniString() + s, "hello");
-  OmUniString c;
-  c.Append('x').Append(Units({'y', 'z'}).Units(), 2);
-  EXPECT_EQ(c, "xyz");
-}
-
 TEST(UniStringTest, Search) {
   const OmUniString s("hello world");
   const OmUniString r("abcabc");
@@ -114,8 +100,19 @@ TEST(UniStringTest, SubstituteReplacesEveryOccurrence) {
   }
 }
 
-TEST(UniStringTest, InsertRemoveTruncatePad) {
-  OmUniString s("held");
+TEST(UniStringTest, Editing) {
+  OmUniString s("hello");
+  EXPECT_EQ(s.SubString(1, 3), "ell");
+  EXPECT_EQ(s.SubString(1), "ello");
+  EXPECT_EQ(s.SubString(3, 10), "lo");
+  EXPECT_EQ(s.SubString(5, 2), "");
+  EXPECT_EQ(s.SubString(10, 2), "");
+  EXPECT_EQ(s + OmUniString("!"), "hello!");
+  EXPECT_EQ(OmUniString() + s, "hello");
+  OmUniString c;
+  c.Append('x').Append(Units({'y', 'z'}).Units(), 2);
+  EXPECT_EQ(c, "xyz");
+  s = "held";
   s.Insert(3, "lo wor");
   s.Insert(0, ">");
   s.Insert(s.Length(), "<");
