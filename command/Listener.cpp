@@ -71,8 +71,10 @@ void Listener::acceptCB(OmEventCallback*, OmEvent::cbdispatch reason) {
     if (err == EAGAIN || err == EWOULDBLOCK) return;
     if (err == EMFILE || err == ENFILE) {
       // Out of descriptors: the pending connection would wake us at once
-      // again. Say so once, stop polling the port briefly, then resume.
-      LogAcceptFail(connection.LastError().Reason());
+      // again. Say so once per episode, stop polling the port briefly, then
+      // resume.
+      if (!outOfDescriptors) LogAcceptFail(connection.LastError().Reason());
+      outOfDescriptors = true;
       RemoveCallback();
       pausedForDescriptors = true;
       resumeTime = OmTimeVal::now().PlusMilliseconds(ACCEPT_PAUSE_MS);
@@ -82,6 +84,7 @@ void Listener::acceptCB(OmEventCallback*, OmEvent::cbdispatch reason) {
     LogAcceptFail(connection.LastError().Reason());
     return;
   }
+  outOfDescriptors = false;
   OmInetAddr peer;
   if (!connection.RemoteAddress(peer)) {
     LogRemoteAddressFail();

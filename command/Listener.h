@@ -51,6 +51,7 @@ class Listener {
   int listenFd = -1;
   bool registered = false;
   bool pausedForDescriptors = false;
+  bool outOfDescriptors = false;  // until the next successful accept
   OmTimeVal resumeTime;
   OmIList<RequestCircuit> circuits;
   unsigned long removedCount = 0;
