@@ -151,7 +151,8 @@ TEST_F(SignalsTest, ChildDeathEndsABlockedLoop) {
 }
 
 TEST(CallbackTest, HandlersReceiveTheirCallbackAndDatum) {
-  static std::vector<const void*> seen;
+  static std::vector<const void*> seen;  // the static callback can capture nothing
+  seen.clear();
   struct Owner {
     void simpleCB(OmEventCallback* cb, OmEvent::cbdispatch) { seen.push_back(cb); }
     void dataCB(OmEventCallback* cb, OmEvent::cbdispatch, const char* d) {
