@@ -21,6 +21,8 @@ class ProbeRunner {
   void Set(const std::string& key, const std::string& value) { props_[key] = value; }
   void Unset(const std::string& key) { props_.erase(key); }
   void WriteConfig();
+  // Soft and hard open-files limit the probe starts with (0: inherited).
+  void SetOpenFileLimit(unsigned long limit) { fileLimit_ = limit; }
   // Starts the probe with the configuration folder (and extra arguments).
   void Start(const std::vector<std::string>& extraArgs = {});
   // Starts the probe with exactly these arguments.
@@ -61,6 +63,7 @@ class ProbeRunner {
   pid_t pid_ = -1;
   int port_ = 0;
   int status_ = -1;
+  unsigned long fileLimit_ = 0;
 };
 
 // One request on its own connection to 127.0.0.1:port; the whole reply.

@@ -4,6 +4,7 @@
 #include <netinet/in.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -75,6 +76,10 @@ void ProbeRunner::StartWithArgs(const std::vector<std::string>& args) {
     const std::string errPath = dir_ + "/stderr.txt";
     FILE* err = fopen(errPath.c_str(), "w");
     if (err != nullptr) dup2(fileno(err), 2);
+    if (fileLimit_ != 0) {
+      const rlimit limit{fileLimit_, fileLimit_};
+      setrlimit(RLIMIT_NOFILE, &limit);
+    }
     execv(argv[0], argv.data());
     _exit(126);
   }
