@@ -5,7 +5,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/deps.sh
 cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
-cmake --build build --target quelmloadprobe
+cmake --build build --target quelmloadprobe quelmloadctl
 mkdir -p var
 echo "quelmloadprobe: config/quelmloadbalancing.properties, logs and pid file in var/"
 exec ./build/quelmloadprobe config "$(nproc)"
