@@ -1,10 +1,8 @@
 #include "command/ParseCommand.h"
 
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
+#include <cstdlib>
 #include <ctime>
 #include <filesystem>
 #include <fstream>
@@ -19,6 +17,8 @@
 #include "agent/Logging.h"
 #include "agent/MyLogger.h"
 #include "foundation/event/OmEventLoop.h"
+#include "foundation/net/OmInetAddr.h"
+#include "foundation/net/OmSocket.h"
 #include "foundation/string/OmTimeVal.h"
 #include "hosts/Host.h"
 #include "hosts/HostListMgr.h"
@@ -201,9 +201,8 @@ TEST_F(ParseCommandTest, RepliesByteForByte) {
       {killRequest("101"), kXml + "<znalbreply type=\"kill\"><version>1.0</version><id>101</id>"
                            "</znalbreply>"},
       {killRequest("101"), errorDoc("Host with id 101 not found")},
-      {"<znalbreq type=\"kill\"><version>1.0</version><id>42</id></znalbreq>",
+      {"<znalbreq type=\"kill\"><version>1.05</version><id>42</id></znalbreq>",
        errorDoc("Host with id 42 not found")},
-      {killRequest("42", "1.05"), errorDoc("Host with id 42 not found")},
       {killRequest("42", "1."), errorDoc("Error parsing version; ")},
       {killRequest("x"), errorDoc("Error parsing id; ")},
       {"<znalbreq type=\"kill\"></znalbreq>", errorDoc("Error parsing version; Error parsing id; ")},
@@ -230,14 +229,10 @@ TEST_F(ParseCommandTest, GetReportsTheToolsSettingsAndEveryHostInListOrder) {
   myChildManager = &manager;
 
   // A subscriber's socket on 127.0.0.1, so that a packet really goes out.
-  const int fd = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  sockaddr_in sa{};
-  sa.sin_family = AF_INET;
-  sa.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t len = sizeof sa;
-  ASSERT_EQ(0, ::bind(fd, reinterpret_cast<sockaddr*>(&sa), len));
-  ASSERT_EQ(0, ::getsockname(fd, reinterpret_cast<sockaddr*>(&sa), &len));
-  const std::string port = std::to_string(ntohs(sa.sin_port));
+  OmSocket subscriber;
+  OmInetAddr bound;
+  ASSERT_TRUE(subscriber.Bind(OmInetAddr::AddressLoopback()) && subscriber.LocalAddress(bound));
+  const std::string port = std::to_string(bound.GetPort());
 
   // A reply frequency of 3000 ms is raised to 10 s. The tool then samples
   // every 5 s over the configured 30 s: 6 samples.
@@ -255,7 +250,6 @@ TEST_F(ParseCommandTest, GetReportsTheToolsSettingsAndEveryHostInListOrder) {
   Host* host = hostWithId(5);
   const int sent = host != nullptr ? host->sendLoad(&packet) : 0;
   myResponder = nullptr;
-  ::close(fd);
   ASSERT_EQ(1, sent);
 
   const std::string settings =
