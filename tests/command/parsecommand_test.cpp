@@ -11,6 +11,7 @@
 #include <memory>
 #include <sstream>
 #include <string>
+#include <utility>
 
 #include "agent/Bootstrap.h"
 #include "agent/Globals.h"
@@ -118,15 +119,11 @@ class ParseCommandTest : public ::testing::Test {
     myChildManager = nullptr;
     HostListMgr::clear();
     HostListMgr::eventloop = nullptr;
-    delete myBogomips;
-    myBogomips = nullptr;
-    delete myCache;
-    myCache = nullptr;
-    delete myBootstrap;
-    myBootstrap = nullptr;
+    delete std::exchange(myBogomips, nullptr);
+    delete std::exchange(myCache, nullptr);
+    delete std::exchange(myBootstrap, nullptr);
     if (bootLogger != nullptr) {
-      delete bootLogger;
-      bootLogger = nullptr;
+      delete std::exchange(bootLogger, nullptr);
       mylog.SetupCSFilters({});
     }
     OmTimeVal::SetClock(nullptr);
