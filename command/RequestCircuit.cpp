@@ -1,7 +1,5 @@
 #include "command/RequestCircuit.h"
 
-#include <sys/socket.h>
-
 #include <cstring>
 
 #include "agent/Messages.h"
@@ -73,17 +71,19 @@ void RequestCircuit::DispatchRequest(OmByteBuffer& request) {
   OmUniString text = asText(request);
   const OmUniString& reply = parseCommand.doCommand(text);
   replyBuffer = reply.AsEncoding(OmEncoding::LATIN1);
+  parseCommand.releaseReply();
   SendReply(replyBuffer, true);
+  replyBuffer = OmByteBuffer();  // the write queue keeps what it still needs
 }
 
 void RequestCircuit::SendReply(OmByteBuffer& reply, bool close) {
   LogResponseText(asText(reply));
   Write(reply, true);
   if (!close) return;
-  // The reply went out whole: let the client see the end of it now. The
-  // descriptor itself is closed when the circuit is deleted.
-  if (QueuedMessages() == 0) shutdown(writeFile.Fd(), SHUT_WR);
   finish();
+  // The connection closes as soon as the reply has gone, so the client sees
+  // its end at once.
+  StopWrite(false);
 }
 
 void RequestCircuit::SendReply(const char* text, bool close) {
@@ -102,3 +102,9 @@ void RequestCircuit::finish() {
 void RequestCircuit::EndOfFile(bool) { finish(); }
 
 void RequestCircuit::ReadError() { finish(); }
+
+void RequestCircuit::WriteStopped() {
+  // The write file closed the shared descriptor; the read file must not
+  // close that number again.
+  readFile.Release();
+}

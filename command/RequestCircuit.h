@@ -23,6 +23,8 @@ class RequestCircuit : public OmByteCircuit {
   void EndOfFile(bool partial) override;
   // A reset connection ends the circuit like an early close.
   void ReadError() override;
+  // The reply has gone and the descriptor is closed.
+  void WriteStopped() override;
 
   bool isComplete(OmByteBuffer& request);
   void DispatchRequest(OmByteBuffer& request);

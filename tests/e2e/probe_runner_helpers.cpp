@@ -76,6 +76,7 @@ void ProbeRunner::StartWithArgs(const std::vector<std::string>& args) {
     const std::string errPath = dir_ + "/stderr.txt";
     FILE* err = fopen(errPath.c_str(), "w");
     if (err != nullptr) dup2(fileno(err), 2);
+    closefrom(3);  // nothing of the test process leaks into the probe
     if (fileLimit_ != 0) {
       const rlimit limit{fileLimit_, fileLimit_};
       setrlimit(RLIMIT_NOFILE, &limit);
