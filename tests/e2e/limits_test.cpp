@@ -47,15 +47,20 @@ long CpuTicks(pid_t pid) {
 }
 
 TEST(LimitsTest, OutOfDescriptorsPausesLogsOnceAndRecovers) {
+#ifdef QUELM_SANITIZED
+  // The sanitizer runtime itself needs descriptors (it probes memory through
+  // a pipe), so a probe that has none left gives false reports there.
+  GTEST_SKIP() << "not meaningful in a sanitized build";
+#endif
   ProbeRunner probe;
-  probe.SetOpenFileLimit(40);
+  probe.SetOpenFileLimit(20);  // the probe itself needs about 12
   probe.Start();
   ASSERT_TRUE(probe.WaitForPidFile());
   ASSERT_TRUE(probe.WaitUntilPolling());
 
   // Idle connections until the probe has no descriptor left for more.
   std::vector<int> idle;
-  for (int i = 0; i < 60; ++i) {
+  for (int i = 0; i < 24; ++i) {
     const int fd = Connect(probe.port());
     if (fd >= 0) idle.push_back(fd);
   }
