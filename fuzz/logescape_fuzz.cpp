@@ -45,12 +45,12 @@ OmUniString unescape(const OmUniString& s) {
 
 void checkEscape(const OmUniString& text) {
   const OmUniString escaped = OmLog::EscapeStructured(text);
-  unsigned long specials = 0;
+  unsigned long reserved = 0;
   for (unsigned long i = 0; i < text.Length(); ++i) {
     const Unit u = text[i];
-    specials += u == '%' || u == '\n' || u == ',' || u == '=';
+    reserved += u == '%' || u == '\n' || u == ',' || u == '=';
   }
-  check(escaped.Length() == text.Length() + 2 * specials);
+  check(escaped.Length() == text.Length() + 2 * reserved);
   check(escaped.Search(',') < 0 && escaped.Search('=') < 0 && escaped.Search('\n') < 0);
   check(unescape(escaped) == text);
 }

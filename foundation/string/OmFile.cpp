@@ -54,29 +54,25 @@ void OmFile::RecordError(int err, const char* call, long len) {
   error_.Set(err, call, args.Str());
 }
 
-int OmFile::Read(void* buf, long len, long& done) {
-  const ssize_t n = ::read(fd_, buf, static_cast<size_t>(len));
+// The transfer result of one read or write that returned n of len bytes.
+int OmFile::TransferResult(long n, long len, long& done, bool reading) {
   if (n < 0) {
     done = 0;
     if (errno == EAGAIN || errno == EWOULDBLOCK) return ioPartial;
-    RecordError(errno, "read", len);
+    RecordError(errno, reading ? "read" : "write", len);
     return ioError;
   }
   done = n;
-  if (n == 0 && len > 0) return ioEndOfFile;
+  if (reading && n == 0 && len > 0) return ioEndOfFile;
   return n == len ? ioComplete : ioPartial;
 }
 
+int OmFile::Read(void* buf, long len, long& done) {
+  return TransferResult(::read(fd_, buf, static_cast<size_t>(len)), len, done, true);
+}
+
 int OmFile::Write(const void* buf, long len, long& done) {
-  const ssize_t n = ::write(fd_, buf, static_cast<size_t>(len));
-  if (n < 0) {
-    done = 0;
-    if (errno == EAGAIN || errno == EWOULDBLOCK) return ioPartial;
-    RecordError(errno, "write", len);
-    return ioError;
-  }
-  done = n;
-  return n == len ? ioComplete : ioPartial;
+  return TransferResult(::write(fd_, buf, static_cast<size_t>(len)), len, done, false);
 }
 
 int OmFile::SendFD(int fd) {

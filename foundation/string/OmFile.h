@@ -65,6 +65,7 @@ class OmFile {
  protected:
   void GenerateOpenError(int err, const char* path, int flags, int mode);
   void RecordError(int err, const char* call, long len);
+  int TransferResult(long n, long len, long& done, bool reading);
 
   int fd_ = -1;
   OmUnixError error_;
