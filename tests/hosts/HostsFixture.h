@@ -9,11 +9,11 @@
 #include <ctime>
 #include <filesystem>
 #include <fstream>
-#include <map>
 #include <memory>
 #include <optional>
 #include <sstream>
 #include <string>
+#include <utility>
 
 #include "agent/Bootstrap.h"
 #include "agent/Globals.h"
@@ -33,7 +33,6 @@ namespace hoststest {
 // 2026-01-01 09:00:00 UTC.
 constexpr uint32_t kNineOClock = 1767258000;
 
-// The clock every test runs on; set by hand.
 inline OmTimeVal& fakeNow() {
   static OmTimeVal now;
   return now;
@@ -63,18 +62,16 @@ class UdpReceiver {
     }
     return std::string(buf, static_cast<size_t>(n));
   }
-  // Loopback delivers a datagram within the sending call, so a short wait
-  // is enough to know that nothing was sent.
+  // Loopback delivers within the sending call: a short wait is enough.
   bool nothingWaiting() { return !receive(20).has_value(); }
 
   OmSocket socket;
   unsigned port = 0;
 };
 
-// The agent's single instances as load distribution needs them: the
-// configuration from a properties file in a temporary directory (which also
-// receives the log), the cache, the responder, a speed figure that costs no
-// processor time, and a loop of the test's own driven by the fake clock.
+// The agent's single instances on a temporary directory (rate 5 s, window 3,
+// lifetime an hour, minimum cache 4), a speed figure that costs no processor
+// time, and a loop driven by the fake clock.
 class HostsTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -83,7 +80,16 @@ class HostsTest : public ::testing::Test {
     char pattern[] = "/tmp/hoststestXXXXXX";
     ASSERT_NE(nullptr, mkdtemp(pattern));
     dir = pattern;
-    configure({});
+    const std::string values[] = {"logdirectory=" + dir, "logfilter=*/*/*:t.log",
+                                  "piddirectory=" + dir, "probepath=/bin/sh", "samplerate=5",
+                                  "windowsize=3", "hostlifetime=3600", "mincachesize=4",
+                                  "maxvirtualmemory=1024", "maxphysicalmemory=512"};
+    std::ofstream file(dir + "/quelmloadbalancing.properties");
+    for (const auto& value : values) file << "varosa.config.quelmloadbalancing." << value << "\n";
+    file.close();
+    myBootstrap = new Bootstrap(OmUniString(dir), 1);
+    myCache = new Cache(myBootstrap->getMinCacheSize(), myBootstrap->getMaxVirtualMemory(),
+                        myBootstrap->getMaxPhysMemory());
     myBogomips = new Bogomips(1, 80, fastClock());
     myResponder = new Responder();
     HostListMgr::init(&loop);
@@ -92,49 +98,19 @@ class HostsTest : public ::testing::Test {
   void TearDown() override {
     HostListMgr::clear();
     HostListMgr::eventloop = nullptr;
-    delete myResponder;
-    myResponder = nullptr;
-    delete myBogomips;
-    myBogomips = nullptr;
-    dropConfiguration();
+    delete std::exchange(myResponder, nullptr);
+    delete std::exchange(myBogomips, nullptr);
+    delete std::exchange(myCache, nullptr);
+    delete std::exchange(myBootstrap, nullptr);
+    if (bootLogger != nullptr) {
+      delete std::exchange(bootLogger, nullptr);
+      mylog.SetupCSFilters({});
+    }
     OmTimeVal::SetClock(nullptr);
     std::filesystem::remove_all(dir);
   }
 
-  // Writes the properties file with the test's values over these defaults,
-  // then builds the configuration and a cache from it.
-  void configure(const std::map<std::string, std::string>& overrides) {
-    dropConfiguration();
-    std::map<std::string, std::string> values = {
-        {"logdirectory", dir},         {"logfilter", "*/*/*:t.log"},  {"piddirectory", dir},
-        {"probepath", "/bin/sh"},      {"samplerate", "5"},           {"windowsize", "3"},
-        {"hostlifetime", "3600"},      {"mincachesize", "4"},         {"maxvirtualmemory", "1024"},
-        {"maxphysicalmemory", "512"}};
-    for (const auto& [key, value] : overrides) values[key] = value;
-    std::ofstream file(dir + "/quelmloadbalancing.properties");
-    for (const auto& [key, value] : values) {
-      file << "varosa.config.quelmloadbalancing." << key << "=" << value << "\n";
-    }
-    file.close();
-    myBootstrap = new Bootstrap(OmUniString(dir), 1);
-    myCache = new Cache(myBootstrap->getMinCacheSize(), myBootstrap->getMaxVirtualMemory(),
-                        myBootstrap->getMaxPhysMemory());
-  }
-
-  void dropConfiguration() {
-    delete myCache;
-    myCache = nullptr;
-    delete myBootstrap;
-    myBootstrap = nullptr;
-    if (bootLogger != nullptr) {
-      delete bootLogger;
-      bootLogger = nullptr;
-      mylog.SetupCSFilters({});
-    }
-  }
-
-  // A speed estimate that ends at 2^22 loops after one tick each for the
-  // shorter runs: (4194304 / 1000000) * 2 = 8.
+  // A speed estimate of (2^22 / 1000000) * 2 = 8.
   static Bogomips::ClockSource fastClock() {
     auto calls = std::make_shared<int>(0);
     auto ticks = std::make_shared<std::clock_t>(0);
@@ -145,12 +121,10 @@ class HostsTest : public ::testing::Test {
     };
   }
 
-  void advance(uint32_t seconds) { fakeNow() = fakeNow().PlusSeconds(seconds); }
   void setTime(uint32_t seconds) { fakeNow() = OmTimeVal(seconds, 0); }
 
-  // Fires, in time order, every timeout due by the fake clock and nothing
-  // later. A marker due one microsecond from now ends the run; the loop
-  // never has to wait in poll, since that wait is below a millisecond.
+  // Fires every timeout due by the fake clock, up to a marker one
+  // microsecond ahead (below poll's millisecond, so nothing waits).
   void runDue() {
     struct Marker : OmEventCallback {
       bool reached = false;
@@ -163,14 +137,13 @@ class HostsTest : public ::testing::Test {
     EXPECT_TRUE(marker.reached);
   }
 
-  // A subscriber on this test's receiver.
   Host* addHost(unsigned id, unsigned flags, unsigned replyFrequencyMs = 10000,
-                unsigned threshold = 10, unsigned sampleRateMs = 5000, unsigned window = 3) {
+                unsigned sampleRateMs = 5000, unsigned window = 3) {
     return HostListMgr::addHost(OmUniString("127.0.0.1"), subscriber.port, sampleRateMs, window,
-                                replyFrequencyMs, threshold, id, OmUniString("text"), flags);
+                                replyFrequencyMs, 10, id, OmUniString("text"), flags);
   }
 
-  // idle, vmem and pmem given in MiB for readable expectations.
+  // Memory in MiB.
   void addSample(uint32_t idle, uint32_t vmemMiB, uint32_t pmemMiB, uint32_t sin = 0,
                  uint32_t sout = 0) {
     myCache->addToCache(idle, vmemMiB * 1024, pmemMiB * 1024, sin, sout);
