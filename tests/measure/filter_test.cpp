@@ -8,7 +8,6 @@
 #include "agent/Globals.h"
 #include "measure/BaseFilter.h"
 #include "measure/Cache.h"
-#include "measure/IostatFilter.h"
 #include "measure/VmstatFilter.h"
 
 namespace {
@@ -29,16 +28,14 @@ constexpr uint32_t kMaxVirtual = 500000;
 constexpr uint32_t kMaxPhys = 300000;
 
 // r b w swpd free buff cache si so bi bo in cs us sy id
-std::string OldLine(uint32_t swpd, uint32_t free, uint32_t si, uint32_t so, int id) {
-  return "0 0 0 " + std::to_string(swpd) + " " + std::to_string(free) + " 0 0 " +
-         std::to_string(si) + " " + std::to_string(so) + " 0 0 0 0 0 0 " + std::to_string(id) +
-         "\n";
+std::string OldLine(uint32_t swpd, uint32_t so, int id) {
+  return "0 0 0 " + std::to_string(swpd) + " 100 0 0 0 " + std::to_string(so) +
+         " 0 0 0 0 0 0 " + std::to_string(id) + "\n";
 }
 
 // r b swpd free buff cache si so bi bo in cs us sy id wa st
-std::string ProcpsLine(uint32_t swpd, uint32_t free, uint32_t si, uint32_t so, int id) {
-  return " 0  0 " + std::to_string(swpd) + " " + std::to_string(free) + " 10000 200000 " +
-         std::to_string(si) + " " + std::to_string(so) + " 0 0 100 200 2 1 " +
+std::string ProcpsLine(uint32_t swpd, int id) {
+  return " 0  0 " + std::to_string(swpd) + " 100 10000 200000 7 8 0 0 100 200 2 1 " +
          std::to_string(id) + " 0 0\n";
 }
 
@@ -54,76 +51,47 @@ class VmstatFilterTest : public ::testing::Test {
     return filter.doFiltering(buffer.data(), static_cast<int>(text.size()), idle);
   }
 
-  const StatsPacket& Newest() {
-    newest = cache->getAverageOfNIdleValues(1);
-    return *newest;
-  }
-
   std::unique_ptr<Cache> cache = std::make_unique<Cache>(10, kMaxVirtual, kMaxPhys);
   VmstatFilter filter{kMaxVirtual, kMaxPhys};
   int idle = 0;
-  std::unique_ptr<StatsPacket> newest;
 };
 
 TEST(CreateFilterTest, OnlyVmstatFilterIsSelectable) {
   std::unique_ptr<BaseFilter> vmstat(BaseFilter::createFilter("vmstatFilter", 1, 1));
   EXPECT_NE(nullptr, dynamic_cast<VmstatFilter*>(vmstat.get()));
-  EXPECT_EQ(1, vmstat->adjustCount());
-
   LogCapture log;
   ASSERT_TRUE(log.Ok());
-  for (const char* name : {"VmstatFilter", "iostatFilter", "sarFilter", ""}) {
-    EXPECT_EQ(nullptr, BaseFilter::createFilter(name, 1, 1)) << name;
-  }
+  EXPECT_EQ(nullptr, BaseFilter::createFilter("VmstatFilter", 1, 1));
   EXPECT_TRUE(log.Contains("The filter named VmstatFilter was not recognised. This filter may "
-                           "not be implemented on this platform. \n"))
-      << log.Text();
-  EXPECT_TRUE(log.Contains("The filter named sarFilter was not recognised."));
+                           "not be implemented on this platform. \n"));
 }
 
 TEST_F(VmstatFilterTest, HeaderLinesAloneAreNoSample) {
-  EXPECT_FALSE(Feed(""));  // an incomplete line is a failure
-  EXPECT_FALSE(Feed("procs ---memory"));
-  EXPECT_EQ(-1, idle);
-  // The header, split across two reads.
+  EXPECT_FALSE(Feed("procs ---memory"));  // an incomplete line is a failure
   const std::string header(kProcpsHeader);
-  const size_t cut = header.find('\n') + 1;
-  EXPECT_TRUE(Feed(header.substr(0, cut)));
+  EXPECT_TRUE(Feed(header.substr(0, header.find('\n') + 1)));
   EXPECT_EQ(-1, idle);
-  EXPECT_TRUE(Feed(header.substr(cut)));
-  EXPECT_EQ(-1, idle);
-  EXPECT_TRUE(filter.areColumnsKnown());
   EXPECT_EQ(0u, cache->getNumberOfSamples());
 }
 
 TEST_F(VmstatFilterTest, KnownColumnsGiveOneSamplePerRun) {
   ASSERT_TRUE(Feed(kProcpsHeader));
   // The second line is cut up by the tokenizer and never becomes a sample.
-  EXPECT_FALSE(Feed(ProcpsLine(1000, 222222, 7, 8, 97) + ProcpsLine(2000, 1, 1, 1, 50)));
+  EXPECT_FALSE(Feed(ProcpsLine(1000, 97) + ProcpsLine(2000, 50)));
   ASSERT_EQ(1u, cache->getNumberOfSamples());
-  const StatsPacket& s = Newest();
-  EXPECT_EQ(97u, s.idle);
-  EXPECT_EQ(7u, s.sin);
-  EXPECT_EQ(8u, s.sout);
   EXPECT_EQ(97u, cache->getCurrentIdle());
   EXPECT_EQ(kMaxVirtual - 1000, cache->getCurrentVmem());
 
   // The next run: the columns are remembered and the headers skipped untested.
   filter.resetFilter();
   EXPECT_TRUE(filter.areColumnsKnown());
-  EXPECT_FALSE(Feed("x\ny\nz\n" + ProcpsLine(0, 100, 0, 0, 90)));
-  EXPECT_EQ(2u, cache->getNumberOfSamples());
+  EXPECT_FALSE(Feed("x\ny\nz\n" + ProcpsLine(0, 90)));
   EXPECT_EQ(90u, cache->getCurrentIdle());
 }
 
 TEST_F(VmstatFilterTest, IdleAboveHundredIsStoredAsHundred) {
   ASSERT_TRUE(Feed(kProcpsHeader));
-  Feed(ProcpsLine(0, 100, 0, 0, 101));
-  EXPECT_EQ(100u, cache->getCurrentIdle());
-
-  // Negative counts as a large unsigned figure.
-  filter.resetFilter();
-  Feed(std::string(kProcpsHeader) + ProcpsLine(0, 100, 0, 0, -5));
+  Feed(ProcpsLine(0, 101));
   EXPECT_EQ(100u, cache->getCurrentIdle());
 }
 
@@ -131,48 +99,23 @@ TEST_F(VmstatFilterTest, MemoryAboveTheMaximumRaisesIt) {
   LogCapture log;
   ASSERT_TRUE(log.Ok());
   ASSERT_TRUE(Feed(kPlainHeader));
-  EXPECT_TRUE(Feed(OldLine(600000, 100, 0, 0, 50)));
+  EXPECT_TRUE(Feed(OldLine(600000, 0, 50)));
   EXPECT_EQ(0u, cache->getCurrentVmem());
   EXPECT_EQ(600000u, filter.getMaxVirtualMemory());
   EXPECT_TRUE(log.Contains("The used/free virtual memory measured (600000 Kb) exceeds the amount "
-                           "configured in quelmloadprobe.properties (500000 Kb).\n"))
-      << log.Text();
-  EXPECT_TRUE(Feed(OldLine(550000, 100, 0, 0, 50)));
+                           "configured in quelmloadprobe.properties (500000 Kb).\n"));
+  EXPECT_TRUE(Feed(OldLine(550000, 0, 50)));
   EXPECT_EQ(50000u, cache->getCurrentVmem());
-
-  // Free physical memory above its maximum raises that too, silently.
-  EXPECT_TRUE(Feed(OldLine(0, 400000, 0, 0, 50)));
-  EXPECT_EQ(400000u, filter.getMaxPhysMemory());
-  EXPECT_EQ(391u, Newest().pmem);  // 390.6 MiB
-  EXPECT_FALSE(log.Contains("real memory measured"));
 }
 
 TEST_F(VmstatFilterTest, SixteenColumnLayoutWithoutNamedHeaders) {
   ASSERT_TRUE(Feed(kPlainHeader));
   EXPECT_FALSE(filter.areColumnsKnown());
-  EXPECT_TRUE(Feed(OldLine(5000, 6000, 9, 10, 97) + OldLine(4000, 7000, 11, 12, 98)));
+  EXPECT_TRUE(Feed(OldLine(5000, 10, 97) + OldLine(4000, 12, 98)));
   EXPECT_EQ(98, idle);  // 97.5 rounds to even
   EXPECT_EQ(2u, cache->getNumberOfSamples());
   EXPECT_EQ(kMaxVirtual - 4000, cache->getCurrentVmem());
-  auto both = cache->getAverageOfNIdleValues(2);
-  EXPECT_EQ(10u, both->sin);   // (9 + 11) / 2
-  EXPECT_EQ(11u, both->sout);  // (10 + 12) / 2
-
-  // The average covers the whole run, across reads, and starts again with the next.
-  filter.resetFilter();
-  ASSERT_TRUE(Feed(kPlainHeader));
-  EXPECT_EQ(-1, idle);
-  EXPECT_TRUE(Feed(OldLine(0, 0, 0, 0, 96)));
-  EXPECT_TRUE(Feed(OldLine(0, 0, 0, 0, 97)));
-  EXPECT_EQ(96, idle);  // 96.5
-}
-
-TEST_F(VmstatFilterTest, NamesThatAreNotWholeColumnsAreNotEnough) {
-  // Every name occurs as a substring, but only three as whole tokens.
-  ASSERT_TRUE(Feed("procs\n swpd_total free si so idle\n" + OldLine(0, 0, 0, 0, 0)));
-  EXPECT_FALSE(filter.areColumnsKnown());
-  EXPECT_TRUE(Feed(OldLine(100, 200, 0, 0, 42)));
-  EXPECT_EQ(42u, cache->getCurrentIdle());
+  EXPECT_EQ(11u, cache->getAverageOfNIdleValues(2)->sout);  // (10 + 12) / 2
 }
 
 TEST_F(VmstatFilterTest, GarbageIsNotRecognised) {
@@ -183,34 +126,7 @@ TEST_F(VmstatFilterTest, GarbageIsNotRecognised) {
   EXPECT_EQ(-1, idle);
   EXPECT_EQ(0u, cache->getNumberOfSamples());
   EXPECT_TRUE(log.Contains("The data returned by /usr/bin/vmstat -n has not been recognised by "
-                           "the data filter. \nThe data was \n1 2 3 not numbers\n\n"))
-      << log.Text();
-}
-
-TEST_F(VmstatFilterTest, LastLineWithoutNewlineEndsTheRunWithOrWithoutACache) {
-  myCache = nullptr;
-  ASSERT_TRUE(Feed(kPlainHeader));
-  EXPECT_TRUE(Feed(OldLine(0, 0, 0, 0, 70)));
-  EXPECT_EQ(70, idle);
-  EXPECT_EQ(0u, cache->getNumberOfSamples());
-  myCache = cache.get();
-  std::string line = OldLine(0, 0, 0, 0, 80);
-  line.pop_back();
-  EXPECT_FALSE(Feed(line));
-  EXPECT_EQ(80u, cache->getCurrentIdle());
-}
-
-TEST(IostatFilterTest, AveragesTheCpuLines) {
-  std::string text =
-      "Linux 6.1 (host)\n\navg-cpu:  %user   %nice %system %iowait  %steal   %idle\n"
-      "avg-cpu:\n 1.0 0.0 2.0 95.0\n"
-      "avg-cpu:\n 1.0 0.0 2.0 150.0\n";
-  std::vector<char> buffer(text.begin(), text.end());
-  buffer.push_back('\0');
-  IostatFilter filter;
-  int idle = 0;
-  EXPECT_TRUE(filter.doFiltering(buffer.data(), static_cast<int>(text.size()), idle));
-  EXPECT_EQ(98, idle);  // (95 + 100) / 2 = 97.5
+                           "the data filter. \nThe data was \n1 2 3 not numbers\n\n"));
 }
 
 }  // namespace
