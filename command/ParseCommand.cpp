@@ -158,13 +158,7 @@ bool ParseCommand::checkCreate(Quelm_LbsTransmission& transmission) {
     errors << HOST_ERROR;
     ok = false;
   }
-  ok = requireNonZero(transmission, Quelm_LbsTransmission::KEY_PORT, port, PORT_ERROR) && ok;
-  ok = requireNonZero(transmission, Quelm_LbsTransmission::KEY_SAMPLERATE, samplerate,
-                      SAMPLERATE_ERROR) &&
-       ok;
-  ok = requireNonZero(transmission, Quelm_LbsTransmission::KEY_WINDOWSIZE, windowsize,
-                      WINDOWSIZE_ERROR) &&
-       ok;
+  ok = checkPortAndSampling(transmission) && ok;
   ok = requireNonZero(transmission, Quelm_LbsTransmission::KEY_ID, id, ID_ERROR) && ok;
   ok = requireNonZero(transmission, Quelm_LbsTransmission::KEY_REPLYFREQUENCY, replyfreq,
                       REPLYFREQUENCY_ERROR) &&
@@ -191,6 +185,10 @@ bool ParseCommand::checkKill(Quelm_LbsTransmission& transmission) {
 }
 
 bool ParseCommand::checkAdmin(Quelm_LbsTransmission& transmission) {
+  return checkPortAndSampling(transmission);
+}
+
+bool ParseCommand::checkPortAndSampling(Quelm_LbsTransmission& transmission) {
   bool ok = requireNonZero(transmission, Quelm_LbsTransmission::KEY_PORT, port, PORT_ERROR);
   ok = requireNonZero(transmission, Quelm_LbsTransmission::KEY_SAMPLERATE, samplerate,
                       SAMPLERATE_ERROR) &&

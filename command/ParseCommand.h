@@ -110,6 +110,8 @@ class ParseCommand {
   bool checkCreate(Quelm_LbsTransmission& transmission);
   bool checkKill(Quelm_LbsTransmission& transmission);
   bool checkAdmin(Quelm_LbsTransmission& transmission);
+  // Port, sample rate and window size, present and non-zero, in that order.
+  bool checkPortAndSampling(Quelm_LbsTransmission& transmission);
   // Reads a number that must be present and non-zero into field.
   bool requireNonZero(Quelm_LbsTransmission& transmission, const OmUniString& key,
                       unsigned& field, const OmUniString& error);
