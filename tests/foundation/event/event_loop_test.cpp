@@ -1,9 +1,7 @@
 #include "foundation/event/OmEventLoop.h"
 
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -67,27 +65,6 @@ TEST_F(EventLoopTest, TimeoutsFireEarliestFirstOnePerTurn) {
   std::sort(log_.begin() + 2, log_.end());
   EXPECT_EQ(Log({"a", "b", "c", "twin"}), log_);
   EXPECT_EQ(0u, loop_.TimeoutCount());
-}
-
-TEST_F(EventLoopTest, WaitIsTheTimeToTheEarliestTimeout) {
-  Probe past("past", &log_), soon("soon", &log_), later("later", &log_);
-  loop_.AddTimeoutEvent(OmTimeVal(kStart.seconds - 5, 0), &past);
-  loop_.AddTimeoutEvent(OmTimeVal(kStart.seconds, kStart.microseconds + 900), &soon);
-  loop_.AddTimeoutEvent(kStart.PlusMilliseconds(15), &later);
-  // Past: wait 0. 0.9 ms ahead truncates to 0 ms. 15 ms ahead is a real wait.
-  for (int turn = 0; turn < 3; ++turn) loop_.RunOneTurn();
-  EXPECT_EQ(Log({"past", "soon", "later"}), log_);
-}
-
-TEST_F(EventLoopTest, ReArmingTimeoutIsNotFiredTwiceInOneTurn) {
-  Probe t("t", &log_);
-  t.action = [&](OmEvent::cbdispatch) { loop_.AddTimeoutEvent(OmTimeVal::now(), &t); };
-  loop_.AddTimeoutEvent(kStart, &t);
-  loop_.RunOneTurn();
-  EXPECT_EQ(Log({"t"}), log_);
-  EXPECT_TRUE(loop_.HasTimeout(&t));
-  loop_.RunOneTurn();
-  EXPECT_EQ(Log({"t", "t"}), log_);
 }
 
 TEST_F(EventLoopTest, RemoveTimeoutNeedsTimeAndCallback) {
@@ -154,23 +131,6 @@ TEST_F(EventLoopTest, ReadyDescriptorsAreDispatchedAndHangUpWakesReaderThenWrite
   EXPECT_EQ(Log({"hang-up read", "hang-up write"}), log_);
 }
 
-TEST_F(EventLoopTest, ExitEventLoopLetsThePassFinish) {
-  int a, b, c, d;
-  SocketPair(a, b);
-  SocketPair(c, d);
-  Probe first("first", &log_), second("second", &log_);
-  first.action = [&](OmEvent::cbdispatch) { loop_.ExitEventLoop(7); };
-  loop_.AddFileEvent(a, true, false, &first);
-  loop_.AddFileEvent(c, true, false, &second);
-  ASSERT_EQ(1, write(b, "x", 1));
-  ASSERT_EQ(1, write(d, "y", 1));
-
-  EXPECT_EQ(7, loop_.EnterEventLoop());
-  EXPECT_EQ(Log({"first", "second"}), log_);
-  EXPECT_FALSE(loop_.ShouldContinue());
-  EXPECT_EQ(0, dosigs);
-}
-
 TEST_F(EventLoopTest, ClosedDescriptorIsReportedAndRemoved) {
   int a, b, c, d;
   SocketPair(a, b);
@@ -194,85 +154,6 @@ TEST_F(EventLoopTest, ClosedDescriptorIsReportedAndRemoved) {
 
   loop_.RunOneTurn();
   EXPECT_EQ(Log({"ready"}), log_);
-}
-
-void* FailingRealloc(void*, size_t) { return nullptr; }
-
-TEST_F(EventLoopTest, PollListGrowsAndReportsOutOfMemory) {
-  Probe p("p", &log_);
-  for (unsigned fd = 1000; fd < 1010; ++fd) ASSERT_TRUE(loop_.AddFileEvent(fd, true, false, &p));
-  EXPECT_EQ(10u, loop_.PollCapacity());
-
-  OmEventLoop::SetReallocator(&FailingRealloc);
-  testing::internal::CaptureStderr();
-  const bool added = loop_.AddFileEvent(1010, true, false, &p);
-  const std::string err = testing::internal::GetCapturedStderr();
-  OmEventLoop::SetReallocator(nullptr);
-
-  EXPECT_FALSE(added);
-  EXPECT_EQ(Severe("failed to allocate memory for poll list"), err);
-  EXPECT_EQ(9u, loop_.PollCount());  // the last one drops out too
-  EXPECT_EQ(10u, loop_.PollCapacity());
-
-  for (unsigned fd = 2000; fd < 2005; ++fd) ASSERT_TRUE(loop_.AddFileEvent(fd, true, false, &p));
-  EXPECT_EQ(14u, loop_.PollCount());
-  EXPECT_EQ(110u, loop_.PollCapacity());
-  EXPECT_EQ(2004, loop_.PollList()[13].fd);
-}
-
-TEST_F(EventLoopTest, PollFailureEndsLoopWith127) {
-  int out[2];
-  ASSERT_EQ(0, pipe(out));
-  fflush(nullptr);
-  const pid_t pid = fork();
-  ASSERT_GE(pid, 0);
-  if (pid == 0) {
-    // More poll entries than the descriptor limit: poll fails with EINVAL.
-    dup2(out[1], 2);
-    for (unsigned fd = 100; fd < 130; ++fd) loop_.AddFileEvent(fd, true, false, nullptr);
-    const rlimit limit{24, 24};
-    setrlimit(RLIMIT_NOFILE, &limit);
-    _exit(loop_.EnterEventLoop() == 127 ? 0 : 1);
-  }
-  close(out[1]);
-  std::string err;
-  char buf[256];
-  for (ssize_t n; (n = read(out[0], buf, sizeof buf)) > 0;) err.append(buf, static_cast<size_t>(n));
-  close(out[0]);
-  int status = 0;
-  ASSERT_EQ(pid, waitpid(pid, &status, 0));
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-  EXPECT_EQ("\nVRX legacy event loopPID=" + std::to_string(pid) +
-                " FATAL ERROR:EventLoop has unexpected error: poll(30, -1): Invalid argument\n",
-            err);
-}
-
-// Raises SIGUSR1 the first time the loop reads the clock, that is after
-// ProcessSignals and just before poll.
-bool g_raiseOnClock = false;
-OmTimeVal RaisingClock() {
-  if (g_raiseOnClock) {
-    g_raiseOnClock = false;
-    raise(SIGUSR1);
-  }
-  return kStart;
-}
-
-TEST_F(EventLoopTest, SignalJustBeforePollStillWakesTheLoop) {
-  SignalRestorer restore({SIGUSR1});
-  Probe usr1("usr1", &log_), timeout("timeout", &log_);
-  process_.CatchSignal(SIGUSR1, &usr1);
-  loop_.AddTimeoutEvent(kStart.PlusSeconds(1), &timeout);
-  OmUnixProcess::StartSignals();
-  g_raiseOnClock = true;
-  OmTimeVal::SetClock(&RaisingClock);
-
-  // Without the wake-up poll would sleep the full second and fire the timeout.
-  loop_.RunOneTurn();
-  EXPECT_TRUE(log_.empty());
-  loop_.RunOneTurn();
-  EXPECT_EQ(Log({"usr1"}), log_);
-  process_.RemoveSignalCallback(SIGUSR1, &usr1);
 }
 
 }  // namespace
