@@ -44,7 +44,8 @@ TEST_F(ResponderTest, SequenceNumberIsTheWholeSecond) {
   Host* host = addHost(5, 0);
   ASSERT_NE(nullptr, host);
   StatsPacket s;
-  for (const OmTimeVal& t : {OmTimeVal(kNineOClock + 100, 0), OmTimeVal(kNineOClock + 100, 999999)}) {
+  for (const OmTimeVal& t :
+       {OmTimeVal(kNineOClock + 100, 0), OmTimeVal(kNineOClock + 100, 999999)}) {
     fakeNow() = t;
     ASSERT_EQ(OmStatus::Success, host->sendLoad(&s));
     EXPECT_EQ(packet(5, kNineOClock + 100, "<stats></stats>"), subscriber.receive().value_or(""));
