@@ -90,7 +90,14 @@ class HostsTest : public ::testing::Test {
     myBootstrap = new Bootstrap(OmUniString(dir), 1);
     myCache = new Cache(myBootstrap->getMinCacheSize(), myBootstrap->getMaxVirtualMemory(),
                         myBootstrap->getMaxPhysMemory());
-    myBogomips = new Bogomips(1, 80, fastClock());
+    // A speed estimate of (2^22 / 1000000) * 2 = 8.
+    auto calls = std::make_shared<int>(0);
+    auto ticks = std::make_shared<std::clock_t>(0);
+    myBogomips = new Bogomips(1, 80, [calls, ticks]() {
+      const int call = (*calls)++;
+      if (call % 2 == 1) *ticks += (call / 2 + 1) < 22 ? 1 : 1000000;
+      return *ticks;
+    });
     myResponder = new Responder();
     HostListMgr::init(&loop);
   }
@@ -108,17 +115,6 @@ class HostsTest : public ::testing::Test {
     }
     OmTimeVal::SetClock(nullptr);
     std::filesystem::remove_all(dir);
-  }
-
-  // A speed estimate of (2^22 / 1000000) * 2 = 8.
-  static Bogomips::ClockSource fastClock() {
-    auto calls = std::make_shared<int>(0);
-    auto ticks = std::make_shared<std::clock_t>(0);
-    return [calls, ticks]() {
-      const int call = (*calls)++;
-      if (call % 2 == 1) *ticks += (call / 2 + 1) < 22 ? 1 : 1000000;
-      return *ticks;
-    };
   }
 
   void setTime(uint32_t seconds) { fakeNow() = OmTimeVal(seconds, 0); }
@@ -144,9 +140,8 @@ class HostsTest : public ::testing::Test {
   }
 
   // Memory in MiB.
-  void addSample(uint32_t idle, uint32_t vmemMiB, uint32_t pmemMiB, uint32_t sin = 0,
-                 uint32_t sout = 0) {
-    myCache->addToCache(idle, vmemMiB * 1024, pmemMiB * 1024, sin, sout);
+  void addSample(uint32_t idle, uint32_t vmemMiB, uint32_t pmemMiB) {
+    myCache->addToCache(idle, vmemMiB * 1024, pmemMiB * 1024, 1, 2);
   }
 
   bool logged(const std::string& part) const {

@@ -20,7 +20,7 @@ using ResponderTest = HostsTest;
 
 TEST_F(ResponderTest, TimerPacketsMatchTheFormatToTheCharacter) {
   for (unsigned flags : {0, 1, 6, 7}) ASSERT_NE(nullptr, addHost(10 + flags, flags));
-  addSample(97, 1024, 300, 1, 2);
+  addSample(97, 1024, 300);
 
   setTime(kNineOClock + 10);
   runDue();
