@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include "foundation/string/OmError.h"
-#include "foundation/string/OmOSStream.h"
 #include "foundation/string/OmTimeVal.h"
 #include "string_test_util.h"
 
@@ -26,12 +25,6 @@ TEST(ErrorTest, Reasons) {
   EXPECT_EQ(OmUnixError(ENOENT, "open", "x").Reason(), "open(x): No such file or directory");
   EXPECT_EQ(OmUnixError(EACCES, "socket").Reason(), "socket(): Permission denied");
   EXPECT_EQ(OmUnixError(EACCES, OmUniString()).Reason(), "Permission denied");
-}
-
-TEST(OSStreamTest, NumbersAndStrings) {
-  OmOSStream os;
-  os << "x=" << -12 << ", " << OmUniString("y") << "=" << 18446744073709551615ULL;
-  EXPECT_EQ(os.Str(), "x=-12, y=18446744073709551615");
 }
 
 }  // namespace

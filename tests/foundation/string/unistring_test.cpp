@@ -23,14 +23,6 @@ TEST(UniStringTest, CopyOnWrite) {
   EXPECT_EQ(d, "heLLo");
 }
 
-TEST(UniStringTest, OrderingIsByUnitValue) {
-  EXPECT_NE(OmUniString("abc"), OmUniString("ab"));
-  EXPECT_TRUE(OmUniString("ab") < OmUniString("abc"));
-  EXPECT_FALSE(OmUniString("abc") < OmUniString("abc"));
-  EXPECT_TRUE(Units({0x00ff}) < Units({0x0100}));  // not by the bytes in memory
-  EXPECT_FALSE(Units({0x0100}) < Units({0x00ff}));
-}
-
 TEST(UniStringTest, SearchAndSubString) {
   const OmUniString s("hello world");
   const struct {
