@@ -60,7 +60,7 @@ void checkEscape(const OmUniString& text) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   checkEscape(OmUniString::CreateFrom(data, size, OmEncoding::LATIN1));
   checkEscape(OmUniString::CreateFrom(data, size, OmEncoding::UTF8));
-  // Units beyond Latin-1, including ones whose low byte is a special.
+  // Units beyond Latin-1, including ones whose low byte is a reserved character.
   std::vector<Unit> pairs(size / 2);
   if (!pairs.empty()) std::memcpy(pairs.data(), data, pairs.size() * 2);
   checkEscape(OmUniString(pairs.data(), pairs.size()));
