@@ -315,3 +315,10 @@ void LogResultsCached(OmScalar<int> a1, OmScalar<int> a2, OmScalar<int> a3, OmSc
   s << "The following results have just been cached: idle=" << a1 << ", swap=" << a2 << ", \nphysmemfree=" << a3 << ", swappedin=" << a4 << ", swappedout=" << a5 << ".";
   Emit(42, s);
 }
+
+void LogSpeedRecalculated(OmScalar<int> a1, OmScalar<int> a2, OmScalar<int> a3) {
+  if (!Wanted(43)) return;
+  OmOSStream s;
+  s << "The processor speed estimate was recalculated after a tool run ending at idle " << a1 << ": estimate " << a2 << ", reported " << a3 << ".";
+  Emit(43, s);
+}

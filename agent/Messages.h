@@ -50,5 +50,6 @@ void LogAttribSetFail(const OmUniString& a1, const OmUniString& a2);
 void LogAttribSetSuccess(const OmUniString& a1, const OmUniString& a2);
 void LogAttribGetFail(const OmUniString& a1);
 void LogResultsCached(OmScalar<int> a1, OmScalar<int> a2, OmScalar<int> a3, OmScalar<int> a4, OmScalar<int> a5);
+void LogSpeedRecalculated(OmScalar<int> a1, OmScalar<int> a2, OmScalar<int> a3);
 
 #endif  // QUELM_AGENT_MESSAGES_H_

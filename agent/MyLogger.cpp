@@ -47,6 +47,7 @@ const char* const kCategories[] = {
     "quelmloadprobe/set_attribute/moreinfo",
     "quelmloadprobe/get_attribute/error",
     "quelmloadprobe/results/moreinfo",
+    "quelmloadprobe/results/info",
     "",
     "",
     nullptr,

@@ -232,10 +232,18 @@ void ChildManager::restart(bool filterFailed) {
   afterRun();
 }
 
+// idle is what the run's last filtering left: the run's average, or, when the
+// filter stopped the run after a sample (vmstat with named columns gives one
+// sample a run), that sample's idle figure.
 void ChildManager::afterRun() {
   if (idle >= 0) {
-    // A nearly idle machine gives a true speed figure.
-    if (idle > 94 && myBogomips != nullptr) myBogomips->calculate();
+    // A nearly idle machine gives a true speed figure. The estimate costs
+    // about a second of processor time, during which the loop waits.
+    if (idle > 94 && myBogomips != nullptr) {
+      myBogomips->calculate();
+      LogSpeedRecalculated(idle, static_cast<int>(myBogomips->getCurrent()),
+                           static_cast<int>(myBogomips->getBogomips()));
+    }
     HostListMgr::percentChangeCheck(static_cast<unsigned>(idle));
   }
   filter->resetFilter();

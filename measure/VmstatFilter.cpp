@@ -73,9 +73,13 @@ void VmstatFilter::testHeaderLine(const char* line, const char* end) {
 }
 
 void VmstatFilter::addSample(uint32_t swpd, uint32_t free, uint32_t si, uint32_t so,
-                             uint32_t id) {
+                             uint32_t id, int& idleOut) {
   // Negative figures count as large ones here.
   const uint32_t idle = id > 100 ? 100 : id;
+  // The output holds the latest sample until the end of the buffer turns it
+  // into the average; a run that stops after a sample (named columns) hands
+  // that sample to the child manager.
+  idleOut = static_cast<int>(idle);
 
   uint32_t freeVirtual = 0;
   if (swpd > maxVirtualMemory) {
@@ -131,7 +135,7 @@ bool VmstatFilter::doFiltering(char* data, int length, int& idle) {
         if (position == idColumn) id = value;
       }
       addSample(static_cast<uint32_t>(swpd), static_cast<uint32_t>(free),
-                static_cast<uint32_t>(si), static_cast<uint32_t>(so), static_cast<uint32_t>(id));
+                static_cast<uint32_t>(si), static_cast<uint32_t>(so), static_cast<uint32_t>(id), idle);
     } else {
       // r b w swpd free buff cache si so bi bo in cs us sy id
       int f[16];
@@ -144,7 +148,7 @@ bool VmstatFilter::doFiltering(char* data, int length, int& idle) {
       }
       addSample(static_cast<uint32_t>(f[3]), static_cast<uint32_t>(f[4]),
                 static_cast<uint32_t>(f[7]), static_cast<uint32_t>(f[8]),
-                static_cast<uint32_t>(f[15]));
+                static_cast<uint32_t>(f[15]), idle);
     }
     char* nl = std::strchr(line, '\n');
     if (nl == nullptr) return false;

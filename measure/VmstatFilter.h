@@ -33,8 +33,9 @@ class VmstatFilter : public BaseFilter {
  private:
   // Records the columns if [line, end) names them all; updates columnsKnown.
   void testHeaderLine(const char* line, const char* end);
-  // Clamps, caches and counts one sample.
-  void addSample(uint32_t swpd, uint32_t free, uint32_t si, uint32_t so, uint32_t id);
+  // Clamps, caches and counts one sample; idle becomes its idle figure.
+  void addSample(uint32_t swpd, uint32_t free, uint32_t si, uint32_t so, uint32_t id,
+                 int& idle);
   // The end of a buffer: idle becomes the run's average when there is one.
   bool finish(int& idle) const;
 

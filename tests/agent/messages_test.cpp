@@ -231,7 +231,10 @@ const Case kCases[] = {
      },
      "The following results have just been cached: idle=-5, swap=42, \n"
      "physmemfree=7, swappedin=3, swappedout=9."},
-
+    {43, "quelmloadprobe/results/info",
+     [] { LogSpeedRecalculated(OmScalar<int>(97), OmScalar<int>(1400), OmScalar<int>(1420)); },
+     "The processor speed estimate was recalculated after a tool run ending at idle 97: "
+     "estimate 1400, reported 1420."},
 };
 
 constexpr unsigned kCount = sizeof kCases / sizeof kCases[0];

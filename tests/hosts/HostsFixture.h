@@ -81,7 +81,8 @@ class HostsTest : public ::testing::Test {
     ASSERT_NE(nullptr, mkdtemp(pattern));
     dir = pattern;
     const std::string values[] = {"logdirectory=" + dir, "logfilter=*/*/*:t.log",
-                                  "piddirectory=" + dir, "probepath=/bin/sh", "samplerate=5",
+                                  "piddirectory=" + dir, "probepath=/bin/sh " + dir + "/vmstat",
+                                  "samplerate=5",
                                   "windowsize=3", "hostlifetime=3600", "mincachesize=4",
                                   "maxvirtualmemory=1024", "maxphysicalmemory=512"};
     std::ofstream file(dir + "/quelmloadbalancing.properties");
