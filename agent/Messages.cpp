@@ -1,6 +1,178 @@
 #include "agent/Messages.h"
 
+#include <initializer_list>
+#include <string>
+
 #include "foundation/log/OmLog.h"
+
+// Severity by message: fatalerror for 9, 10, 11, 15, 28, 29, 31; info for 6,
+// 7, 8, 12, 14, 22, 27, 33, 37, 38, 43; moreinfo for 23, 32, 40, 42; error
+// for the others. The texts' oddities (the stray period in 41, the missing
+// verb in 20, the trailing space of 33) are part of what operators grep for.
+const MessageEntry kMessageCatalogue[kMessageCount] = {
+    {0, "quelmloadprobe/initialize/error",  // LogPropsNotFound
+     "The properties file {1} was not found. The quelm loadprobe has been initialized\n"
+     "using built-in defaults.\n"
+     "The most likely cause is incorrect configuration or installation.\n"
+     "Create the {1} file or reinstall the Varosakit."},
+    {1, "quelmloadprobe/initialize/error",  // LogPathNonExistant
+     "The path or object {1} does not exist. Using the built-in default {2} for the\n"
+     "attribute {3}. The quelm loadprobe may not function correctly.\n"
+     "The most likely cause is incorrect configuration. \n"
+     "Correct the configuration in the quelmloadprobe.properties file and restart the quelm loadprobe."},
+    {2, "quelmloadprobe/initialize/error",  // LogPathNotDirectory
+     "The path {1} does not exist or is not a directory. Using the built-in default {2} for the attribute {3}. The quelm loadprobe may not function correctly.\n"
+     "The most likely cause is incorrect configuration. \n"
+     "Correct the configuration in the quelmloadprobe.properties file and restart the quelm loadprobe."},
+    {3, "quelmloadprobe/initialize/error",  // LogScalarAttrNonExistant
+     "The attribute {1} does not exist in the quelmloadprobe.properties file. The built-in default value {2} will be used.\n"
+     "The most likely cause is incorrect configuration.\n"
+     "Correct the configuration in the quelmloadprobe.properties file and restart the quelm loadprobe."},
+    {4, "quelmloadprobe/initialize/error",  // LogStringAttrNonExistant
+     "The attribute {1} does not exist in the quelmloadprobe.properties file. The built-in default value {2} will be used.\n"
+     "The most likely cause is incorrect configuration.\n"
+     "Correct the configuration in the quelmloadprobe.properties file and restart the quelm loadprobe."},
+    {5, "quelmloadprobe/initialize/error",  // LogScalarAttrBadValue
+     "The attribute {1} has the value {2} which is invalid. The built-in default value {3} will be used instead.\n"
+     "The most likely cause is incorrect configuration.\n"
+     "Correct the configuration in the quelmloadprobe.properties file and restart the quelm loadprobe."},
+    {6, "quelmloadprobe/process/info",  // LogStarted
+     "Quelm loadprobe started."},
+    {7, "quelmloadprobe/process/info",  // LogStopped
+     "Quelm loadprobe stopped - exitcode {1}."},
+    {8, "quelmloadprobe/process/info",  // LogExitSignal
+     "The loadprobe was stopped by signal {1}."},
+    {9, "quelmloadprobe/child/fatalerror",  // LogBufferFail
+     "Failed to malloc/realloc {1} bytes for loadtool pipe buffer.\n"
+     "Quelm loadprobe will not work.\n"
+     "Free memory by killing unwanted processes."},
+    {10, "quelmloadprobe/child/fatalerror",  // LogForkFail
+     "Failed to fork a child process after {1} retries.\n"
+     "The quelm loadprobe will not work.\n"
+     "Kill off unwanted processes and restart the quelm loadprobe."},
+    {11, "quelmloadprobe/child/fatalerror",  // LogToolFail
+     "The tool (sar/iostat/vmstat) being used to measure load did not return any data on {1} successive iterations.\n"
+     "The most likely cause is incorrect configuration of the tool or its arguments.\n"
+     "Correct the configuration in the quelmloadprobe.properties file and restart the quelm loadprobe."},
+    {12, "quelmloadprobe/child/info",  // LogWrongChild
+     "There has been a signal for child process with pid {1} which is not the current child process({2}) of the quelm loadtool.\n"
+     "No action is necessary."},
+    {13, "quelmloadprobe/child/error",  // LogPipeFail
+     "Failure reading {1} bytes from loadtool (sar/iostat/vmstat); errno is {2}.\n"
+     "Quelm loadprobe cannot return data.\n"
+     "Check the configuration in the quelmloadprobe.properties file and restart the quelm loadprobe."},
+    {14, "quelmloadprobe/child/info",  // LogReadPipeLimitFail
+     "The pipe being used to read data from the loadtool (sar/iostat/vmstat) did not return any data on {1} successive reads.\n"
+     "No action is necessary."},
+    {15, "quelmloadprobe/child/fatalerror",  // LogFilterNotRecognised
+     "The filter named {1} was not recognised. This filter may not be implemented on this platform. \n"
+     "Quelm loadprobe cannot return data.\n"
+     "Check the configuration in the quelmloadprobe.properties file and restart the quelm loadprobe."},
+    {16, "quelmloadprobe/child/error",  // LogDataNotRecognised
+     "The data returned by {1} has not been recognised by the data filter. \n"
+     "The data was \n"
+     "{2}\n"
+     "The quelm loadprobe has not cached any load values as a result in this cycle.\n"
+     "No action is necessary unless the problem occurs continuously, in which case check the configuration in the quelmloadprobe.properties file and restart the quelm loadprobe."},
+    {17, "quelmloadprobe/child/error",  // LogVMemOutOfRange
+     "The used/free virtual memory measured ({1} Kb) exceeds the amount configured in quelmloadprobe.properties ({2} Kb).\n"
+     "Resulting virtual memory usage measurements will be inaccurate.\n"
+     "Correct the maxvirtualmemory value in quelmloadprobe.properties and restart the quelm loadprobe."},
+    {18, "quelmloadprobe/child/error",  // LogPhysMemOutOfRange
+     "The used/free real memory measured ({1} Kb) exceeds the amount configured in quelmloadprobe.properties ({2} Kb).\n"
+     "Resulting real memory usage measurements will be inaccurate.\n"
+     "Correct the maxrealmemory value in quelmloadprobe.properties and restart the quelm loadprobe."},
+    {19, "quelmloadprobe/log/error",  // LogReOpenLogFail
+     "Failed to reopen log files. No logs will be recorded.\n"
+     " Check the log directory {1} exists.\n"
+     "To ensure correct log information, restart the Quelm loadprobe."},
+    {20, "quelmloadprobe/attribute/error",  // LogAttributeLookupFail
+     "Failed to any attributes in {1}.\n"
+     "The quelm loadprobe may not return data.\n"
+     "Check the configuration in the quelmloadprobe.properties file and restart the quelm loadprobe."},
+    {21, "quelmloadprobe/host/error",  // LogAddressLookupFail
+     "Failed to read the address for {1} from DNS; result was {2}.\n"
+     "The quelm loadprobe will not be able to send load updates to this host.\n"
+     "Check the hostname and that it is configured correctly in DNS.\n"},
+    {22, "quelmloadprobe/host/info",  // LogHostTimedOut
+     "The host object for {1} with ID {2} has time-expired and has been deleted.\n"
+     "No action is necessary."},
+    {23, "quelmloadprobe/host/moreinfo",  // LogHostListLen
+     "{1}: There are {2} host objects in the Host List."},
+    {24, "quelmloadprobe/host/error",  // LogCacheEmpty
+     "Unable to send load/memory values to {1}. There are no values in the cache to average.\n"
+     "Quelm loadbalancing may not work.\n"
+     "If this problem persists, check and correct the configuration in the quelmloadprobe.properties file and restart the quelm loadprobe."},
+    {25, "quelmloadprobe/listener/error",  // LogAcceptFail
+     "Failed to accept new connection [Reason: {1}].\n"
+     "An unknown host will not be able to receive load updates.\n"
+     "Check for failures on your network."},
+    {26, "quelmloadprobe/listener/error",  // LogRemoteAddressFail
+     "Failed to get remote address for new connection.\n"
+     "An unknown host will not be able to receive load updates.\n"
+     "Check for failures on your network."},
+    {27, "quelmloadprobe/listener/info",  // LogNewConnection
+     "Received new connection from {1}."},
+    {28, "quelmloadprobe/listener/fatalerror",  // LogBindFailed
+     "Failed to bind to port {1}, reason {2}.\n"
+     "The quelm loadprobe will not be able to function.\n"
+     "Check that this port is available OR configure the quelmloadprobe to use a different port."},
+    {29, "quelmloadprobe/listener/fatalerror",  // LogListenFailed
+     "Failed to listen on port {1}, reason {2}.\n"
+     "The quelm loadprobe will not be able to function.\n"
+     "Check that this port is available OR configure the quelmloadprobe to use a different port."},
+    {30, "quelmloadprobe/listener/error",  // LogBadCommand
+     "Bad request (length {1}). Request is [ {2} ].\n"
+     "The quelm loadprobe cannot act on this request.\n"
+     "Check the source of this request to determine its validity."},
+    {31, "quelmloadprobe/responder/fatalerror",  // LogResponderBindFailed
+     "Failed to bind for connectionless port reason {1}.\n"
+     "The quelm loadprobe will not be able to function.\n"
+     "Check the availability of suitable ports."},
+    {32, "quelmloadprobe/responder/moreinfo",  // LogLoadPacketSent
+     "{1}\n"
+     "sent to {2}"},
+    {33, "quelmloadprobe/responder/info",  // LogLoadSent
+     "Idle value {1} sent to {2} "},
+    {34, "quelmloadprobe/responder/error",  // LogLoadPacketFail
+     "Failed to send packet\n"
+     "{1}\n"
+     "to address {2}. Error was {3}, errno was {4}.\n"
+     "The loadprobe will continue sending load packets to this and other addresses.\n"
+     "Check for other evidence of network faults."},
+    {35, "quelmloadprobe/command/error",  // LogCommandMissing
+     "Failed to find valid command.\n"
+     "The loadprobe may not work successfully.\n"
+     "Correct the loadprobe configuration and restart it."},
+    {36, "quelmloadprobe/command/error",  // LogSyntaxError
+     "Syntax error in command parameter list\n"
+     "{1}\n"
+     " at character position {2} because of [{3}].\n"
+     "The loadprobe may not work successfully.\n"
+     "Correct the source of the command and resend it."},
+    {37, "quelmloadprobe/command/info",  // LogCommandText
+     "Command is \n"
+     "{1}"},
+    {38, "quelmloadprobe/command/info",  // LogResponseText
+     "Response is \n"
+     "{1}"},
+    {39, "quelmloadprobe/set_attribute/error",  // LogAttribSetFail
+     "Failed to register attribute setting ({1} = {2}).\n"
+     "The loadprobe may not work properly.\n"
+     "Restart the loadprobe to see if the problem persists."},
+    {40, "quelmloadprobe/set_attribute/moreinfo",  // LogAttribSetSuccess
+     "Successfully set {1} = {2}"},
+    {41, "quelmloadprobe/get_attribute/error",  // LogAttribGetFail
+     "Failed to get attribute {1}\n"
+     ".The loadprobe may not work successfully.\n"
+     "Correct the loadprobe configuration and restart it."},
+    {42, "quelmloadprobe/results/moreinfo",  // LogResultsCached
+     "The following results have just been cached: idle={1}, swap={2}, \n"
+     "physmemfree={3}, swappedin={4}, swappedout={5}."},
+    {43, "quelmloadprobe/results/info",  // LogSpeedRecalculated
+     "The processor speed estimate was recalculated after a tool run ending at idle {1}: estimate {2}, reported {3}."},
+
+};
 
 namespace {
 
@@ -9,316 +181,82 @@ bool Wanted(unsigned n) {
   return log != nullptr && log->Gen(n);
 }
 
-void Emit(unsigned n, const OmOSStream& s) {
+OmUniString Text(const OmUniString& s) { return s; }
+
+template <typename T>
+OmUniString Text(OmScalar<T> v) {
+  OmOSStream s;
+  s << v;
+  return s.Str();
+}
+
+// Replaces {1}..{9} in message n's text with the arguments and logs it.
+void Emit(unsigned n, std::initializer_list<OmUniString> args) {
+  OmOSStream s;
+  std::string literal;
+  for (const char* f = kMessageCatalogue[n].format; *f != '\0'; ++f) {
+    const unsigned index = static_cast<unsigned>(f[1] - '1');
+    if (f[0] == '{' && index < args.size() && f[2] == '}') {
+      s << literal.c_str() << args.begin()[index];
+      literal.clear();
+      f += 2;
+    } else {
+      literal += *f;
+    }
+  }
+  s << literal.c_str();
   OmLog::Current()->CserverLog(n, s.Str());
+}
+
+// The text is built only when the log library wants the message at all.
+template <typename... Args>
+void Log(unsigned n, const Args&... args) {
+  if (Wanted(n)) Emit(n, {Text(args)...});
 }
 
 }  // namespace
 
-void LogPropsNotFound(const OmUniString& a1) {
-  if (!Wanted(0)) return;
-  OmOSStream s;
-  s << "The properties file " << a1 << " was not found. The quelm loadprobe has been initialized\nusing built-in defaults.\nThe most likely cause is incorrect configuration or installation.\nCreate the " << a1 << " file or reinstall the Varosakit.";
-  Emit(0, s);
-}
-
-void LogPathNonExistant(const OmUniString& a1, const OmUniString& a2, const OmUniString& a3) {
-  if (!Wanted(1)) return;
-  OmOSStream s;
-  s << "The path or object " << a1 << " does not exist. Using the built-in default " << a2 << " for the\nattribute " << a3 << ". The quelm loadprobe may not function correctly.\nThe most likely cause is incorrect configuration. \nCorrect the configuration in the quelmloadprobe.properties file and restart the quelm loadprobe.";
-  Emit(1, s);
-}
-
-void LogPathNotDirectory(const OmUniString& a1, const OmUniString& a2, const OmUniString& a3) {
-  if (!Wanted(2)) return;
-  OmOSStream s;
-  s << "The path " << a1 << " does not exist or is not a directory. Using the built-in default " << a2 << " for the attribute " << a3 << ". The quelm loadprobe may not function correctly.\nThe most likely cause is incorrect configuration. \nCorrect the configuration in the quelmloadprobe.properties file and restart the quelm loadprobe.";
-  Emit(2, s);
-}
-
-void LogScalarAttrNonExistant(const OmUniString& a1, OmScalar<int> a2) {
-  if (!Wanted(3)) return;
-  OmOSStream s;
-  s << "The attribute " << a1 << " does not exist in the quelmloadprobe.properties file. The built-in default value " << a2 << " will be used.\nThe most likely cause is incorrect configuration.\nCorrect the configuration in the quelmloadprobe.properties file and restart the quelm loadprobe.";
-  Emit(3, s);
-}
-
-void LogStringAttrNonExistant(const OmUniString& a1, const OmUniString& a2) {
-  if (!Wanted(4)) return;
-  OmOSStream s;
-  s << "The attribute " << a1 << " does not exist in the quelmloadprobe.properties file. The built-in default value " << a2 << " will be used.\nThe most likely cause is incorrect configuration.\nCorrect the configuration in the quelmloadprobe.properties file and restart the quelm loadprobe.";
-  Emit(4, s);
-}
-
-void LogScalarAttrBadValue(const OmUniString& a1, OmScalar<int> a2, OmScalar<int> a3) {
-  if (!Wanted(5)) return;
-  OmOSStream s;
-  s << "The attribute " << a1 << " has the value " << a2 << " which is invalid. The built-in default value " << a3 << " will be used instead.\nThe most likely cause is incorrect configuration.\nCorrect the configuration in the quelmloadprobe.properties file and restart the quelm loadprobe.";
-  Emit(5, s);
-}
-
-void LogStarted() {
-  if (!Wanted(6)) return;
-  OmOSStream s;
-  s << "Quelm loadprobe started.";
-  Emit(6, s);
-}
-
-void LogStopped(OmScalar<int> a1) {
-  if (!Wanted(7)) return;
-  OmOSStream s;
-  s << "Quelm loadprobe stopped - exitcode " << a1 << ".";
-  Emit(7, s);
-}
-
-void LogExitSignal(const OmUniString& a1) {
-  if (!Wanted(8)) return;
-  OmOSStream s;
-  s << "The loadprobe was stopped by signal " << a1 << ".";
-  Emit(8, s);
-}
-
-void LogBufferFail(OmScalar<int> a1) {
-  if (!Wanted(9)) return;
-  OmOSStream s;
-  s << "Failed to malloc/realloc " << a1 << " bytes for loadtool pipe buffer.\nQuelm loadprobe will not work.\nFree memory by killing unwanted processes.";
-  Emit(9, s);
-}
-
-void LogForkFail(OmScalar<int> a1) {
-  if (!Wanted(10)) return;
-  OmOSStream s;
-  s << "Failed to fork a child process after " << a1 << " retries.\nThe quelm loadprobe will not work.\nKill off unwanted processes and restart the quelm loadprobe.";
-  Emit(10, s);
-}
-
-void LogToolFail(OmScalar<int> a1) {
-  if (!Wanted(11)) return;
-  OmOSStream s;
-  s << "The tool (sar/iostat/vmstat) being used to measure load did not return any data on " << a1 << " successive iterations.\nThe most likely cause is incorrect configuration of the tool or its arguments.\nCorrect the configuration in the quelmloadprobe.properties file and restart the quelm loadprobe.";
-  Emit(11, s);
-}
-
-void LogWrongChild(OmScalar<int> a1, OmScalar<int> a2) {
-  if (!Wanted(12)) return;
-  OmOSStream s;
-  s << "There has been a signal for child process with pid " << a1 << " which is not the current child process(" << a2 << ") of the quelm loadtool.\nNo action is necessary.";
-  Emit(12, s);
-}
-
-void LogPipeFail(OmScalar<int> a1, OmScalar<int> a2) {
-  if (!Wanted(13)) return;
-  OmOSStream s;
-  s << "Failure reading " << a1 << " bytes from loadtool (sar/iostat/vmstat); errno is " << a2 << ".\nQuelm loadprobe cannot return data.\nCheck the configuration in the quelmloadprobe.properties file and restart the quelm loadprobe.";
-  Emit(13, s);
-}
-
-void LogReadPipeLimitFail(OmScalar<int> a1) {
-  if (!Wanted(14)) return;
-  OmOSStream s;
-  s << "The pipe being used to read data from the loadtool (sar/iostat/vmstat) did not return any data on " << a1 << " successive reads.\nNo action is necessary.";
-  Emit(14, s);
-}
-
-void LogFilterNotRecognised(const OmUniString& a1) {
-  if (!Wanted(15)) return;
-  OmOSStream s;
-  s << "The filter named " << a1 << " was not recognised. This filter may not be implemented on this platform. \nQuelm loadprobe cannot return data.\nCheck the configuration in the quelmloadprobe.properties file and restart the quelm loadprobe.";
-  Emit(15, s);
-}
-
-void LogDataNotRecognised(const OmUniString& a1, const OmUniString& a2) {
-  if (!Wanted(16)) return;
-  OmOSStream s;
-  s << "The data returned by " << a1 << " has not been recognised by the data filter. \nThe data was \n" << a2 << "\nThe quelm loadprobe has not cached any load values as a result in this cycle.\nNo action is necessary unless the problem occurs continuously, in which case check the configuration in the quelmloadprobe.properties file and restart the quelm loadprobe.";
-  Emit(16, s);
-}
-
-void LogVMemOutOfRange(OmScalar<int> a1, OmScalar<int> a2) {
-  if (!Wanted(17)) return;
-  OmOSStream s;
-  s << "The used/free virtual memory measured (" << a1 << " Kb) exceeds the amount configured in quelmloadprobe.properties (" << a2 << " Kb).\nResulting virtual memory usage measurements will be inaccurate.\nCorrect the maxvirtualmemory value in quelmloadprobe.properties and restart the quelm loadprobe.";
-  Emit(17, s);
-}
-
-void LogPhysMemOutOfRange(OmScalar<int> a1, OmScalar<int> a2) {
-  if (!Wanted(18)) return;
-  OmOSStream s;
-  s << "The used/free real memory measured (" << a1 << " Kb) exceeds the amount configured in quelmloadprobe.properties (" << a2 << " Kb).\nResulting real memory usage measurements will be inaccurate.\nCorrect the maxrealmemory value in quelmloadprobe.properties and restart the quelm loadprobe.";
-  Emit(18, s);
-}
-
-void LogReOpenLogFail(const OmUniString& a1) {
-  if (!Wanted(19)) return;
-  OmOSStream s;
-  s << "Failed to reopen log files. No logs will be recorded.\n Check the log directory " << a1 << " exists.\nTo ensure correct log information, restart the Quelm loadprobe.";
-  Emit(19, s);
-}
-
-void LogAttributeLookupFail(const OmUniString& a1) {
-  if (!Wanted(20)) return;
-  OmOSStream s;
-  s << "Failed to any attributes in " << a1 << ".\nThe quelm loadprobe may not return data.\nCheck the configuration in the quelmloadprobe.properties file and restart the quelm loadprobe.";
-  Emit(20, s);
-}
-
-void LogAddressLookupFail(const OmUniString& a1, OmScalar<unsigned int> a2) {
-  if (!Wanted(21)) return;
-  OmOSStream s;
-  s << "Failed to read the address for " << a1 << " from DNS; result was " << a2 << ".\nThe quelm loadprobe will not be able to send load updates to this host.\nCheck the hostname and that it is configured correctly in DNS.\n";
-  Emit(21, s);
-}
-
-void LogHostTimedOut(const OmUniString& a1, OmScalar<unsigned int> a2) {
-  if (!Wanted(22)) return;
-  OmOSStream s;
-  s << "The host object for " << a1 << " with ID " << a2 << " has time-expired and has been deleted.\nNo action is necessary.";
-  Emit(22, s);
-}
-
-void LogHostListLen(const OmUniString& a1, OmScalar<unsigned int> a2) {
-  if (!Wanted(23)) return;
-  OmOSStream s;
-  s << a1 << ": There are " << a2 << " host objects in the Host List.";
-  Emit(23, s);
-}
-
-void LogCacheEmpty(const OmUniString& a1) {
-  if (!Wanted(24)) return;
-  OmOSStream s;
-  s << "Unable to send load/memory values to " << a1 << ". There are no values in the cache to average.\nQuelm loadbalancing may not work.\nIf this problem persists, check and correct the configuration in the quelmloadprobe.properties file and restart the quelm loadprobe.";
-  Emit(24, s);
-}
-
-void LogAcceptFail(const OmUniString& a1) {
-  if (!Wanted(25)) return;
-  OmOSStream s;
-  s << "Failed to accept new connection [Reason: " << a1 << "].\nAn unknown host will not be able to receive load updates.\nCheck for failures on your network.";
-  Emit(25, s);
-}
-
-void LogRemoteAddressFail() {
-  if (!Wanted(26)) return;
-  OmOSStream s;
-  s << "Failed to get remote address for new connection.\nAn unknown host will not be able to receive load updates.\nCheck for failures on your network.";
-  Emit(26, s);
-}
-
-void LogNewConnection(const OmUniString& a1) {
-  if (!Wanted(27)) return;
-  OmOSStream s;
-  s << "Received new connection from " << a1 << ".";
-  Emit(27, s);
-}
-
-void LogBindFailed(OmScalar<unsigned int> a1, const OmUniString& a2) {
-  if (!Wanted(28)) return;
-  OmOSStream s;
-  s << "Failed to bind to port " << a1 << ", reason " << a2 << ".\nThe quelm loadprobe will not be able to function.\nCheck that this port is available OR configure the quelmloadprobe to use a different port.";
-  Emit(28, s);
-}
-
-void LogListenFailed(OmScalar<unsigned int> a1, const OmUniString& a2) {
-  if (!Wanted(29)) return;
-  OmOSStream s;
-  s << "Failed to listen on port " << a1 << ", reason " << a2 << ".\nThe quelm loadprobe will not be able to function.\nCheck that this port is available OR configure the quelmloadprobe to use a different port.";
-  Emit(29, s);
-}
-
-void LogBadCommand(OmScalar<unsigned int> a1, const OmUniString& a2) {
-  if (!Wanted(30)) return;
-  OmOSStream s;
-  s << "Bad request (length " << a1 << "). Request is [ " << a2 << " ].\nThe quelm loadprobe cannot act on this request.\nCheck the source of this request to determine its validity.";
-  Emit(30, s);
-}
-
-void LogResponderBindFailed(const OmUniString& a1) {
-  if (!Wanted(31)) return;
-  OmOSStream s;
-  s << "Failed to bind for connectionless port reason " << a1 << ".\nThe quelm loadprobe will not be able to function.\nCheck the availability of suitable ports.";
-  Emit(31, s);
-}
-
-void LogLoadPacketSent(const OmUniString& a1, const OmUniString& a2) {
-  if (!Wanted(32)) return;
-  OmOSStream s;
-  s << a1 << "\nsent to " << a2;
-  Emit(32, s);
-}
-
-void LogLoadSent(OmScalar<unsigned int> a1, const OmUniString& a2) {
-  if (!Wanted(33)) return;
-  OmOSStream s;
-  s << "Idle value " << a1 << " sent to " << a2 << " ";
-  Emit(33, s);
-}
-
-void LogLoadPacketFail(const OmUniString& a1, const OmUniString& a2, const OmUniString& a3, OmScalar<unsigned int> a4) {
-  if (!Wanted(34)) return;
-  OmOSStream s;
-  s << "Failed to send packet\n" << a1 << "\nto address " << a2 << ". Error was " << a3 << ", errno was " << a4 << ".\nThe loadprobe will continue sending load packets to this and other addresses.\nCheck for other evidence of network faults.";
-  Emit(34, s);
-}
-
-void LogCommandMissing() {
-  if (!Wanted(35)) return;
-  OmOSStream s;
-  s << "Failed to find valid command.\nThe loadprobe may not work successfully.\nCorrect the loadprobe configuration and restart it.";
-  Emit(35, s);
-}
-
-void LogSyntaxError(const OmUniString& a1, OmScalar<int> a2, const OmUniString& a3) {
-  if (!Wanted(36)) return;
-  OmOSStream s;
-  s << "Syntax error in command parameter list\n" << a1 << "\n at character position " << a2 << " because of [" << a3 << "].\nThe loadprobe may not work successfully.\nCorrect the source of the command and resend it.";
-  Emit(36, s);
-}
-
-void LogCommandText(const OmUniString& a1) {
-  if (!Wanted(37)) return;
-  OmOSStream s;
-  s << "Command is \n" << a1;
-  Emit(37, s);
-}
-
-void LogResponseText(const OmUniString& a1) {
-  if (!Wanted(38)) return;
-  OmOSStream s;
-  s << "Response is \n" << a1;
-  Emit(38, s);
-}
-
-void LogAttribSetFail(const OmUniString& a1, const OmUniString& a2) {
-  if (!Wanted(39)) return;
-  OmOSStream s;
-  s << "Failed to register attribute setting (" << a1 << " = " << a2 << ").\nThe loadprobe may not work properly.\nRestart the loadprobe to see if the problem persists.";
-  Emit(39, s);
-}
-
-void LogAttribSetSuccess(const OmUniString& a1, const OmUniString& a2) {
-  if (!Wanted(40)) return;
-  OmOSStream s;
-  s << "Successfully set " << a1 << " = " << a2;
-  Emit(40, s);
-}
-
-void LogAttribGetFail(const OmUniString& a1) {
-  if (!Wanted(41)) return;
-  OmOSStream s;
-  s << "Failed to get attribute " << a1 << "\n.The loadprobe may not work successfully.\nCorrect the loadprobe configuration and restart it.";
-  Emit(41, s);
-}
-
-void LogResultsCached(OmScalar<int> a1, OmScalar<int> a2, OmScalar<int> a3, OmScalar<int> a4, OmScalar<int> a5) {
-  if (!Wanted(42)) return;
-  OmOSStream s;
-  s << "The following results have just been cached: idle=" << a1 << ", swap=" << a2 << ", \nphysmemfree=" << a3 << ", swappedin=" << a4 << ", swappedout=" << a5 << ".";
-  Emit(42, s);
-}
-
-void LogSpeedRecalculated(OmScalar<int> a1, OmScalar<int> a2, OmScalar<int> a3) {
-  if (!Wanted(43)) return;
-  OmOSStream s;
-  s << "The processor speed estimate was recalculated after a tool run ending at idle " << a1 << ": estimate " << a2 << ", reported " << a3 << ".";
-  Emit(43, s);
-}
+void LogPropsNotFound(const OmUniString& a1) { Log(0, a1); }
+void LogPathNonExistant(const OmUniString& a1, const OmUniString& a2, const OmUniString& a3) { Log(1, a1, a2, a3); }
+void LogPathNotDirectory(const OmUniString& a1, const OmUniString& a2, const OmUniString& a3) { Log(2, a1, a2, a3); }
+void LogScalarAttrNonExistant(const OmUniString& a1, OmScalar<int> a2) { Log(3, a1, a2); }
+void LogStringAttrNonExistant(const OmUniString& a1, const OmUniString& a2) { Log(4, a1, a2); }
+void LogScalarAttrBadValue(const OmUniString& a1, OmScalar<int> a2, OmScalar<int> a3) { Log(5, a1, a2, a3); }
+void LogStarted() { Log(6); }
+void LogStopped(OmScalar<int> a1) { Log(7, a1); }
+void LogExitSignal(const OmUniString& a1) { Log(8, a1); }
+void LogBufferFail(OmScalar<int> a1) { Log(9, a1); }
+void LogForkFail(OmScalar<int> a1) { Log(10, a1); }
+void LogToolFail(OmScalar<int> a1) { Log(11, a1); }
+void LogWrongChild(OmScalar<int> a1, OmScalar<int> a2) { Log(12, a1, a2); }
+void LogPipeFail(OmScalar<int> a1, OmScalar<int> a2) { Log(13, a1, a2); }
+void LogReadPipeLimitFail(OmScalar<int> a1) { Log(14, a1); }
+void LogFilterNotRecognised(const OmUniString& a1) { Log(15, a1); }
+void LogDataNotRecognised(const OmUniString& a1, const OmUniString& a2) { Log(16, a1, a2); }
+void LogVMemOutOfRange(OmScalar<int> a1, OmScalar<int> a2) { Log(17, a1, a2); }
+void LogPhysMemOutOfRange(OmScalar<int> a1, OmScalar<int> a2) { Log(18, a1, a2); }
+void LogReOpenLogFail(const OmUniString& a1) { Log(19, a1); }
+void LogAttributeLookupFail(const OmUniString& a1) { Log(20, a1); }
+void LogAddressLookupFail(const OmUniString& a1, OmScalar<unsigned int> a2) { Log(21, a1, a2); }
+void LogHostTimedOut(const OmUniString& a1, OmScalar<unsigned int> a2) { Log(22, a1, a2); }
+void LogHostListLen(const OmUniString& a1, OmScalar<unsigned int> a2) { Log(23, a1, a2); }
+void LogCacheEmpty(const OmUniString& a1) { Log(24, a1); }
+void LogAcceptFail(const OmUniString& a1) { Log(25, a1); }
+void LogRemoteAddressFail() { Log(26); }
+void LogNewConnection(const OmUniString& a1) { Log(27, a1); }
+void LogBindFailed(OmScalar<unsigned int> a1, const OmUniString& a2) { Log(28, a1, a2); }
+void LogListenFailed(OmScalar<unsigned int> a1, const OmUniString& a2) { Log(29, a1, a2); }
+void LogBadCommand(OmScalar<unsigned int> a1, const OmUniString& a2) { Log(30, a1, a2); }
+void LogResponderBindFailed(const OmUniString& a1) { Log(31, a1); }
+void LogLoadPacketSent(const OmUniString& a1, const OmUniString& a2) { Log(32, a1, a2); }
+void LogLoadSent(OmScalar<unsigned int> a1, const OmUniString& a2) { Log(33, a1, a2); }
+void LogLoadPacketFail(const OmUniString& a1, const OmUniString& a2, const OmUniString& a3, OmScalar<unsigned int> a4) { Log(34, a1, a2, a3, a4); }
+void LogCommandMissing() { Log(35); }
+void LogSyntaxError(const OmUniString& a1, OmScalar<int> a2, const OmUniString& a3) { Log(36, a1, a2, a3); }
+void LogCommandText(const OmUniString& a1) { Log(37, a1); }
+void LogResponseText(const OmUniString& a1) { Log(38, a1); }
+void LogAttribSetFail(const OmUniString& a1, const OmUniString& a2) { Log(39, a1, a2); }
+void LogAttribSetSuccess(const OmUniString& a1, const OmUniString& a2) { Log(40, a1, a2); }
+void LogAttribGetFail(const OmUniString& a1) { Log(41, a1); }
+void LogResultsCached(OmScalar<int> a1, OmScalar<int> a2, OmScalar<int> a3, OmScalar<int> a4, OmScalar<int> a5) { Log(42, a1, a2, a3, a4, a5); }
+void LogSpeedRecalculated(OmScalar<int> a1, OmScalar<int> a2, OmScalar<int> a3) { Log(43, a1, a2, a3); }

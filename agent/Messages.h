@@ -4,9 +4,18 @@
 #include "foundation/string/OmOSStream.h"
 #include "foundation/string/OmUniString.h"
 
-// The probe's message catalogue: one function per message. Each builds its
-// text only when the log library wants the message, then hands it over by
-// number; the number selects the category in MyLogger's table.
+// The probe's message catalogue: one row per message, and one function per
+// message that logs its row. The number is what the log library is handed;
+// MyLogger's category table is read from the same rows.
+struct MessageEntry {
+  unsigned number;
+  const char* category;  // "quelmloadprobe/<area>/<severity>"
+  const char* format;    // {1}, {2}, ... stand for the arguments in order
+};
+
+inline constexpr unsigned kMessageCount = 44;
+extern const MessageEntry kMessageCatalogue[kMessageCount];
+
 void LogPropsNotFound(const OmUniString& a1);
 void LogPathNonExistant(const OmUniString& a1, const OmUniString& a2, const OmUniString& a3);
 void LogPathNotDirectory(const OmUniString& a1, const OmUniString& a2, const OmUniString& a3);

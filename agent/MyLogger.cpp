@@ -1,58 +1,18 @@
 #include "agent/MyLogger.h"
 
-namespace {
+#include <array>
 
-// Indexed by message number; the empty entries end the table.
-const char* const kCategories[] = {
-    "quelmloadprobe/initialize/error",
-    "quelmloadprobe/initialize/error",
-    "quelmloadprobe/initialize/error",
-    "quelmloadprobe/initialize/error",
-    "quelmloadprobe/initialize/error",
-    "quelmloadprobe/initialize/error",
-    "quelmloadprobe/process/info",
-    "quelmloadprobe/process/info",
-    "quelmloadprobe/process/info",
-    "quelmloadprobe/child/fatalerror",
-    "quelmloadprobe/child/fatalerror",
-    "quelmloadprobe/child/fatalerror",
-    "quelmloadprobe/child/info",
-    "quelmloadprobe/child/error",
-    "quelmloadprobe/child/info",
-    "quelmloadprobe/child/fatalerror",
-    "quelmloadprobe/child/error",
-    "quelmloadprobe/child/error",
-    "quelmloadprobe/child/error",
-    "quelmloadprobe/log/error",
-    "quelmloadprobe/attribute/error",
-    "quelmloadprobe/host/error",
-    "quelmloadprobe/host/info",
-    "quelmloadprobe/host/moreinfo",
-    "quelmloadprobe/host/error",
-    "quelmloadprobe/listener/error",
-    "quelmloadprobe/listener/error",
-    "quelmloadprobe/listener/info",
-    "quelmloadprobe/listener/fatalerror",
-    "quelmloadprobe/listener/fatalerror",
-    "quelmloadprobe/listener/error",
-    "quelmloadprobe/responder/fatalerror",
-    "quelmloadprobe/responder/moreinfo",
-    "quelmloadprobe/responder/info",
-    "quelmloadprobe/responder/error",
-    "quelmloadprobe/command/error",
-    "quelmloadprobe/command/error",
-    "quelmloadprobe/command/info",
-    "quelmloadprobe/command/info",
-    "quelmloadprobe/set_attribute/error",
-    "quelmloadprobe/set_attribute/moreinfo",
-    "quelmloadprobe/get_attribute/error",
-    "quelmloadprobe/results/moreinfo",
-    "quelmloadprobe/results/info",
-    "",
-    "",
-    nullptr,
-};
+#include "agent/Messages.h"
 
-}  // namespace
-
-const char* const* MyLogger::MessageStrings() const { return kCategories; }
+const char* const* MyLogger::MessageStrings() const {
+  // Indexed by message number; the empty entries and the null end the table.
+  static const auto table = [] {
+    std::array<const char*, kMessageCount + 3> t{};
+    for (unsigned n = 0; n < kMessageCount; ++n) t[n] = kMessageCatalogue[n].category;
+    t[kMessageCount] = "";
+    t[kMessageCount + 1] = "";
+    t[kMessageCount + 2] = nullptr;
+    return t;
+  }();
+  return table.data();
+}

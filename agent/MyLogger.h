@@ -6,7 +6,6 @@
 // The probe's logger: supplies the category of every catalogued message.
 class MyLogger : public OmLog {
  public:
-  static constexpr unsigned kMessageCount = 44;
   const char* const* MessageStrings() const override;
 };
 

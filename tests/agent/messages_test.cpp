@@ -328,8 +328,8 @@ class MessagesTest : public ::testing::Test {
 };
 
 TEST_F(MessagesTest, TableCoversTheCatalogue) {
-  ASSERT_EQ(kCount, MyLogger::kMessageCount);
-  EXPECT_EQ(logger_.NumLogs(), MyLogger::kMessageCount);
+  ASSERT_EQ(kCount, kMessageCount);
+  EXPECT_EQ(logger_.NumLogs(), kMessageCount);
   for (unsigned n = 0; n < kCount; ++n) {
     EXPECT_EQ(kCases[n].number, n);
     EXPECT_STREQ(logger_.MessageStrings()[n], kCases[n].category) << "message " << n;
