@@ -6,204 +6,135 @@
 #include "foundation/string/OmFile.h"
 
 const OmUniString Bootstrap::bootstrapFile("/quelmloadbalancing.properties");
-const OmUniString Bootstrap::attrPort("varosa.config.quelmloadbalancing.port");
-const OmUniString Bootstrap::attrFilter("varosa.config.quelmloadbalancing.filter");
-const OmUniString Bootstrap::attrProbePath("varosa.config.quelmloadbalancing.probepath");
-const OmUniString Bootstrap::attrLogDirectory("varosa.config.quelmloadbalancing.logdirectory");
-const OmUniString Bootstrap::attrPidDirectory("varosa.config.quelmloadbalancing.piddirectory");
-const OmUniString Bootstrap::attrWindowSize("varosa.config.quelmloadbalancing.windowsize");
-const OmUniString Bootstrap::attrSampleRate("varosa.config.quelmloadbalancing.samplerate");
-const OmUniString Bootstrap::attrHostLifeTime("varosa.config.quelmloadbalancing.hostlifetime");
-const OmUniString Bootstrap::attrMinCacheSize("varosa.config.quelmloadbalancing.mincachesize");
-const OmUniString Bootstrap::attrLogFilter("varosa.config.quelmloadbalancing.logfilter");
-const OmUniString Bootstrap::attrMaxVirtualMemory(
-    "varosa.config.quelmloadbalancing.maxvirtualmemory");
-const OmUniString Bootstrap::attrMaxPhysMemory("varosa.config.quelmloadbalancing.maxphysicalmemory");
-const OmUniString Bootstrap::attrMultiProcessorFactor(
-    "varosa.config.quelmloadbalancing.multiprocessorfactor");
-const OmUniString Bootstrap::DEFAULT_FILTER("vmstatFilter");
-const OmUniString Bootstrap::DEFAULT_PROBEPATH("/usr/bin/vmstat -n");
-const OmUniString Bootstrap::DEFAULT_LOGDIR("/tmp");
-// Every message to the .log file, errors also to the .csl file, fatal errors
-// also to standard error (the console sink).
-const OmUniString Bootstrap::DEFAULT_LOGFILTER(
-    "*/*/*:quelmloadprobe%%PID%%_error.log,"
-    "*/*/*error:quelmloadprobe%%PID%%_error.csl,"
-    "*/*/fatalerror:.../_beans/quelm.log.ConsoleSink");
+const OmUniString Bootstrap::attrPort(kSettingKeys[kPort].name);
+const OmUniString Bootstrap::attrFilter(kSettingKeys[kFilter].name);
+const OmUniString Bootstrap::attrProbePath(kSettingKeys[kProbePath].name);
+const OmUniString Bootstrap::attrLogDirectory(kSettingKeys[kLogDirectory].name);
+const OmUniString Bootstrap::attrPidDirectory(kSettingKeys[kPidDirectory].name);
+const OmUniString Bootstrap::attrWindowSize(kSettingKeys[kWindowSize].name);
+const OmUniString Bootstrap::attrSampleRate(kSettingKeys[kSampleRate].name);
+const OmUniString Bootstrap::attrHostLifeTime(kSettingKeys[kHostLifeTime].name);
+const OmUniString Bootstrap::attrMinCacheSize(kSettingKeys[kMinCacheSize].name);
+const OmUniString Bootstrap::attrLogFilter(kSettingKeys[kLogFilter].name);
+const OmUniString Bootstrap::attrMaxVirtualMemory(kSettingKeys[kMaxVirtualMemory].name);
+const OmUniString Bootstrap::attrMaxPhysMemory(kSettingKeys[kMaxPhysMemory].name);
+const OmUniString Bootstrap::attrMultiProcessorFactor(kSettingKeys[kMultiProcessorFactor].name);
+const OmUniString Bootstrap::DEFAULT_FILTER(kSettingKeys[kFilter].defaultText);
+const OmUniString Bootstrap::DEFAULT_PROBEPATH(kSettingKeys[kProbePath].defaultText);
+const OmUniString Bootstrap::DEFAULT_LOGDIR(kSettingKeys[kLogDirectory].defaultText);
+const OmUniString Bootstrap::DEFAULT_LOGFILTER(kSettingKeys[kLogFilter].defaultText);
 
 namespace {
 
-constexpr uint32_t kDefaultPort = 3579;
-constexpr uint32_t kDefaultWindowSize = 120;
-constexpr uint32_t kDefaultSampleRate = 30;
-constexpr uint32_t kDefaultHostLifeTime = 86400;
-constexpr uint32_t kDefaultMinCacheSize = 10;
-constexpr uint32_t kDefaultMaxVirtualMemory = 768;  // MiB
-constexpr uint32_t kDefaultMaxPhysMemory = 256;     // MiB
-constexpr uint32_t kDefaultMultiProcessorFactor = 80;
-
 bool isDirectory(const OmUniString& path) { return OmFile::IsDirectory(path.AsUtf8().c_str()); }
+
+OmUniString keyName(SettingId id) { return OmUniString(kSettingKeys[id].name); }
 
 }  // namespace
 
 Bootstrap::Bootstrap(const OmUniString& dir, unsigned procs)
     : directory(dir), processors(static_cast<int32_t>(procs)) {
-  if (directory.IsEmpty()) {
-    // Nothing to load; the rest of start-up still needs defined values.
-    setDefaults();
-    return;
-  }
+  // Without a directory nothing is loaded and the defaults stand.
+  if (directory.IsEmpty()) return;
 
   const OmUniString path = directory + bootstrapFile;
   if (!props.Load(path)) {
-    setDefaults();
-    bootLogger = new Logging(DEFAULT_LOGDIR, DEFAULT_LOGFILTER);
+    bootLogger = new Logging(values.logDirectory, values.logFilter);
     LogPropsNotFound(path);
     return;
   }
 
   // The log set-up needs the log directory and filter first; complaints about
   // them are reported once it exists.
-  const OmUniString* logDir = props.Get(attrLogDirectory);
-  const bool logDirMissing = logDir == nullptr;
-  logDirectory = logDirMissing ? &DEFAULT_LOGDIR : logDir;
+  const OmUniString* logDir = props.Get(keyName(kLogDirectory));
   const OmUniString* badLogDir = nullptr;
-  if (!isDirectory(*logDirectory)) {
-    badLogDir = logDirectory;
-    logDirectory = &DEFAULT_LOGDIR;
+  if (logDir != nullptr) {
+    if (isDirectory(*logDir)) {
+      values.logDirectory = *logDir;
+    } else {
+      badLogDir = logDir;
+    }
   }
-  const OmUniString* filterText = props.Get(attrLogFilter);
-  logFilter = filterText != nullptr ? filterText : &DEFAULT_LOGFILTER;
+  const OmUniString* filterText = props.Get(keyName(kLogFilter));
+  if (filterText != nullptr) values.logFilter = *filterText;
 
-  bootLogger = new Logging(*logDirectory, *logFilter);
+  bootLogger = new Logging(values.logDirectory, values.logFilter);
 
-  if (logDirMissing) LogStringAttrNonExistant(attrLogDirectory, DEFAULT_LOGDIR);
-  if (badLogDir != nullptr) LogPathNotDirectory(*badLogDir, DEFAULT_LOGDIR, attrLogDirectory);
-  if (filterText == nullptr) LogStringAttrNonExistant(attrLogFilter, DEFAULT_LOGFILTER);
+  const OmUniString defaultDir(kSettingKeys[kLogDirectory].defaultText);
+  if (logDir == nullptr) LogStringAttrNonExistant(keyName(kLogDirectory), defaultDir);
+  if (badLogDir != nullptr) LogPathNotDirectory(*badLogDir, defaultDir, keyName(kLogDirectory));
+  if (filterText == nullptr) LogStringAttrNonExistant(keyName(kLogFilter), values.logFilter);
 
-  port = GetUint(attrPort, kDefaultPort);
-  windowSize = GetUint(attrWindowSize, kDefaultWindowSize);
-  sampleRate = GetUint(attrSampleRate, kDefaultSampleRate);
-  hostLifeTime = GetUint(attrHostLifeTime, kDefaultHostLifeTime);
-  minCacheSize = GetUint(attrMinCacheSize, kDefaultMinCacheSize);
+  for (SettingId id : {kPort, kWindowSize, kSampleRate, kHostLifeTime, kMinCacheSize}) {
+    kSettingKeys[id].set(values, GetUint(id));
+  }
+  values.filter = GetString(kFilter);
 
-  filter = &GetString(attrFilter, DEFAULT_FILTER);
-
-  probePath = &GetString(attrProbePath, DEFAULT_PROBEPATH);
-  const long space = probePath->Search(' ');
-  const OmUniString program = space < 0 ? *probePath : probePath->SubString(0, space);
-  if (!OmFile::DoesPathExist(program.AsUtf8().c_str())) {
-    LogPathNonExistant(program, DEFAULT_PROBEPATH, attrProbePath);
-    probePath = &DEFAULT_PROBEPATH;
+  const OmUniString probePath = GetString(kProbePath);
+  const long space = probePath.Search(' ');
+  const OmUniString program = space < 0 ? probePath : probePath.SubString(0, space);
+  if (OmFile::DoesPathExist(program.AsUtf8().c_str())) {
+    values.probePath = probePath;
+  } else {
+    LogPathNonExistant(program, values.probePath, keyName(kProbePath));
   }
 
   // Unlike the log directory, a bad pid directory is kept: the pid file then
   // simply fails to be written.
-  pidDirectory = &GetString(attrPidDirectory, DEFAULT_LOGDIR);
-  if (!isDirectory(*pidDirectory)) {
-    LogPathNotDirectory(*pidDirectory, DEFAULT_LOGDIR, attrPidDirectory);
+  values.pidDirectory = GetString(kPidDirectory);
+  if (!isDirectory(values.pidDirectory)) {
+    LogPathNotDirectory(values.pidDirectory, defaultDir, keyName(kPidDirectory));
   }
 
-  maxVirtualMemory = GetUint(attrMaxVirtualMemory, kDefaultMaxVirtualMemory) << 10;
-  maxPhysMemory = GetUint(attrMaxPhysMemory, kDefaultMaxPhysMemory) << 10;
-  multiProcessorFactor = GetUint(attrMultiProcessorFactor, kDefaultMultiProcessorFactor);
-
-  checkSampleRateAndWindowSize(sampleRate, windowSize);
+  for (SettingId id : {kMaxVirtualMemory, kMaxPhysMemory, kMultiProcessorFactor}) {
+    kSettingKeys[id].set(values, GetUint(id));
+  }
+  Settings::applySampleRateRule(values.sampleRate, values.windowSize);
 }
 
-Bootstrap::~Bootstrap() = default;
-
-void Bootstrap::setDefaults() {
-  port = kDefaultPort;
-  filter = &DEFAULT_FILTER;
-  probePath = &DEFAULT_PROBEPATH;
-  logDirectory = &DEFAULT_LOGDIR;
-  pidDirectory = &DEFAULT_LOGDIR;
-  windowSize = kDefaultWindowSize;
-  sampleRate = kDefaultSampleRate;
-  minCacheSize = kDefaultMinCacheSize;
-  hostLifeTime = kDefaultHostLifeTime;
-  maxVirtualMemory = kDefaultMaxVirtualMemory << 10;
-  maxPhysMemory = kDefaultMaxPhysMemory << 10;
-  multiProcessorFactor = kDefaultMultiProcessorFactor;
-  logFilter = &DEFAULT_LOGFILTER;
-}
-
-uint32_t Bootstrap::GetUint(const OmUniString& key, uint32_t def) {
-  const OmUniString* text = props.Get(key);
+uint32_t Bootstrap::GetUint(SettingId id) {
+  const SettingKey& key = kSettingKeys[id];
+  const OmUniString* text = props.Get(keyName(id));
   if (text == nullptr) {
-    LogScalarAttrNonExistant(key, static_cast<int>(def));
-    return def;
+    LogScalarAttrNonExistant(keyName(id), static_cast<int>(key.defaultNumber));
+    return key.defaultNumber;
   }
   const uint32_t value = text->AsUint32();
   if (value == 0) {
-    LogScalarAttrBadValue(key, 0, static_cast<int>(def));
-    return def;
+    LogScalarAttrBadValue(keyName(id), 0, static_cast<int>(key.defaultNumber));
+    return key.defaultNumber;
   }
   return value;
 }
 
-const OmUniString& Bootstrap::GetString(const OmUniString& key, const OmUniString& def) {
-  const OmUniString* text = props.Get(key);
-  if (text == nullptr) {
-    LogStringAttrNonExistant(key, def);
-    return def;
-  }
-  return *text;
-}
-
-void Bootstrap::checkSampleRateAndWindowSize(uint32_t& rate, uint32_t& window) {
-  if (rate < 5) {
-    if (window == 0) {
-      window = 3;
-      rate = 5;
-      return;
-    }
-    rate = 5;
-  } else if (window == 0) {
-    window = 1;
-  }
-  if (window * rate < 15) {
-    window = 3;
-    rate = 5;
-  }
+OmUniString Bootstrap::GetString(SettingId id) {
+  const OmUniString* text = props.Get(keyName(id));
+  if (text != nullptr) return *text;
+  const OmUniString def(kSettingKeys[id].defaultText);
+  LogStringAttrNonExistant(keyName(id), def);
+  return def;
 }
 
 bool Bootstrap::setSampleRateAndWindowSize(uint32_t rate, uint32_t window) {
-  checkSampleRateAndWindowSize(rate, window);
-  sampleRate = rate;
-  windowSize = window;
+  Settings::applySampleRateRule(rate, window);
+  values.sampleRate = rate;
+  values.windowSize = window;
   return true;
 }
 
 bool Bootstrap::setPort(unsigned p) {
-  port = p;
+  values.port = p;
   return true;
 }
 
 bool Bootstrap::setConfig() {
-  auto putNumber = [this](const OmUniString& key, uint32_t value) {
-    props.Put(key, OmUniString::CreateFromUnsigned(value));
-  };
-  // The string fields may point into props itself: copy before replacing, then
-  // point them at the new entries.
-  auto putString = [this](const OmUniString& key, const OmUniString*& field) {
-    const OmUniString value = *field;
-    props.Put(key, value);
-    field = props.Get(key);
-  };
-  putNumber(attrPort, port);
-  putNumber(attrWindowSize, windowSize);
-  putNumber(attrSampleRate, sampleRate);
-  putNumber(attrHostLifeTime, hostLifeTime);
-  putNumber(attrMinCacheSize, minCacheSize);
-  putString(attrFilter, filter);
-  putString(attrProbePath, probePath);
-  putString(attrLogDirectory, logDirectory);
-  putString(attrPidDirectory, pidDirectory);
-  putString(attrLogFilter, logFilter);
-  putNumber(attrMaxVirtualMemory, maxVirtualMemory >> 10);
-  putNumber(attrMaxPhysMemory, maxPhysMemory >> 10);
-  putNumber(attrMultiProcessorFactor, multiProcessorFactor);
+  for (const SettingKey& key : kSettingKeys) {
+    const OmUniString name(key.name);
+    if (key.number != nullptr) {
+      props.Put(name, OmUniString::CreateFromUnsigned(key.fileValue(values)));
+    } else {
+      props.Put(name, values.*key.text);
+    }
+  }
   return props.Save(directory + bootstrapFile, "Written by quelmloadprobe");
 }

@@ -1,5 +1,8 @@
 #include "agent/Globals.h"
 
+#include <cstdlib>
+
+#include "agent/Messages.h"
 #include "agent/MyLogger.h"
 #include "foundation/event/OmEventLoop.h"
 #include "foundation/process/OmUnixProcess.h"
@@ -10,6 +13,7 @@ OmUnixProcess pr;
 OmEventLoop eventloop(&pr);
 MyLogger mylog;
 
+const Settings* mySettings = nullptr;
 Bootstrap* myBootstrap = nullptr;
 Bogomips* myBogomips = nullptr;
 Cache* myCache = nullptr;
@@ -19,3 +23,19 @@ ChildManager* myChildManager = nullptr;
 Listener* myListener = nullptr;
 PidFile* myPidFile = nullptr;
 Logging* bootLogger = nullptr;
+
+namespace {
+
+// The single instances belong to the layers above this one, so the routine
+// that destroys them is theirs to install.
+void (*g_teardown)() = [] {};
+
+}  // namespace
+
+void setTeardown(void (*teardown)()) { g_teardown = teardown; }
+
+void processExit(int status) {
+  g_teardown();
+  LogStopped(status);
+  std::exit(status);
+}

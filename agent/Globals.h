@@ -1,8 +1,10 @@
 #ifndef QUELM_AGENT_GLOBALS_H_
 #define QUELM_AGENT_GLOBALS_H_
 
-// The agent's process-wide objects. The single instances are created by
-// start-up in a fixed order and stay null until then.
+// The agent's process-wide objects, reachable from every layer. The single
+// instances are created by start-up in a fixed order and stay null until
+// then; a test creates the ones the code under test uses.
+struct Settings;
 class Bootstrap;
 class Bogomips;
 class Cache;
@@ -18,6 +20,7 @@ class OmEventLoop;
 extern OmUnixProcess pr;
 extern OmEventLoop eventloop;
 
+extern const Settings* mySettings;  // myBootstrap's settings
 extern Bootstrap* myBootstrap;
 extern Bogomips* myBogomips;
 extern Cache* myCache;
@@ -28,7 +31,9 @@ extern Listener* myListener;
 extern PidFile* myPidFile;
 extern Logging* bootLogger;
 
-// Tears the agent down in its fixed order, logs the stop and exits with status.
+// Tears the agent down (the routine start-up installed), logs the stop and
+// exits with status.
 [[noreturn]] void processExit(int status);
+void setTeardown(void (*teardown)());
 
 #endif  // QUELM_AGENT_GLOBALS_H_

@@ -6,6 +6,8 @@
 #include "agent/Globals.h"
 #include "agent/Messages.h"
 #include "agent/PidFile.h"
+#include "agent/ProcessExit.h"
+#include "agent/Settings.h"
 #include "command/Listener.h"
 #include "foundation/event/OmEventLoop.h"
 #include "foundation/process/OmUnixProcess.h"
@@ -39,19 +41,21 @@ int probeMain(int argc, char** argv) {
   const OmUniString processorText = argc > 2 ? OmUniString::FromUtf8(argv[2]) : OmUniString("1");
   const unsigned processors = processorText.AsUint32();
 
+  setTeardown(&destroySingleInstances);
   myBootstrap = new Bootstrap(directory, processors);
+  mySettings = &myBootstrap->settings();
+  const Settings& settings = *mySettings;
   LogStarted();
 
-  myBogomips = new Bogomips(myBootstrap->getProcessors(), myBootstrap->getMultiProcessorFactor());
-  myCache = new Cache(myBootstrap->getMinCacheSize(), myBootstrap->getMaxVirtualMemory(),
-                      myBootstrap->getMaxPhysMemory());
+  myBogomips = new Bogomips(myBootstrap->getProcessors(), settings.multiProcessorFactor);
+  myCache = new Cache(settings.minCacheSize, settings.maxVirtualMemory, settings.maxPhysMemory);
   myResponder = new Responder();
-  myFilter = BaseFilter::createFilter(myBootstrap->getFilter(), myBootstrap->getMaxVirtualMemory(),
-                                      myBootstrap->getMaxPhysMemory());
+  myFilter =
+      BaseFilter::createFilter(settings.filter, settings.maxVirtualMemory, settings.maxPhysMemory);
   if (myFilter == nullptr) processExit(4);
   HostListMgr::init(&eventloop);
 
-  myChildManager = new ChildManager(eventloop, myFilter);
+  myChildManager = new ChildManager(eventloop, myFilter, &HostListMgr::percentChangeCheck);
   // Measured again now that the process is set up.
   myBogomips->calculate();
   myChildManager->forkChild();
@@ -59,9 +63,9 @@ int probeMain(int argc, char** argv) {
   // Deliberately no processExit here: nothing has been announced yet, and no
   // pid file exists.
   myListener = new Listener(eventloop);
-  if (!myListener->startListener(static_cast<int>(myBootstrap->getPort()))) return 1;
+  if (!myListener->startListener(static_cast<int>(settings.port))) return 1;
 
-  myPidFile = new PidFile(myBootstrap->getPidDirectory());
+  myPidFile = new PidFile(settings.pidDirectory);
 
   processExit(eventloop.EnterEventLoop());
 }

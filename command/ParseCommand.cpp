@@ -2,15 +2,17 @@
 
 #include <cstdint>
 
-#include "agent/Bootstrap.h"
 #include "agent/Globals.h"
 #include "agent/Messages.h"
+#include "agent/Settings.h"
 #include "command/Quelm_LbsTransmission.h"
 #include "hosts/Host.h"
 #include "hosts/HostListMgr.h"
+#include "hosts/Responder.h"
 #include "measure/Bogomips.h"
 #include "measure/Cache.h"
 #include "measure/ChildManager.h"
+#include "measure/StatsPacket.h"
 
 // Literals only: other classes' constants may not be constructed yet while
 // these are.
@@ -86,10 +88,13 @@ const OmUniString ParseCommand::NOT_IMPLEMENTED("Command not implemented");
 
 namespace {
 
-// The probe's own figures; a missing instance (tests) reads as zero.
-unsigned currentIdle() { return myCache != nullptr ? myCache->getCurrentIdle() : 0; }
-unsigned currentVmemMiB() { return myCache != nullptr ? myCache->getCurrentVmem() / 1024 : 0; }
-long long currentBogo() { return myBogomips != nullptr ? myBogomips->getBogomips() : 0; }
+// The probe's stats record with the entries mask selects: its latest sample.
+void writeCurrentStats(OmOSStream& out, unsigned mask) {
+  StatsPacket current;
+  current.idle = myCache->getCurrentIdle();
+  current.vmem = myCache->getCurrentVmem() / 1024;
+  Responder::writeStats(out, mask, current, myBogomips->getBogomips(), Responder::ReplyEntries);
+}
 
 }  // namespace
 
@@ -202,15 +207,11 @@ bool ParseCommand::checkPortAndSampling(Quelm_LbsTransmission& transmission) {
 OmUniString& ParseCommand::doGetStatus() {
   reply << XMLVERSION << GET_REPLY_START;
   writeVersion();
-  reply << PORT_START << (myBootstrap != nullptr ? myBootstrap->getPort() : 0u) << PORT_END;
-  reply << SAMPLERATE_START << (myChildManager != nullptr ? myChildManager->getSampleRate() : 0u)
-        << SAMPLERATE_END;
-  reply << WINDOWSIZE_START << (myChildManager != nullptr ? myChildManager->getWindowSize() : 0u)
-        << WINDOWSIZE_END;
-  reply << STAT_START << STAT_IDLE_START << currentIdle() << " " << STAT_BOGO_START << currentBogo()
-        << " " << STAT_VMEM_START << currentVmemMiB() << " " << STAT_END;
-  const OmTimeVal sampleTime = myCache != nullptr ? myCache->getTimeOfLastSample() : OmTimeVal();
-  reply << TIME_START << sampleTime.AsRFC1123() << TIME_END;
+  reply << PORT_START << mySettings->port << PORT_END;
+  reply << SAMPLERATE_START << myChildManager->getSampleRate() << SAMPLERATE_END;
+  reply << WINDOWSIZE_START << myChildManager->getWindowSize() << WINDOWSIZE_END;
+  writeCurrentStats(reply, Host::CPU | Host::BOGO | Host::VMEM);
+  reply << TIME_START << myCache->getTimeOfLastSample().AsRFC1123() << TIME_END;
 
   const auto hosts = HostListMgr::getHosts().Snapshot();
   if (hosts.empty()) reply << NO_UPDATES;
@@ -224,11 +225,10 @@ OmUniString& ParseCommand::doGetStatus() {
     reply << SAMPLERATE_START << h->getSampleRate() << SAMPLERATE_END;
     reply << WINDOWSIZE_START << h->getWindowSize() << WINDOWSIZE_END;
     // What was last sent to the host, as sent (memory already in MiB).
-    reply << STAT_START;
-    if ((h->getFlags() & Host::CPU) != 0) reply << STAT_IDLE_START << h->getLastIdle() << " ";
-    if ((h->getFlags() & Host::BOGO) != 0) reply << STAT_BOGO_START << h->getLastBogo() << " ";
-    if ((h->getFlags() & Host::VMEM) != 0) reply << STAT_VMEM_START << h->getLastVmem() << " ";
-    reply << STAT_END;
+    StatsPacket sent;
+    sent.idle = h->getLastIdle();
+    sent.vmem = h->getLastVmem();
+    Responder::writeStats(reply, h->getFlags(), sent, h->getLastBogo(), Responder::ReplyEntries);
     reply << TIME_START << h->getLastSendTime().AsRFC1123() << TIME_END;
     reply << CONNECTION_END;
   }
@@ -253,11 +253,8 @@ OmUniString& ParseCommand::doCreateHost() {
   reply << XMLVERSION << CREATE_REPLY_START;
   writeVersion();
   reply << ID_START << id << ID_END;
-  reply << STAT_START;
-  if ((mask & Host::CPU) != 0) reply << STAT_IDLE_START << currentIdle() << " ";
-  if ((mask & Host::BOGO) != 0) reply << STAT_BOGO_START << currentBogo() << " ";
-  if ((mask & Host::VMEM) != 0) reply << STAT_VMEM_START << currentVmemMiB() << " ";
-  reply << STAT_END << REPLY_END;
+  writeCurrentStats(reply, mask);
+  reply << REPLY_END;
   return finish();
 }
 

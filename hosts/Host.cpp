@@ -7,13 +7,13 @@
 #include <cstring>
 #include <memory>
 
-#include "agent/Bootstrap.h"
 #include "agent/Globals.h"
 #include "agent/Messages.h"
+#include "agent/Settings.h"
 #include "foundation/event/OmEventLoop.h"
 #include "hosts/HostListMgr.h"
 #include "hosts/Responder.h"
-#include "hosts/Settings.h"
+#include "measure/Bogomips.h"
 #include "measure/Cache.h"
 #include "measure/StatsPacket.h"
 
@@ -39,7 +39,7 @@ Host::Host(const OmUniString& hostName, unsigned hostPort, unsigned sampleRateMs
       text(hostText),
       flags(hostFlags),
       sendResultsCallback(this, &Host::sendResultsCB) {
-  Bootstrap::checkSampleRateAndWindowSize(sampleRate, windowSize);
+  Settings::applySampleRateRule(sampleRate, windowSize);
   if (replyFrequency < MIN_REPLY_FREQUENCY) replyFrequency = MIN_REPLY_FREQUENCY;
 
   const OmTimeVal now = OmTimeVal::now();
@@ -59,10 +59,9 @@ Host::Host(const OmUniString& hostName, unsigned hostPort, unsigned sampleRateMs
   std::memcpy(&first, entry->h_addr_list[0], sizeof first);
   address = OmInetAddr(first, port);
 
-  loop = HostListMgr::eventloop;
-  if (loop == nullptr) return;  // no loop to carry the send timer
+  loop = HostListMgr::getEventLoop();
   nextSendTime = now.PlusSeconds(replyFrequency);
-  expiryTime = now.PlusSeconds(hostsettings::hostLifeTime());
+  expiryTime = now.PlusSeconds(mySettings->hostLifeTime);
   armTimer();
   valid = timerArmed;
 }
@@ -70,15 +69,14 @@ Host::Host(const OmUniString& hostName, unsigned hostPort, unsigned sampleRateMs
 Host::~Host() {
   // The loop would otherwise fire the timer into a destroyed host; it tells
   // the callback of the withdrawal, which the callback ignores.
-  if (timerArmed && loop != nullptr) loop->RemoveTimeoutEvent(nextSendTime, &sendResultsCallback);
+  if (timerArmed) loop->RemoveTimeoutEvent(nextSendTime, &sendResultsCallback);
 }
 
 void Host::armTimer() {
-  timerArmed = loop != nullptr && loop->AddTimeoutEvent(nextSendTime, &sendResultsCallback);
+  timerArmed = loop->AddTimeoutEvent(nextSendTime, &sendResultsCallback);
 }
 
 bool Host::send(StatsPacket* stats) {
-  if (myResponder == nullptr) return false;
   if (myResponder->sendLoadPacket(0, text, id, stats, flags, address, name) !=
       OmStatus::Success) {
     return false;  // the last values stay as they were
@@ -86,7 +84,7 @@ bool Host::send(StatsPacket* stats) {
   lastIdle = stats->idle;
   lastVmem = stats->vmem;
   lastPmem = stats->pmem;
-  lastBogo = static_cast<unsigned>(hostsettings::bogomips());
+  lastBogo = static_cast<unsigned>(myBogomips->getBogomips());
   lastSendTime = OmTimeVal::now();
   return true;
 }
@@ -99,8 +97,7 @@ void Host::sendResultsCB(OmEventCallback*, OmEvent::cbdispatch reason) {
   if (reason != OmEvent::fired) return;
   timerArmed = false;  // the loop has already dropped the entry
 
-  std::unique_ptr<StatsPacket> average;
-  if (myCache != nullptr) average = myCache->getAverageOfNIdleValues(cacheEntries);
+  const std::unique_ptr<StatsPacket> average = myCache->getAverageOfNIdleValues(cacheEntries);
   if (average == nullptr) {
     LogCacheEmpty(name);
   } else {
@@ -112,8 +109,7 @@ void Host::sendResultsCB(OmEventCallback*, OmEvent::cbdispatch reason) {
 }
 
 void Host::percentChange(unsigned idle) {
-  std::unique_ptr<StatsPacket> average;
-  if (myCache != nullptr) average = myCache->getAverageOfNIdleValues(cacheEntries);
+  const std::unique_ptr<StatsPacket> average = myCache->getAverageOfNIdleValues(cacheEntries);
   if (average == nullptr) {
     LogCacheEmpty(name);
     return;
@@ -126,7 +122,7 @@ void Host::percentChange(unsigned idle) {
   }
   if (!fire && (flags & VMEM)) {
     // MiB against a maximum in KiB: the scale of the test is deliberate.
-    const uint32_t maxVirtual = hostsettings::maxVirtualMemory();
+    const uint32_t maxVirtual = mySettings->maxVirtualMemory;
     if (maxVirtual != 0) {
       const int64_t p = signedDistance(lastVmem, average->vmem) * 100 / maxVirtual;
       fire = p >= percentChangeThreshold;

@@ -5,10 +5,10 @@
 
 #include "agent/Globals.h"
 #include "agent/Messages.h"
+#include "agent/Settings.h"
 #include "foundation/event/OmEventLoop.h"
 #include "foundation/string/OmTimeVal.h"
 #include "hosts/Host.h"
-#include "hosts/Settings.h"
 #include "measure/Cache.h"
 #include "measure/ChildManager.h"
 
@@ -32,9 +32,7 @@ unsigned roundedRatio(double numerator, unsigned denominator) {
 
 void HostListMgr::init(OmEventLoop* loop) {
   eventloop = loop;
-  if (eventloop != nullptr) {
-    eventloop->AddTimeoutEvent(OmTimeVal::now().PlusSeconds(CHECK_INTERVAL), &regularTimeoutcb);
-  }
+  eventloop->AddTimeoutEvent(OmTimeVal::now().PlusSeconds(CHECK_INTERVAL), &regularTimeoutcb);
 }
 
 void HostListMgr::regularTimeoutCB(OmEventCallback*, OmEvent::cbdispatch reason) {
@@ -56,9 +54,7 @@ void HostListMgr::regularTimeoutCB(OmEventCallback*, OmEvent::cbdispatch reason)
   LogHostListLen(OmUniString("Host timeout check"), static_cast<unsigned>(HostList.Length()));
   if (removed) setLoadToolParameters();
 
-  if (eventloop != nullptr) {
-    eventloop->AddTimeoutEvent(OmTimeVal::now().PlusSeconds(CHECK_INTERVAL), &regularTimeoutcb);
-  }
+  eventloop->AddTimeoutEvent(OmTimeVal::now().PlusSeconds(CHECK_INTERVAL), &regularTimeoutcb);
 }
 
 Host* HostListMgr::addHost(const OmUniString& name, unsigned port, unsigned sampleRateMs,
@@ -109,16 +105,16 @@ void HostListMgr::percentChangeCheck(unsigned idle) {
 }
 
 void HostListMgr::setLoadToolParameters() {
-  unsigned rate = hostsettings::sampleRate();
-  const double span = static_cast<double>(rate) * hostsettings::windowSize();
+  unsigned rate = mySettings->sampleRate;
+  const double span = static_cast<double>(rate) * mySettings->windowSize;
   for (const Host* host : HostList) rate = std::min(rate, host->getSampleRate());
   if (rate == 0) return;  // the sample-rate rule keeps every rate at 5 or more
 
   const unsigned window = roundedRatio(span, rate);
-  if (myChildManager != nullptr) myChildManager->setSampleRateAndWindowSize(rate, window);
+  myChildManager->setSampleRateAndWindowSize(rate, window);
 
   if (HostList.IsEmpty()) {
-    if (myCache != nullptr) myCache->setCacheSize(kMinCacheEntries);
+    myCache->setCacheSize(kMinCacheEntries);
     return;
   }
 
@@ -133,7 +129,7 @@ void HostListMgr::setLoadToolParameters() {
     }
     host->setCacheEntries(entries);
   }
-  if (myCache != nullptr) myCache->setCacheSize(largest);
+  myCache->setCacheSize(largest);
 }
 
 void HostListMgr::clear() {

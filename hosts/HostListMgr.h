@@ -21,13 +21,17 @@ class HostListMgr {
   static bool removeHost(unsigned id);
   static void percentChangeCheck(unsigned idle);
   static void setLoadToolParameters();
+  // The hourly expiry check.
   static void regularTimeoutCB(OmEventCallback* cb, OmEvent::cbdispatch reason);
-  // Destroys every host without logging or retuning anything (tests).
+  // Destroys every host without logging or retuning anything: a test's or a
+  // fuzzer's fresh start.
   static void clear();
 
   static const OmIList<Host>& getHosts() { return HostList; }
+  // The loop that carries the hosts' send timers.
   static OmEventLoop* getEventLoop() { return eventloop; }
 
+ private:
   // Owned hosts, in insertion order.
   static OmIList<Host> HostList;
   static OmEventLoop* eventloop;

@@ -1,32 +1,33 @@
 #include "hosts/Responder.h"
 
+#include "agent/Globals.h"
 #include "agent/Messages.h"
+#include "agent/Settings.h"
 #include "foundation/net/OmSocketAddress.h"
 #include "foundation/string/OmByteBuffer.h"
 #include "foundation/string/OmTimeVal.h"
 #include "hosts/Host.h"
-#include "hosts/Settings.h"
+#include "measure/Bogomips.h"
 #include "measure/StatsPacket.h"
 
 Responder::Responder() {
-  bound = socket.Bind(OmSocketAddress(OmInetAddr()), OmSocket::Datagram, false, 0, false);
-  if (!bound) LogResponderBindFailed(socket.LastError().Reason());
+  if (!socket.Bind(OmSocketAddress(OmInetAddr()), OmSocket::Datagram, false, 0, false)) {
+    LogResponderBindFailed(socket.LastError().Reason());
+  }
 }
 
-void Responder::writeStats(OmOSStream& out, const StatsPacket& stats, unsigned flags) {
-  writeStats(out, stats, flags, hostsettings::bogomips(), hostsettings::maxVirtualMemory(),
-             hostsettings::maxPhysMemory());
-}
-
-void Responder::writeStats(OmOSStream& out, const StatsPacket& stats, unsigned flags,
-                           int64_t bogomips, uint32_t maxVirtualMemory, uint32_t maxPhysMemory) {
+void Responder::writeStats(OmOSStream& out, unsigned flags, const StatsPacket& stats,
+                           int64_t bogomips, StatsEntries entries) {
   out << "<stats>";
   if (flags & Host::CPU) out << "cpu=" << stats.idle << " ";
   if (flags & Host::BOGO) out << "bogo=" << static_cast<long long>(bogomips) << " ";
   if (flags & Host::VMEM) {
-    out << "vmem=" << stats.vmem << " vmax=" << maxVirtualMemory / 1024 << " pmem=" << stats.pmem
-        << " pmax=" << maxPhysMemory / 1024 << " sin=" << stats.sin << " sout=" << stats.sout
-        << " ";
+    out << "vmem=" << stats.vmem << " ";
+    if (entries == PacketEntries) {
+      out << "vmax=" << mySettings->maxVirtualMemory / 1024 << " pmem=" << stats.pmem
+          << " pmax=" << mySettings->maxPhysMemory / 1024 << " sin=" << stats.sin
+          << " sout=" << stats.sout << " ";
+    }
   }
   out << "</stats>";
 }
@@ -40,7 +41,7 @@ OmStatus::Value Responder::sendLoadPacket(unsigned, const OmUniString&, unsigned
          << "<znalbdata>"
          << "<id>" << id << "</id>"
          << "<seqno>" << OmTimeVal::now().Time() << "</seqno>";
-  writeStats(packet, *stats, flags);
+  writeStats(packet, flags, *stats, myBogomips->getBogomips(), PacketEntries);
   packet << "</znalbdata>";
   return sendPacket(packet, dest, hostName);
 }

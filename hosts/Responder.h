@@ -30,21 +30,16 @@ class Responder {
   OmStatus::Value sendPacket(const OmOSStream& packet, const OmInetAddr& dest,
                              const OmUniString& hostName);
 
-  // "<stats>...</stats>" with the entries the flags (Host::CPU, BOGO, VMEM)
-  // select, each followed by one space. The speed figure and the memory
-  // maxima come from the agent's single instances.
-  static void writeStats(OmOSStream& out, const StatsPacket& stats, unsigned flags);
-  // The same with explicit figures; the maxima are in KiB.
-  static void writeStats(OmOSStream& out, const StatsPacket& stats, unsigned flags,
-                         int64_t bogomips, uint32_t maxVirtualMemory, uint32_t maxPhysMemory);
-
-  bool isBound() const { return bound; }
-  // The socket's own address and port.
-  bool localAddress(OmInetAddr& addr) { return socket.LocalAddress(addr); }
+  // Which entries the VMEM flag selects: a load packet's vmem is followed by
+  // the configured maxima, physical memory and swapping; a reply's stands alone.
+  enum StatsEntries { ReplyEntries, PacketEntries };
+  // The stats record: "<stats>", the entries the flags (Host::CPU, BOGO,
+  // VMEM) select, each followed by one space, then "</stats>". Memory in MiB.
+  static void writeStats(OmOSStream& out, unsigned flags, const StatsPacket& stats,
+                         int64_t bogomips, StatsEntries entries);
 
  private:
   OmSocket socket;
-  bool bound = false;
 };
 
 #endif  // QUELM_HOSTS_RESPONDER_H_

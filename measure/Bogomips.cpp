@@ -1,6 +1,8 @@
 #include "measure/Bogomips.h"
 
-#include <utility>
+#include <ctime>
+
+#include "foundation/string/OmEnv.h"
 
 namespace {
 
@@ -10,8 +12,8 @@ constexpr std::clock_t kMinElapsed = 999999;
 
 }  // namespace
 
-Bogomips::Bogomips(int processors, uint32_t factor, ClockSource clock)
-    : clock(std::move(clock)), processors(processors < 1 ? 1 : processors), factor(factor) {
+Bogomips::Bogomips(int processors, uint32_t factor)
+    : processors(processors < 1 ? 1 : processors), factor(factor) {
   Initialise();
 }
 
@@ -44,12 +46,13 @@ void Bogomips::delay(int loops) {
 int Bogomips::calculate() {
   uint64_t loops = 1;
   std::clock_t elapsed = 0;
+  OmEnv& env = OmEnv::Current();
   do {
     loops <<= 1;
     if (loops == 0) return 0;
-    const std::clock_t start = clock();
+    const std::clock_t start = env.ProcessorClock();
     delay(static_cast<int>(loops));
-    elapsed = clock() - start;
+    elapsed = env.ProcessorClock() - start;
   } while (elapsed <= kMinElapsed);
 
   int64_t estimate = static_cast<int64_t>(

@@ -2,20 +2,16 @@
 #define QUELM_MEASURE_BOGOMIPS_H_
 
 #include <cstdint>
-#include <ctime>
-#include <functional>
 
 // Estimates the processor speed by timing a busy loop, so that subscribers
 // can weigh one server's idle percentage against another's. The reported
 // figure is the highest estimate so far.
 class Bogomips {
  public:
-  // Processor time in clock ticks (CLOCKS_PER_SEC a second).
-  using ClockSource = std::function<std::clock_t()>;
-
   // Processors below 1 count as 1; factor is the multiprocessor percentage.
-  // Makes the first estimate, which takes a second of processor time.
-  Bogomips(int processors, uint32_t factor, ClockSource clock = &std::clock);
+  // Makes the first estimate, which takes a second of processor time
+  // (OmEnv's processor clock).
+  Bogomips(int processors, uint32_t factor);
   Bogomips(const Bogomips&) = delete;
   Bogomips& operator=(const Bogomips&) = delete;
 
@@ -32,7 +28,6 @@ class Bogomips {
   uint32_t getFactor() const { return factor; }
 
  private:
-  ClockSource clock;
   int64_t current = 0;
   int64_t highest = 0;
   int64_t lowest = 0;

@@ -8,27 +8,20 @@
 #include <csignal>
 #include <cstdlib>
 
-#include "agent/Bootstrap.h"
 #include "agent/Globals.h"
 #include "agent/Logging.h"
 #include "agent/Messages.h"
+#include "agent/Settings.h"
 #include "foundation/event/OmEventLoop.h"
+#include "foundation/string/OmEnv.h"
 #include "foundation/string/OmFile.h"
-#include "hosts/HostListMgr.h"
 #include "measure/BaseFilter.h"
 #include "measure/Bogomips.h"
 
-ChildManager::SleepFunction ChildManager::sleepFunction = &::sleep;
-
-namespace {
-
-OmUnixProcess& process() { return the_current_process != nullptr ? *the_current_process : pr; }
-
-}  // namespace
-
-ChildManager::ChildManager(OmEventLoop& l, BaseFilter* f)
+ChildManager::ChildManager(OmEventLoop& l, BaseFilter* f, RunObserver observer)
     : loop(l),
       filter(f),
+      runObserver(observer),
       readpipeCallback(this, &ChildManager::readpipeCB),
       deadkidCallback(this, &ChildManager::deadkidCB),
       sighupCallback(this, &ChildManager::signalCB, SIGHUP),
@@ -36,11 +29,7 @@ ChildManager::ChildManager(OmEventLoop& l, BaseFilter* f)
       sigintCallback(this, &ChildManager::signalCB, SIGINT),
       sigpipeCallback(this, &ChildManager::signalCB, SIGPIPE) {
   buildArgv();
-  if (myBootstrap != nullptr) {
-    setSampleRateAndWindowSize(myBootstrap->getSampleRate(), myBootstrap->getWindowSize());
-  } else {
-    setSampleRateAndWindowSize(30, 120);
-  }
+  setSampleRateAndWindowSize(mySettings->sampleRate, mySettings->windowSize);
 
   buffer = static_cast<char*>(std::malloc(kInitialBufferSize + 1));
   if (buffer == nullptr) {
@@ -54,11 +43,10 @@ ChildManager::ChildManager(OmEventLoop& l, BaseFilter* f)
 }
 
 ChildManager::~ChildManager() {
-  OmUnixProcess& p = process();
-  p.RemoveSignalCallback(SIGHUP, &sighupCallback);
-  p.RemoveSignalCallback(SIGTERM, &sigtermCallback);
-  p.RemoveSignalCallback(SIGINT, &sigintCallback);
-  p.RemoveSignalCallback(SIGPIPE, &sigpipeCallback);
+  pr.RemoveSignalCallback(SIGHUP, &sighupCallback);
+  pr.RemoveSignalCallback(SIGTERM, &sigtermCallback);
+  pr.RemoveSignalCallback(SIGINT, &sigintCallback);
+  pr.RemoveSignalCallback(SIGPIPE, &sigpipeCallback);
   closePipe();
   if (childPid > 0) {
     if (kill(childPid, 0) == 0) kill(childPid, SIGKILL);
@@ -69,14 +57,13 @@ ChildManager::~ChildManager() {
       if (waitpid(childPid, &status, WNOHANG) != 0) break;
       usleep(10000);
     }
-    p.RemoveSIGCHLDCallback(childPid);
+    pr.RemoveSIGCHLDCallback(childPid);
   }
   std::free(buffer);
 }
 
 void ChildManager::buildArgv() {
-  const OmUniString& path =
-      myBootstrap != nullptr ? myBootstrap->getProbePath() : Bootstrap::DEFAULT_PROBEPATH;
+  const OmUniString& path = mySettings->probePath;
   // Everything after the first space is one fixed word, spaces and all.
   const long space = path.Search(' ');
   if (space >= 0) {
@@ -109,11 +96,10 @@ void ChildManager::setSignals() {
   signal(SIGTTIN, SIG_IGN);
   signal(SIGTSTP, SIG_IGN);
   signal(SIGXFSZ, SIG_IGN);
-  OmUnixProcess& p = process();
-  p.CatchSignal(SIGHUP, &sighupCallback);
-  p.CatchSignal(SIGTERM, &sigtermCallback);
-  p.CatchSignal(SIGINT, &sigintCallback);
-  p.CatchSignal(SIGPIPE, &sigpipeCallback);
+  pr.CatchSignal(SIGHUP, &sighupCallback);
+  pr.CatchSignal(SIGTERM, &sigtermCallback);
+  pr.CatchSignal(SIGINT, &sigintCallback);
+  pr.CatchSignal(SIGPIPE, &sigpipeCallback);
   const rlimit noCore{0, 0};
   setrlimit(RLIMIT_CORE, &noCore);
 }
@@ -131,7 +117,7 @@ int ChildManager::forkChild() {
   forkParams.exitCallback = &deadkidCallback;
 
   for (int attempt = 0; attempt < kForkAttempts; ++attempt) {
-    if (process().Fork(forkParams)) {
+    if (pr.Fork(forkParams)) {
       if (forkParams.pid < 1) return 0;
       childPid = forkParams.pid;
       pipeFd = forkParams.dataFd;
@@ -147,10 +133,10 @@ int ChildManager::forkChild() {
       // probe's descriptors (connections, logs, the command port), then pause
       // one sample interval so the parent's restarts never become a fork storm.
       closefrom(3);
-      sleepFunction(sampleRate);
+      OmEnv::Current().Sleep(sampleRate);
       _exit(127);
     }
-    sleepFunction(kForkRetrySeconds);
+    OmEnv::Current().Sleep(kForkRetrySeconds);
   }
   LogForkFail(kForkAttempts);
   processExit(11);
@@ -226,7 +212,7 @@ void ChildManager::restart(bool filterFailed) {
       ++notReapedAtOnce;
     }
     // This run is over either way; its late exit report is of no interest.
-    process().RemoveSIGCHLDCallback(childPid);
+    pr.RemoveSIGCHLDCallback(childPid);
   }
   if (!filterFailed && writePos != buffer) filterBuffer();
   afterRun();
@@ -239,12 +225,12 @@ void ChildManager::afterRun() {
   if (idle >= 0) {
     // A nearly idle machine gives a true speed figure. The estimate costs
     // about a second of processor time, during which the loop waits.
-    if (idle > 94 && myBogomips != nullptr) {
+    if (idle > 94) {
       myBogomips->calculate();
       LogSpeedRecalculated(idle, static_cast<int>(myBogomips->getCurrent()),
                            static_cast<int>(myBogomips->getBogomips()));
     }
-    HostListMgr::percentChangeCheck(static_cast<unsigned>(idle));
+    runObserver(static_cast<unsigned>(idle));
   }
   filter->resetFilter();
   forkChild();
@@ -259,7 +245,7 @@ void ChildManager::deadkidCB(OmUnixProcess::ChildCallback*, OmUnixProcess::child
       LogWrongChild(info.pid, childPid);
       return;
     }
-    process().RemoveSIGCHLDCallback(childPid);
+    pr.RemoveSIGCHLDCallback(childPid);
   }
   if (pipeFd >= 0) {
     const long n = read(pipeFd, writePos, freeSpace);

@@ -19,11 +19,12 @@ class ChildManager {
   static constexpr unsigned long kInitialBufferSize = 1024;
   static constexpr int kForkAttempts = 5;
   static constexpr unsigned kForkRetrySeconds = 30;
-  // Replaceable so tests need not wait through the retry pauses.
-  using SleepFunction = unsigned (*)(unsigned seconds);
-  static SleepFunction sleepFunction;
+  // Told the idle figure of every finished run that had one (the host list's
+  // percent-change check).
+  using RunObserver = void (*)(unsigned idle);
 
-  ChildManager(OmEventLoop& loop, BaseFilter* filter);
+  // The tool's command line, sample rate and window size come from mySettings.
+  ChildManager(OmEventLoop& loop, BaseFilter* filter, RunObserver runObserver);
   ~ChildManager();
   ChildManager(const ChildManager&) = delete;
   ChildManager& operator=(const ChildManager&) = delete;
@@ -42,10 +43,6 @@ class ChildManager {
   unsigned getSampleRate() const { return sampleRate; }
   unsigned getWindowSize() const { return windowSize; }
   int getChildPid() const { return childPid; }
-  const std::vector<const char*>& getArgv() const { return argv; }
-  unsigned long getBufferCapacity() const { return capacity; }
-  unsigned long getFreeSpace() const { return freeSpace; }
-  uint32_t getWrongChildren() const { return wrongChildren; }
 
  private:
   void buildArgv();
@@ -65,6 +62,7 @@ class ChildManager {
 
   OmEventLoop& loop;
   BaseFilter* filter;
+  RunObserver runObserver;
   OmSimpleCallback<OmEvent::cbdispatch, ChildManager> readpipeCallback;
   OmSimpleCallback<OmUnixProcess::child_info, ChildManager> deadkidCallback;
   OmCallbackWithData<OmEvent::cbdispatch, ChildManager, int> sighupCallback;
@@ -86,6 +84,7 @@ class ChildManager {
   int idle = -1;
   int emptyReads = 0;
 
+  // Counted for a debugger's eyes only.
   uint32_t wrongChildren = 0;
   uint32_t reapedAtOnce = 0;
   uint32_t notReapedAtOnce = 0;

@@ -6,9 +6,9 @@
 #include <cstring>
 #include <string_view>
 
-#include "agent/Bootstrap.h"
 #include "agent/Globals.h"
 #include "agent/Messages.h"
+#include "agent/Settings.h"
 #include "measure/Cache.h"
 
 namespace {
@@ -17,10 +17,6 @@ constexpr char kDelimiters[] = " \t\n";
 // vmstat's two header lines and its since-boot line.
 constexpr uint32_t kHeaderLines = 3;
 constexpr uint32_t kColumnsNeeded = 5;
-
-const OmUniString& ProbePath() {
-  return myBootstrap != nullptr ? myBootstrap->getProbePath() : Bootstrap::DEFAULT_PROBEPATH;
-}
 
 }  // namespace
 
@@ -90,7 +86,7 @@ void VmstatFilter::addSample(uint32_t swpd, uint32_t free, uint32_t si, uint32_t
   }
   if (free > maxPhysMemory) maxPhysMemory = free;
 
-  if (myCache != nullptr) myCache->addToCache(idle, freeVirtual, free, si, so);
+  myCache->addToCache(idle, freeVirtual, free, si, so);
   sum += idle;
   ++count;
 }
@@ -143,7 +139,7 @@ bool VmstatFilter::doFiltering(char* data, int length, int& idle) {
                                   &f[3], &f[4], &f[5], &f[6], &f[7], &f[8], &f[9], &f[10], &f[11],
                                   &f[12], &f[13], &f[14], &f[15]);
       if (got < 16) {
-        LogDataNotRecognised(ProbePath(), OmUniString(line));
+        LogDataNotRecognised(mySettings->probePath, OmUniString(line));
         return false;
       }
       addSample(static_cast<uint32_t>(f[3]), static_cast<uint32_t>(f[4]),

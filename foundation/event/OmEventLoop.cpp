@@ -23,12 +23,6 @@ constexpr short kWriteReady = POLLOUT | POLLERR | POLLHUP;
 constexpr size_t kInitialPollCapacity = 10;
 constexpr size_t kPollGrowth = 100;
 
-OmEventLoop::Reallocator g_reallocator = nullptr;
-
-void* GrowArray(void* p, size_t bytes) {
-  return g_reallocator != nullptr ? g_reallocator(p, bytes) : std::realloc(p, bytes);
-}
-
 }  // namespace
 
 int OmEventTimeout::SortFunction(const OmEventTimeout& other) const {
@@ -38,8 +32,6 @@ int OmEventTimeout::SortFunction(const OmEventTimeout& other) const {
   }
   return 0;
 }
-
-void OmEventLoop::SetReallocator(Reallocator r) { g_reallocator = r; }
 
 OmEventLoop::OmEventLoop(OmUnixProcess* process)
     : process_(process), pollCapacity_(kInitialPollCapacity) {
@@ -60,7 +52,7 @@ bool OmEventLoop::AddFileEvent(unsigned fd, bool read, bool write, OmEventCallba
   if (i == pollCount_) {
     if (pollCount_ == pollCapacity_) {
       pollCapacity_ += kPollGrowth;
-      void* grown = GrowArray(pollList_, (pollCapacity_ + 1) * sizeof(pollfd));
+      void* grown = std::realloc(pollList_, (pollCapacity_ + 1) * sizeof(pollfd));
       if (grown == nullptr) {
         std::fprintf(stderr,
                      "\n%sPID=%d SEVERE INTERNAL ERROR\nThe eventloop failed to allocate memory "

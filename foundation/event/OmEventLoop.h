@@ -62,11 +62,6 @@ class OmEventLoop : public OmEventLoopBase {
   const pollfd* PollList() const { return pollList_ + 1; }
   bool HasTimeout(const OmEventCallback* cb) const;
 
-  // The allocator used to grow the poll list (realloc by default); tests
-  // install a failing one to exercise the out-of-memory path. Null restores.
-  using Reallocator = void* (*)(void*, size_t);
-  static void SetReallocator(Reallocator r);
-
  private:
   struct FileRecord {
     OmEventCallback* callback;

@@ -13,15 +13,8 @@
 #include <cstring>
 #include <string>
 
+#include "foundation/string/OmEnv.h"
 #include "foundation/string/OmOSStream.h"
-
-OmSocket::SleepFunction OmSocket::sleep_ = ::sleep;
-
-OmSocket::SleepFunction OmSocket::SetSleepFunction(SleepFunction fn) {
-  SleepFunction old = sleep_;
-  sleep_ = fn != nullptr ? fn : ::sleep;
-  return old;
-}
 
 bool OmSocket::makesock(int type, int family) {
   Close();
@@ -89,7 +82,7 @@ bool OmSocket::Bind(const OmSocketAddress& addr, connectionType type, bool reuse
     if (retries == 0) break;
     --retries;
     first = false;
-    sleep_(2);
+    OmEnv::Current().Sleep(2);
   }
   if (printed) {
     std::fputs("\n", stderr);

@@ -55,18 +55,11 @@ class OmSocket : public OmFile {
   int GetReceiveBufferSize();   // -1 on failure
   bool SetTypeOfService(serviceType type);
 
-  // Bind waits between attempts with this function (sleep by default);
-  // tests replace it. Returns the previous one; null restores sleep.
-  using SleepFunction = unsigned (*)(unsigned seconds);
-  static SleepFunction SetSleepFunction(SleepFunction fn);
-
  private:
   bool SetIntOption(int level, const char* levelName, int option, const char* optionName,
                     int value);
   int GetIntOption(int level, const char* levelName, int option, const char* optionName);
   void Record(int err, const char* call, const OmUniString& args) { error_.Set(err, call, args); }
-
-  static SleepFunction sleep_;
 };
 
 #endif  // QUELM_FOUNDATION_NET_OMSOCKET_H_

@@ -1,12 +1,10 @@
 #include "foundation/string/OmTimeVal.h"
 
-#include <sys/time.h>
-
 #include <cstdio>
 
-namespace {
+#include "foundation/string/OmEnv.h"
 
-OmTimeVal::Clock g_clock = nullptr;
+namespace {
 
 const char* const kDays[] = {"Sun", "Mon", "Tue", "Wed", "Thu", "Fri", "Sat"};
 const char* const kMonths[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
@@ -14,15 +12,7 @@ const char* const kMonths[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
 
 }  // namespace
 
-OmTimeVal OmTimeVal::now() { return g_clock != nullptr ? g_clock() : SystemNow(); }
-
-void OmTimeVal::SetClock(Clock clock) { g_clock = clock; }
-
-OmTimeVal OmTimeVal::SystemNow() {
-  timeval tv{};
-  gettimeofday(&tv, nullptr);
-  return OmTimeVal(static_cast<uint32_t>(tv.tv_sec), static_cast<uint32_t>(tv.tv_usec));
-}
+OmTimeVal OmTimeVal::now() { return OmEnv::Current().Now(); }
 
 void OmTimeVal::Normalise() {
   if (microseconds >= 1000000) {

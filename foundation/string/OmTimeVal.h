@@ -9,15 +9,11 @@
 // An absolute time in seconds and microseconds (kept below 1000000).
 class OmTimeVal {
  public:
-  using Clock = OmTimeVal (*)();
-
   OmTimeVal() = default;
   OmTimeVal(uint32_t sec, uint32_t usec) : seconds(sec), microseconds(usec) { Normalise(); }
 
-  // The current time; tests may install their own clock (null restores the real one).
+  // The current time of the environment in use (OmEnv).
   static OmTimeVal now();
-  static void SetClock(Clock clock);
-  static OmTimeVal SystemNow();
 
   uint32_t Time() const { return seconds; }
   void Normalise();

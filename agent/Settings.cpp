@@ -1,0 +1,54 @@
+#include "agent/Settings.h"
+
+#define QUELM_KEY "varosa.config.quelmloadbalancing."
+
+const SettingKey kSettingKeys[kSettingCount] = {
+    {QUELM_KEY "port", &Settings::port, nullptr, 3579, nullptr, 0},
+    {QUELM_KEY "windowsize", &Settings::windowSize, nullptr, 120, nullptr, 0},
+    {QUELM_KEY "samplerate", &Settings::sampleRate, nullptr, 30, nullptr, 0},
+    {QUELM_KEY "hostlifetime", &Settings::hostLifeTime, nullptr, 86400, nullptr, 0},
+    {QUELM_KEY "mincachesize", &Settings::minCacheSize, nullptr, 10, nullptr, 0},
+    {QUELM_KEY "filter", nullptr, &Settings::filter, 0, "vmstatFilter", 0},
+    {QUELM_KEY "probepath", nullptr, &Settings::probePath, 0, "/usr/bin/vmstat -n", 0},
+    {QUELM_KEY "logdirectory", nullptr, &Settings::logDirectory, 0, "/tmp", 0},
+    {QUELM_KEY "piddirectory", nullptr, &Settings::pidDirectory, 0, "/tmp", 0},
+    // Every message to the .log file, errors also to the .csl file, fatal
+    // errors also to standard error (the console sink).
+    {QUELM_KEY "logfilter", nullptr, &Settings::logFilter, 0,
+     "*/*/*:quelmloadprobe%%PID%%_error.log,"
+     "*/*/*error:quelmloadprobe%%PID%%_error.csl,"
+     "*/*/fatalerror:.../_beans/quelm.log.ConsoleSink",
+     0},
+    {QUELM_KEY "maxvirtualmemory", &Settings::maxVirtualMemory, nullptr, 768, nullptr, 10},
+    {QUELM_KEY "maxphysicalmemory", &Settings::maxPhysMemory, nullptr, 256, nullptr, 10},
+    {QUELM_KEY "multiprocessorfactor", &Settings::multiProcessorFactor, nullptr, 80, nullptr, 0},
+};
+
+#undef QUELM_KEY
+
+Settings::Settings() {
+  for (const SettingKey& key : kSettingKeys) {
+    if (key.number != nullptr) {
+      key.set(*this, key.defaultNumber);
+    } else {
+      key.set(*this, OmUniString(key.defaultText));
+    }
+  }
+}
+
+void Settings::applySampleRateRule(uint32_t& rate, uint32_t& window) {
+  if (rate < 5) {
+    if (window == 0) {
+      window = 3;
+      rate = 5;
+      return;
+    }
+    rate = 5;
+  } else if (window == 0) {
+    window = 1;
+  }
+  if (window * rate < 15) {
+    window = 3;
+    rate = 5;
+  }
+}

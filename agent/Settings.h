@@ -1,0 +1,68 @@
+#ifndef QUELM_AGENT_SETTINGS_H_
+#define QUELM_AGENT_SETTINGS_H_
+
+#include <cstdint>
+
+#include "foundation/string/OmUniString.h"
+
+// The configuration the probe runs with. Bootstrap builds it once from the
+// properties file; every other class reads it through mySettings. A
+// default-constructed snapshot holds every built-in default.
+struct Settings {
+  uint32_t port;
+  uint32_t windowSize;    // samples averaged per tool run
+  uint32_t sampleRate;    // seconds between samples
+  uint32_t hostLifeTime;  // seconds
+  uint32_t minCacheSize;
+  OmUniString filter;
+  OmUniString probePath;  // the measuring tool's program and fixed argument
+  OmUniString logDirectory;
+  OmUniString pidDirectory;
+  OmUniString logFilter;
+  uint32_t maxVirtualMemory;      // KiB
+  uint32_t maxPhysMemory;         // KiB
+  uint32_t multiProcessorFactor;  // percent
+
+  Settings();
+
+  // The sample-rate rule: at least 5 seconds a sample, at least 15 seconds a
+  // window. Also applied to each subscriber's own wishes.
+  static void applySampleRateRule(uint32_t& sampleRate, uint32_t& windowSize);
+};
+
+// One key of the properties file, its built-in default and the field it sets.
+struct SettingKey {
+  const char* name;
+  uint32_t Settings::*number;   // a number key: its field, else null
+  OmUniString Settings::*text;  // a text key: its field, else null
+  uint32_t defaultNumber;       // in the file's unit
+  const char* defaultText;
+  unsigned shift;  // from the file's unit to the field's: MiB to KiB is 10
+
+  // Stores a value as read from the file.
+  void set(Settings& settings, uint32_t fileValue) const { settings.*number = fileValue << shift; }
+  void set(Settings& settings, const OmUniString& value) const { settings.*text = value; }
+  // A number field as the file holds it.
+  uint32_t fileValue(const Settings& settings) const { return settings.*number >> shift; }
+};
+
+// Every key, in the order in which the configuration is written back.
+enum SettingId {
+  kPort,
+  kWindowSize,
+  kSampleRate,
+  kHostLifeTime,
+  kMinCacheSize,
+  kFilter,
+  kProbePath,
+  kLogDirectory,
+  kPidDirectory,
+  kLogFilter,
+  kMaxVirtualMemory,
+  kMaxPhysMemory,
+  kMultiProcessorFactor,
+  kSettingCount
+};
+extern const SettingKey kSettingKeys[kSettingCount];
+
+#endif  // QUELM_AGENT_SETTINGS_H_
