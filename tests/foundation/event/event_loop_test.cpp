@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "FakeEnv.h"
 #include "foundation/event/event_test_util.h"
 #include "foundation/process/OmUnixProcess.h"
 
@@ -43,7 +44,7 @@ class EventLoopTest : public ::testing::Test {
     std::erase(fds_, fd);
   }
 
-  FakeClock clock_{kStart};
+  FakeEnv env_{kStart};
   OmUnixProcess process_;
   OmEventLoop loop_{&process_};
   Log log_;
@@ -56,7 +57,7 @@ TEST_F(EventLoopTest, TimeoutsFireEarliestFirstOnePerTurn) {
   loop_.AddTimeoutEvent(OmTimeVal(kStart.seconds + 1, 999999), &b);
   loop_.AddTimeoutEvent(kStart.PlusSeconds(1), &a);
   loop_.AddTimeoutEvent(kStart.PlusSeconds(3), &twin);  // equal times still take two turns
-  FakeClock::Now() = kStart.PlusSeconds(10);
+  env_.now = kStart.PlusSeconds(10);
 
   for (size_t turn = 1; turn <= 4; ++turn) {
     loop_.RunOneTurn();

@@ -37,23 +37,6 @@ class ExitProbe : public OmUnixProcess::ChildCallback {
   std::vector<OmUnixProcess::child_info> seen;
 };
 
-// A clock the test sets by hand; installed for the lifetime of the object.
-class FakeClock {
- public:
-  explicit FakeClock(OmTimeVal start) {
-    Now() = start;
-    OmTimeVal::SetClock(&Read);
-  }
-  ~FakeClock() { OmTimeVal::SetClock(nullptr); }
-  static OmTimeVal& Now() {
-    static OmTimeVal now;
-    return now;
-  }
-
- private:
-  static OmTimeVal Read() { return Now(); }
-};
-
 // Bounded wait (about two seconds at most) until the child has exited (or
 // stopped) but is not yet reaped.
 inline bool WaitUntilDead(pid_t pid, int state = WEXITED) {

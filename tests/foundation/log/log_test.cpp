@@ -14,6 +14,7 @@
 
 #include <gtest/gtest.h>
 
+#include "FakeEnv.h"
 #include "foundation/string/OmTimeVal.h"
 
 namespace {
@@ -28,9 +29,6 @@ class TestLogger : public OmLog {
     return kTable;
   }
 };
-
-OmTimeVal clock_now;
-OmTimeVal TestClock() { return clock_now; }
 
 // 1000000000 is 2001/09/09 01:46:40 in UTC.
 constexpr uint32_t kSecond = 1000000000;
@@ -58,14 +56,11 @@ class LogTest : public ::testing::Test {
     ASSERT_NE(mkdtemp(tmpl), nullptr);
     dir_ = tmpl;
     OmLog::SetPid(77);
-    clock_now = OmTimeVal(kSecond, 123456);
-    OmTimeVal::SetClock(TestClock);
     OmLog::InitLogs(&logger_, OmUniString(dir_));
   }
   void TearDown() override {
     logger_.HaveForked();
     logger_.SetupCSFilters({});
-    OmTimeVal::SetClock(nullptr);
     OmLog::SetPid(0);
     std::filesystem::remove_all(dir_);
   }
@@ -83,6 +78,7 @@ class LogTest : public ::testing::Test {
   }
 
   TestLogger logger_;
+  FakeEnv env_{OmTimeVal(kSecond, 123456)};
   std::string dir_;
 };
 

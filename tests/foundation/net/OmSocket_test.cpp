@@ -6,33 +6,17 @@
 
 #include <cerrno>
 #include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 
+#include "FakeEnv.h"
+
 namespace {
 
-// Counts Bind's waits instead of sleeping; optionally frees the port on the
-// given wait so that a later attempt succeeds.
-int g_sleeps = 0;
-int g_releaseOnSleep = 0;
-OmSocket* g_holder = nullptr;
-
-unsigned FakeSleep(unsigned seconds) {
-  EXPECT_EQ(seconds, 2u);
-  ++g_sleeps;
-  if (g_holder != nullptr && g_sleeps == g_releaseOnSleep) g_holder->Close();
-  return 0;
-}
-
+// Bind's waits only count (FakeEnv).
 class OmSocketTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    g_sleeps = 0;
-    g_releaseOnSleep = 0;
-    g_holder = nullptr;
-    previous_ = OmSocket::SetSleepFunction(FakeSleep);
-  }
-  void TearDown() override { OmSocket::SetSleepFunction(previous_); }
 
   // A TCP listener on 127.0.0.1 with a port chosen by the system.
   static void Listen(OmSocket& s, OmInetAddr& bound) {
@@ -42,7 +26,7 @@ class OmSocketTest : public ::testing::Test {
     ASSERT_TRUE(s.LocalAddress(bound));
   }
 
-  OmSocket::SleepFunction previous_ = nullptr;
+  FakeEnv env_;
 };
 
 // While the port is held, Bind waits two seconds (faked here) between attempts;
@@ -66,15 +50,17 @@ TEST_F(OmSocketTest, BindInUseRetries) {
     OmSocket holder;
     OmInetAddr bound;
     Listen(holder, bound);
-    g_sleeps = 0;
-    g_holder = &holder;
-    g_releaseOnSleep = c.releaseOnSleep;
+    // Frees the port on the given wait so that a later attempt succeeds.
+    env_.sleeps.clear();
+    env_.onSleep = [&] {
+      if (static_cast<int>(env_.sleeps.size()) == c.releaseOnSleep) holder.Close();
+    };
 
     OmSocket s;
     testing::internal::CaptureStderr();
     EXPECT_EQ(s.Bind(bound, OmSocket::Stream, true, c.retries, c.verbose), c.ok);
     EXPECT_EQ(testing::internal::GetCapturedStderr(), c.err);
-    EXPECT_EQ(g_sleeps, c.sleeps);
+    EXPECT_EQ(env_.sleeps, std::vector<unsigned>(static_cast<size_t>(c.sleeps), 2u));
     if (!c.ok) {
       EXPECT_EQ(s.LastError().Errno(), EADDRINUSE);
       EXPECT_EQ(s.LastError().Call(), "bind");
@@ -92,7 +78,7 @@ TEST_F(OmSocketTest, BindOtherFirstErrorGivesUpAtOnce) {
     testing::internal::CaptureStderr();
     EXPECT_FALSE(s.Bind(foreign, OmSocket::Datagram, true, 3, verbose));
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
-    EXPECT_EQ(g_sleeps, 0);
+    EXPECT_TRUE(env_.sleeps.empty());
     EXPECT_EQ(s.LastError().Errno(), EADDRNOTAVAIL);
     EXPECT_EQ(s.LastError().Call(), "bind");
     EXPECT_EQ(s.LastError().Args().AsAscii(), std::to_string(s.Fd()) + ",203.0.113.1:4000");

@@ -8,6 +8,8 @@
 
 #include <gtest/gtest.h>
 
+#include "FakeEnv.h"
+
 #include "foundation/string/OmTimeVal.h"
 
 namespace {
@@ -20,10 +22,7 @@ class PropertiesTest : public ::testing::Test {
     dir_ = tmpl;
     path_ = dir_ + "/test.properties";
   }
-  void TearDown() override {
-    OmTimeVal::SetClock(nullptr);
-    std::filesystem::remove_all(dir_);
-  }
+  void TearDown() override { std::filesystem::remove_all(dir_); }
 
   void Write(const std::string& content) { std::ofstream(path_, std::ios::binary) << content; }
   std::string Read() const {
@@ -63,10 +62,8 @@ TEST_F(PropertiesTest, LineSyntaxAndUnescaping) {
   }
 }
 
-OmTimeVal FixedClock() { return OmTimeVal(0, 0); }
-
 TEST_F(PropertiesTest, SaveFormat) {
-  OmTimeVal::SetClock(FixedClock);
+  FakeEnv env;
   OmProperties p;
   p.Put("k", "v=1");
   ASSERT_TRUE(p.Save(OmUniString(path_), "first\nsecond"));

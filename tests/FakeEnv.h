@@ -1,0 +1,52 @@
+#ifndef QUELM_TESTS_FAKEENV_H_
+#define QUELM_TESTS_FAKEENV_H_
+
+#include <ctime>
+#include <deque>
+#include <functional>
+#include <vector>
+
+#include "foundation/string/OmEnv.h"
+
+// The environment a test controls, current for the object's lifetime: a
+// clock set by hand, sleeps that only count, and a processor clock whose
+// timed runs take the scripted ticks (a second each once the script is out).
+class FakeEnv : public OmEnv {
+ public:
+  explicit FakeEnv(OmTimeVal start = OmTimeVal()) : now(start), previous(Install(this)) {}
+  ~FakeEnv() override { Install(previous); }
+
+  OmTimeVal Now() override { return now; }
+  void Sleep(unsigned seconds) override {
+    sleeps.push_back(seconds);
+    if (onSleep) onSleep();
+  }
+  // Called in pairs around each timed run: the second call moves the clock.
+  std::clock_t ProcessorClock() override {
+    if (runStarted) {
+      ticks += runTicks.empty() ? 1000000 : runTicks.front();
+      if (!runTicks.empty()) runTicks.pop_front();
+    }
+    runStarted = !runStarted;
+    return ticks;
+  }
+
+  // A speed estimate that ends at 2^doublings loops after the given ticks.
+  FakeEnv& speedRun(int doublings, std::clock_t lastTicks = 1000000) {
+    for (int i = 1; i < doublings; ++i) runTicks.push_back(1);
+    runTicks.push_back(lastTicks);
+    return *this;
+  }
+
+  OmTimeVal now;
+  std::vector<unsigned> sleeps;
+  std::function<void()> onSleep;
+
+ private:
+  OmEnv* previous;
+  std::deque<std::clock_t> runTicks;
+  std::clock_t ticks = 0;
+  bool runStarted = false;
+};
+
+#endif  // QUELM_TESTS_FAKEENV_H_
