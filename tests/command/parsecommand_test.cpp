@@ -2,39 +2,20 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <ctime>
-#include <filesystem>
-#include <fstream>
 #include <map>
-#include <memory>
 #include <sstream>
 #include <string>
-#include <utility>
 
-#include "agent/Bootstrap.h"
-#include "agent/Globals.h"
-#include "agent/Logging.h"
-#include "agent/MyLogger.h"
-#include "foundation/event/OmEventLoop.h"
-#include "foundation/string/OmTimeVal.h"
+#include "AgentFixture.h"
 #include "hosts/Host.h"
 #include "hosts/HostListMgr.h"
-#include "measure/Bogomips.h"
-#include "measure/Cache.h"
 
 namespace {
-
-// 2026-01-01 09:00:00 UTC, a Thursday.
-constexpr uint32_t kNineOClock = 1767258000;
-
-OmTimeVal fakeNow;
-OmTimeVal fakeClock() { return fakeNow; }
 
 const std::string kXml = "<?xml version=\"1.0\"?>";
 const std::string kGetStart = kXml +
                               "<znalbreply type=\"get\"><version>1.0</version><port>4567</port>"
-                              "<samplerate>0</samplerate><windowsize>0</windowsize>"
+                              "<samplerate>5</samplerate><windowsize>3</windowsize>"
                               "<stats>cpu=97 bogo=8 vmem=2048 </stats>"
                               "<time>Thu, 01 Jan 2026 09:00:05 GMT</time>";
 
@@ -66,55 +47,17 @@ std::string createRequest(const std::map<std::string, std::string>& changes = {}
   return t + "</znalbreq>";
 }
 
-// The agent's single instances on a temporary directory, a cache holding one
-// sample (97% idle, 2048 MiB and some KiB), a speed figure of 8 that costs
-// no processor time, and no load tool.
-class ParseCommandTest : public ::testing::Test {
+// The agent at 09:00:05 with one sample cached: 97% idle, 2048 MiB and some KiB.
+class ParseCommandTest : public AgentTest {
  protected:
   void SetUp() override {
-    fakeNow = OmTimeVal(kNineOClock + 5, 0);
-    OmTimeVal::SetClock(&fakeClock);
-    char pattern[] = "/tmp/parsecmdXXXXXX";
-    ASSERT_NE(nullptr, mkdtemp(pattern));
-    dir = pattern;
-    std::ofstream props(dir + "/quelmloadbalancing.properties");
-    for (const std::string& line : {"logdirectory=" + dir, "piddirectory=" + dir,
-                                    std::string("probepath=/bin/true"), std::string("port=4567")}) {
-      props << "varosa.config.quelmloadbalancing." << line << "\n";
-    }
-    props.close();
-    myBootstrap = new Bootstrap(OmUniString(dir), 1);
-    myCache = new Cache(4, 4194304, 1048576);
+    AgentTest::SetUp();
+    env.now = OmTimeVal(kNineOClock + 5, 0);
     myCache->addToCache(97, 2048 * 1024 + 1023, 1024 * 1024, 0, 0);
-    auto calls = std::make_shared<int>(0);
-    auto ticks = std::make_shared<std::clock_t>(0);
-    myBogomips = new Bogomips(1, 80, [calls, ticks]() {
-      const int call = (*calls)++;
-      if (call % 2 == 1) *ticks += (call / 2 + 1) < 22 ? 1 : 1000000;
-      return *ticks;
-    });
-    HostListMgr::init(&loop);
-  }
-
-  void TearDown() override {
-    HostListMgr::clear();
-    HostListMgr::eventloop = nullptr;
-    delete std::exchange(myBogomips, nullptr);
-    delete std::exchange(myCache, nullptr);
-    delete std::exchange(myBootstrap, nullptr);
-    if (bootLogger != nullptr) {
-      delete std::exchange(bootLogger, nullptr);
-      mylog.SetupCSFilters({});
-    }
-    OmTimeVal::SetClock(nullptr);
-    std::filesystem::remove_all(dir);
   }
 
   // One request through a fresh ParseCommand, as a circuit runs it.
   static std::string run(OmUniString text) { return ParseCommand().doCommand(text).AsUtf8(); }
-
-  std::string dir;
-  OmEventLoop loop{nullptr};
 };
 
 // Each request in turn against one host list, with the whole reply document.

@@ -5,32 +5,17 @@
 #include <string>
 
 #include "HostsFixture.h"
-#include "measure/ChildManager.h"
-#include "measure/VmstatFilter.h"
 
 namespace hoststest {
 namespace {
 
 class HostListTest : public HostsTest {
  protected:
-  // The tool's manager is only asked for its parameters: nothing is forked.
-  void SetUp() override {
-    HostsTest::SetUp();
-    myChildManager = &manager;
-    manager.setSampleRateAndWindowSize(30, 120);
-  }
-  void TearDown() override {
-    myChildManager = nullptr;
-    HostsTest::TearDown();
-  }
   void expectTool(unsigned rate, unsigned window, unsigned cacheSize) {
-    EXPECT_EQ(rate, manager.getSampleRate());
-    EXPECT_EQ(window, manager.getWindowSize());
+    EXPECT_EQ(rate, myChildManager->getSampleRate());
+    EXPECT_EQ(window, myChildManager->getWindowSize());
     EXPECT_EQ(cacheSize, myCache->getCacheSize());
   }
-
-  VmstatFilter filter{1024, 512};
-  ChildManager manager{loop, &filter};
 };
 
 TEST_F(HostListTest, RefusesDuplicateIdsAndUnresolvableNames) {
@@ -45,7 +30,7 @@ TEST_F(HostListTest, RefusesDuplicateIdsAndUnresolvableNames) {
 TEST_F(HostListTest, HourlyCheckDropsHostsFromTheirExpirySecond) {
   ASSERT_NE(nullptr, addHost(5, 0, 3600000));  // no send before the check
   setTime(kNineOClock + 3599);
-  HostListMgr::regularTimeoutCB(&HostListMgr::regularTimeoutcb, OmEvent::fired);
+  HostListMgr::regularTimeoutCB(nullptr, OmEvent::fired);
   EXPECT_EQ(1u, HostListMgr::getHosts().Length());
   setTime(kNineOClock + 3600);
   runDue();
@@ -56,6 +41,7 @@ TEST_F(HostListTest, HourlyCheckDropsHostsFromTheirExpirySecond) {
 
 // Configured rate 5 and window 3, minimum cache 4.
 TEST_F(HostListTest, ToolParametersFromConfigurationAndHosts) {
+  myChildManager->setSampleRateAndWindowSize(30, 120);
   myCache->setCacheSize(9);
   HostListMgr::setLoadToolParameters();
   expectTool(5, 3, 4);  // 2 without hosts, raised to the minimum

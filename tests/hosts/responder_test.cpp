@@ -46,7 +46,7 @@ TEST_F(ResponderTest, SequenceNumberIsTheWholeSecond) {
   StatsPacket s;
   for (const OmTimeVal& t :
        {OmTimeVal(kNineOClock + 100, 0), OmTimeVal(kNineOClock + 100, 999999)}) {
-    fakeNow() = t;
+    env.now = t;
     ASSERT_EQ(OmStatus::Success, host->sendLoad(&s));
     EXPECT_EQ(packet(5, kNineOClock + 100, "<stats></stats>"), subscriber.receive().value_or(""));
   }

@@ -5,8 +5,6 @@
 #include <string>
 
 #include "HostsFixture.h"
-#include "measure/ChildManager.h"
-#include "measure/VmstatFilter.h"
 
 namespace hoststest {
 namespace {
@@ -24,30 +22,22 @@ class ToolRunTest : public HostsTest {
                              "while [ ! -f " << dir << "/idle ]; do sleep 0.01; done\n"
                              "id=$(cat " << dir << "/idle); rm " << dir << "/idle\n"
                              "echo \" 0  0  100 2000  0  0  1  1 $id  0\"\n";
-    manager = std::make_unique<ChildManager>(loop, &filter);  // runs /bin/sh DIR/vmstat
-    myChildManager = manager.get();
-  }
-  void TearDown() override {
-    myChildManager = nullptr;
-    manager.reset();
-    HostsTest::TearDown();
   }
 
   // One whole run reporting idle; true once the tool has been started again.
   bool run(int idle) {
     std::ofstream(dir + "/idle") << idle << "\n";
-    const int pid = manager->getChildPid();
-    for (int turns = 0; turns < 1000 && manager->getChildPid() == pid; ++turns) loop.RunOneTurn();
-    return manager->getChildPid() != pid;
+    const int pid = myChildManager->getChildPid();
+    for (int turns = 0; turns < 1000 && myChildManager->getChildPid() == pid; ++turns) {
+      loop.RunOneTurn();
+    }
+    return myChildManager->getChildPid() != pid;
   }
-
-  VmstatFilter filter{1024 * 1024, 512 * 1024};
-  std::unique_ptr<ChildManager> manager;
 };
 
 TEST_F(ToolRunTest, ChangeBeyondTheThresholdSendsAPacketRightAfterTheRun) {
   ASSERT_NE(nullptr, addHost(1, Host::CPU));  // threshold 10, timer 10 s away
-  ASSERT_GT(manager->forkChild(), 0);
+  ASSERT_GT(myChildManager->forkChild(), 0);
 
   ASSERT_TRUE(run(50));
   const auto first = subscriber.receive();
@@ -68,7 +58,7 @@ TEST_F(ToolRunTest, ChangeBeyondTheThresholdSendsAPacketRightAfterTheRun) {
 }
 
 TEST_F(ToolRunTest, RunEndingAbove94RecalculatesTheSpeedEstimate) {
-  ASSERT_GT(manager->forkChild(), 0);
+  ASSERT_GT(myChildManager->forkChild(), 0);
   ASSERT_TRUE(run(94));
   EXPECT_FALSE(logged("recalculated after a tool run ending at idle"));
   ASSERT_TRUE(run(95));

@@ -10,6 +10,7 @@
 
 #include "agent/Globals.h"
 #include "agent/MyLogger.h"
+#include "agent/Settings.h"
 #include "foundation/log/OmLog.h"
 #include "measure/BaseFilter.h"
 #include "measure/Cache.h"
@@ -49,6 +50,7 @@ class VmstatFilterTest : public ::testing::Test {
  protected:
   void SetUp() override {
     myCache = cache.get();
+    mySettings = &settings;
     dir = (std::filesystem::temp_directory_path() / "measurelogXXXXXX").string();
     ASSERT_NE(nullptr, mkdtemp(dir.data()));
     previous = OmLog::Current();
@@ -58,6 +60,7 @@ class VmstatFilterTest : public ::testing::Test {
   }
   void TearDown() override {
     myCache = nullptr;
+    mySettings = nullptr;
     mylog.SetupCSFilters({});
     OmLog::InitLogs(previous, previousDir);
     std::filesystem::remove_all(dir);
@@ -76,6 +79,7 @@ class VmstatFilterTest : public ::testing::Test {
     return filter.doFiltering(buffer.data(), static_cast<int>(text.size()), idle);
   }
 
+  Settings settings;  // the default tool names itself in messages
   std::unique_ptr<Cache> cache = std::make_unique<Cache>(10, kMaxVirtual, kMaxPhys);
   VmstatFilter filter{kMaxVirtual, kMaxPhys};
   int idle = 0;
