@@ -6,29 +6,29 @@
 #include "foundation/string/OmFile.h"
 
 const OmUniString Bootstrap::bootstrapFile("/quelmloadbalancing.properties");
-const OmUniString Bootstrap::attrPort(kSettingKeys[kPort].name);
-const OmUniString Bootstrap::attrFilter(kSettingKeys[kFilter].name);
-const OmUniString Bootstrap::attrProbePath(kSettingKeys[kProbePath].name);
-const OmUniString Bootstrap::attrLogDirectory(kSettingKeys[kLogDirectory].name);
-const OmUniString Bootstrap::attrPidDirectory(kSettingKeys[kPidDirectory].name);
-const OmUniString Bootstrap::attrWindowSize(kSettingKeys[kWindowSize].name);
-const OmUniString Bootstrap::attrSampleRate(kSettingKeys[kSampleRate].name);
-const OmUniString Bootstrap::attrHostLifeTime(kSettingKeys[kHostLifeTime].name);
-const OmUniString Bootstrap::attrMinCacheSize(kSettingKeys[kMinCacheSize].name);
-const OmUniString Bootstrap::attrLogFilter(kSettingKeys[kLogFilter].name);
-const OmUniString Bootstrap::attrMaxVirtualMemory(kSettingKeys[kMaxVirtualMemory].name);
-const OmUniString Bootstrap::attrMaxPhysMemory(kSettingKeys[kMaxPhysMemory].name);
-const OmUniString Bootstrap::attrMultiProcessorFactor(kSettingKeys[kMultiProcessorFactor].name);
-const OmUniString Bootstrap::DEFAULT_FILTER(kSettingKeys[kFilter].defaultText);
-const OmUniString Bootstrap::DEFAULT_PROBEPATH(kSettingKeys[kProbePath].defaultText);
-const OmUniString Bootstrap::DEFAULT_LOGDIR(kSettingKeys[kLogDirectory].defaultText);
-const OmUniString Bootstrap::DEFAULT_LOGFILTER(kSettingKeys[kLogFilter].defaultText);
+const OmUniString Bootstrap::attrPort(kSettingKeys[SettingKey::Port].name);
+const OmUniString Bootstrap::attrFilter(kSettingKeys[SettingKey::Filter].name);
+const OmUniString Bootstrap::attrProbePath(kSettingKeys[SettingKey::ProbePath].name);
+const OmUniString Bootstrap::attrLogDirectory(kSettingKeys[SettingKey::LogDirectory].name);
+const OmUniString Bootstrap::attrPidDirectory(kSettingKeys[SettingKey::PidDirectory].name);
+const OmUniString Bootstrap::attrWindowSize(kSettingKeys[SettingKey::WindowSize].name);
+const OmUniString Bootstrap::attrSampleRate(kSettingKeys[SettingKey::SampleRate].name);
+const OmUniString Bootstrap::attrHostLifeTime(kSettingKeys[SettingKey::HostLifeTime].name);
+const OmUniString Bootstrap::attrMinCacheSize(kSettingKeys[SettingKey::MinCacheSize].name);
+const OmUniString Bootstrap::attrLogFilter(kSettingKeys[SettingKey::LogFilter].name);
+const OmUniString Bootstrap::attrMaxVirtualMemory(kSettingKeys[SettingKey::MaxVirtualMemory].name);
+const OmUniString Bootstrap::attrMaxPhysMemory(kSettingKeys[SettingKey::MaxPhysMemory].name);
+const OmUniString Bootstrap::attrMultiProcessorFactor(kSettingKeys[SettingKey::MultiProcessorFactor].name);
+const OmUniString Bootstrap::DEFAULT_FILTER(kSettingKeys[SettingKey::Filter].defaultText);
+const OmUniString Bootstrap::DEFAULT_PROBEPATH(kSettingKeys[SettingKey::ProbePath].defaultText);
+const OmUniString Bootstrap::DEFAULT_LOGDIR(kSettingKeys[SettingKey::LogDirectory].defaultText);
+const OmUniString Bootstrap::DEFAULT_LOGFILTER(kSettingKeys[SettingKey::LogFilter].defaultText);
 
 namespace {
 
 bool isDirectory(const OmUniString& path) { return OmFile::IsDirectory(path.AsUtf8().c_str()); }
 
-OmUniString keyName(SettingId id) { return OmUniString(kSettingKeys[id].name); }
+OmUniString keyName(SettingKey::Id id) { return OmUniString(kSettingKeys[id].name); }
 
 }  // namespace
 
@@ -46,7 +46,7 @@ Bootstrap::Bootstrap(const OmUniString& dir, unsigned procs)
 
   // The log set-up needs the log directory and filter first; complaints about
   // them are reported once it exists.
-  const OmUniString* logDir = props.Get(keyName(kLogDirectory));
+  const OmUniString* logDir = props.Get(keyName(SettingKey::LogDirectory));
   const OmUniString* badLogDir = nullptr;
   if (logDir != nullptr) {
     if (isDirectory(*logDir)) {
@@ -55,44 +55,44 @@ Bootstrap::Bootstrap(const OmUniString& dir, unsigned procs)
       badLogDir = logDir;
     }
   }
-  const OmUniString* filterText = props.Get(keyName(kLogFilter));
+  const OmUniString* filterText = props.Get(keyName(SettingKey::LogFilter));
   if (filterText != nullptr) values.logFilter = *filterText;
 
   bootLogger = new Logging(values.logDirectory, values.logFilter);
 
-  const OmUniString defaultDir(kSettingKeys[kLogDirectory].defaultText);
-  if (logDir == nullptr) LogStringAttrNonExistant(keyName(kLogDirectory), defaultDir);
-  if (badLogDir != nullptr) LogPathNotDirectory(*badLogDir, defaultDir, keyName(kLogDirectory));
-  if (filterText == nullptr) LogStringAttrNonExistant(keyName(kLogFilter), values.logFilter);
+  const OmUniString defaultDir(kSettingKeys[SettingKey::LogDirectory].defaultText);
+  if (logDir == nullptr) LogStringAttrNonExistant(keyName(SettingKey::LogDirectory), defaultDir);
+  if (badLogDir != nullptr) LogPathNotDirectory(*badLogDir, defaultDir, keyName(SettingKey::LogDirectory));
+  if (filterText == nullptr) LogStringAttrNonExistant(keyName(SettingKey::LogFilter), values.logFilter);
 
-  for (SettingId id : {kPort, kWindowSize, kSampleRate, kHostLifeTime, kMinCacheSize}) {
+  for (SettingKey::Id id : {SettingKey::Port, SettingKey::WindowSize, SettingKey::SampleRate, SettingKey::HostLifeTime, SettingKey::MinCacheSize}) {
     kSettingKeys[id].set(values, GetUint(id));
   }
-  values.filter = GetString(kFilter);
+  values.filter = GetString(SettingKey::Filter);
 
-  const OmUniString probePath = GetString(kProbePath);
+  const OmUniString probePath = GetString(SettingKey::ProbePath);
   const long space = probePath.Search(' ');
   const OmUniString program = space < 0 ? probePath : probePath.SubString(0, space);
   if (OmFile::DoesPathExist(program.AsUtf8().c_str())) {
     values.probePath = probePath;
   } else {
-    LogPathNonExistant(program, values.probePath, keyName(kProbePath));
+    LogPathNonExistant(program, values.probePath, keyName(SettingKey::ProbePath));
   }
 
   // Unlike the log directory, a bad pid directory is kept: the pid file then
   // simply fails to be written.
-  values.pidDirectory = GetString(kPidDirectory);
+  values.pidDirectory = GetString(SettingKey::PidDirectory);
   if (!isDirectory(values.pidDirectory)) {
-    LogPathNotDirectory(values.pidDirectory, defaultDir, keyName(kPidDirectory));
+    LogPathNotDirectory(values.pidDirectory, defaultDir, keyName(SettingKey::PidDirectory));
   }
 
-  for (SettingId id : {kMaxVirtualMemory, kMaxPhysMemory, kMultiProcessorFactor}) {
+  for (SettingKey::Id id : {SettingKey::MaxVirtualMemory, SettingKey::MaxPhysMemory, SettingKey::MultiProcessorFactor}) {
     kSettingKeys[id].set(values, GetUint(id));
   }
   Settings::applySampleRateRule(values.sampleRate, values.windowSize);
 }
 
-uint32_t Bootstrap::GetUint(SettingId id) {
+uint32_t Bootstrap::GetUint(SettingKey::Id id) {
   const SettingKey& key = kSettingKeys[id];
   const OmUniString* text = props.Get(keyName(id));
   if (text == nullptr) {
@@ -107,7 +107,7 @@ uint32_t Bootstrap::GetUint(SettingId id) {
   return value;
 }
 
-OmUniString Bootstrap::GetString(SettingId id) {
+OmUniString Bootstrap::GetString(SettingKey::Id id) {
   const OmUniString* text = props.Get(keyName(id));
   if (text != nullptr) return *text;
   const OmUniString def(kSettingKeys[id].defaultText);

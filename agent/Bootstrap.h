@@ -48,8 +48,8 @@ class Bootstrap {
   int32_t getProcessors() const { return processors; }
 
  private:
-  uint32_t GetUint(SettingId id);
-  OmUniString GetString(SettingId id);
+  uint32_t GetUint(SettingKey::Id id);
+  OmUniString GetString(SettingKey::Id id);
 
   OmUniString directory;
   int32_t processors;

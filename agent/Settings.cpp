@@ -2,7 +2,7 @@
 
 #define QUELM_KEY "varosa.config.quelmloadbalancing."
 
-const SettingKey kSettingKeys[kSettingCount] = {
+const SettingKey kSettingKeys[SettingKey::Count] = {
     {QUELM_KEY "port", &Settings::port, nullptr, 3579, nullptr, 0},
     {QUELM_KEY "windowsize", &Settings::windowSize, nullptr, 120, nullptr, 0},
     {QUELM_KEY "samplerate", &Settings::sampleRate, nullptr, 30, nullptr, 0},

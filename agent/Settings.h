@@ -32,6 +32,24 @@ struct Settings {
 
 // One key of the properties file, its built-in default and the field it sets.
 struct SettingKey {
+  // Every key, in the order in which the configuration is written back.
+  enum Id {
+    Port,
+    WindowSize,
+    SampleRate,
+    HostLifeTime,
+    MinCacheSize,
+    Filter,
+    ProbePath,
+    LogDirectory,
+    PidDirectory,
+    LogFilter,
+    MaxVirtualMemory,
+    MaxPhysMemory,
+    MultiProcessorFactor,
+    Count
+  };
+
   const char* name;
   uint32_t Settings::*number;   // a number key: its field, else null
   OmUniString Settings::*text;  // a text key: its field, else null
@@ -46,23 +64,6 @@ struct SettingKey {
   uint32_t fileValue(const Settings& settings) const { return settings.*number >> shift; }
 };
 
-// Every key, in the order in which the configuration is written back.
-enum SettingId {
-  kPort,
-  kWindowSize,
-  kSampleRate,
-  kHostLifeTime,
-  kMinCacheSize,
-  kFilter,
-  kProbePath,
-  kLogDirectory,
-  kPidDirectory,
-  kLogFilter,
-  kMaxVirtualMemory,
-  kMaxPhysMemory,
-  kMultiProcessorFactor,
-  kSettingCount
-};
-extern const SettingKey kSettingKeys[kSettingCount];
+extern const SettingKey kSettingKeys[SettingKey::Count];
 
 #endif  // QUELM_AGENT_SETTINGS_H_

@@ -5,6 +5,7 @@
 #include <netdb.h>
 #include <netinet/in.h>
 
+#include <csignal>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -12,19 +13,24 @@
 #include <ctime>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <string>
 
 #include "agent/Bootstrap.h"
 #include "agent/Globals.h"
 #include "agent/Logging.h"
 #include "agent/MyLogger.h"
+#include "agent/Settings.h"
 #include "command/ParseCommand.h"
 #include "foundation/event/OmEventLoop.h"
+#include "foundation/string/OmEnv.h"
 #include "foundation/string/OmUniString.h"
 #include "hosts/HostListMgr.h"
 #include "hosts/Responder.h"
 #include "measure/Bogomips.h"
 #include "measure/Cache.h"
+#include "measure/ChildManager.h"
+#include "measure/VmstatFilter.h"
 
 // Host names are resolved by the C library; the fuzzer must never reach a
 // name server. Only numeric forms are accepted, and every one of them stands
@@ -73,15 +79,22 @@ void tearDownAgent() {
   if (!tempDir().empty()) std::filesystem::remove_all(tempDir(), ignored);
 }
 
-// A processor clock whose every timed run seems to take two seconds, so that
-// the speed estimate costs nothing.
-std::clock_t fakeProcessorClock() {
-  static std::clock_t ticks = 0;
-  static bool start = true;
-  if (!start) ticks += 2000000;
-  start = !start;
-  return ticks;
-}
+// The system's time, but a processor clock whose every timed run seems to
+// take two seconds, so that the speed estimate costs nothing.
+class FuzzEnv : public OmEnv {
+ public:
+  OmTimeVal Now() override { return Default()->Now(); }
+  void Sleep(unsigned seconds) override { Default()->Sleep(seconds); }
+  std::clock_t ProcessorClock() override {
+    if (!start) ticks += 2000000;
+    start = !start;
+    return ticks;
+  }
+
+ private:
+  std::clock_t ticks = 0;
+  bool start = true;
+};
 
 OmEventLoop& hostLoop() {
   static OmEventLoop loop(nullptr);
@@ -104,15 +117,26 @@ void setUpAgent() {
         << prefix << "port=4567\n";
   props.close();
 
+  static FuzzEnv env;
+  OmEnv::Install(&env);
   myBootstrap = new Bootstrap(OmUniString(tempDir().c_str()), 1);
+  mySettings = &myBootstrap->settings();
   // No clauses: every message is formatted as in the probe and then dropped.
   mylog.SetupCSFilters({});
-  myCache = new Cache(myBootstrap->getMinCacheSize(), myBootstrap->getMaxVirtualMemory(),
-                      myBootstrap->getMaxPhysMemory());
+  myCache = new Cache(mySettings->minCacheSize, mySettings->maxVirtualMemory,
+                      mySettings->maxPhysMemory);
   myCache->addToCache(97, 2048 * 1024, 1024 * 1024, 0, 0);
-  myBogomips = new Bogomips(1, 80, &fakeProcessorClock);
+  myBogomips = new Bogomips(1, 80);
   myResponder = new Responder();
   HostListMgr::init(&hostLoop());
+  // Asked for the tool's parameters only: the tool is never started. Its
+  // signal set-up is undone, so that libFuzzer keeps its own handlers.
+  static VmstatFilter filter(mySettings->maxVirtualMemory, mySettings->maxPhysMemory);
+  const int signals[] = {SIGHUP, SIGINT, SIGTERM, SIGPIPE, SIGTTOU, SIGTTIN, SIGTSTP, SIGXFSZ};
+  struct sigaction saved[std::size(signals)];
+  for (size_t i = 0; i < std::size(signals); ++i) sigaction(signals[i], nullptr, &saved[i]);
+  myChildManager = new ChildManager(hostLoop(), &filter, &HostListMgr::percentChangeCheck);
+  for (size_t i = 0; i < std::size(signals); ++i) sigaction(signals[i], &saved[i], nullptr);
 }
 
 bool startsWith(const std::string& s, const std::string& prefix) {

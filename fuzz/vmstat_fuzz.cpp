@@ -9,6 +9,7 @@
 
 #include "agent/Globals.h"
 #include "agent/MyLogger.h"
+#include "agent/Settings.h"
 #include "foundation/log/OmLog.h"
 #include "foundation/string/OmUniString.h"
 #include "measure/Cache.h"
@@ -32,6 +33,8 @@ void check(bool ok) {
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
   // Messages are formatted as in the probe but go nowhere.
+  static const Settings settings;
+  mySettings = &settings;
   OmLog::InitLogs(&mylog, OmUniString("/tmp"));
   mylog.SetupCSFilters({});
   return 0;

@@ -10,18 +10,14 @@ class SarFilter : public BaseFilter {
  public:
   static const OmUniString myFilterName;
 
-  SarFilter(uint32_t maxVirtualMemory, uint32_t maxPhysMemory)
-      : maxVirtualMemory(maxVirtualMemory), maxPhysMemory(maxPhysMemory) {}
+  // The memory maxima would matter to a working sar filter.
+  SarFilter(uint32_t /*maxVirtualMemory*/, uint32_t /*maxPhysMemory*/) {}
 
   // Always false: sar is not supported.
   static bool matches(const OmUniString& name);
 
   bool doFiltering(char* data, int length, int& idle) override;
   void resetFilter() override {}
-
- private:
-  uint32_t maxVirtualMemory;
-  uint32_t maxPhysMemory;
 };
 
 #endif  // QUELM_MEASURE_SARFILTER_H_
