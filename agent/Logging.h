@@ -18,7 +18,6 @@ class Logging {
   // Flushes and reopens the log files (after rotation).
   void flushLogs();
   void closeLogs();
-  bool isOk() const { return ok; }
 
  private:
   bool ok = false;

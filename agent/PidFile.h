@@ -14,8 +14,6 @@ class PidFile {
   PidFile(const PidFile&) = delete;
   PidFile& operator=(const PidFile&) = delete;
 
-  const OmUniString& getName() const { return name; }
-  bool isCreated() const { return created; }
 
  private:
   OmUniString name;

@@ -45,11 +45,6 @@ class Quelm_LbsTransmission {
   LbsAttributes& getAttributes() { return attributes; }
   OmUniString& getRawTransmission() { return rawTransmission; }
   bool isValid() const { return valid; }
-  // The last value read by parseValue; after construction the command word.
-  const OmUniString& getCurrentValue() const { return currentValue; }
-  // The text kept when a quoted command word was not closed.
-  const OmUniString& getErrorText() const { return errorText; }
-
   // The command's name, or "UNKNOWN" outside the table.
   OmUniString showCommand(LbsCommand c) const;
 

@@ -36,22 +36,18 @@ class Host {
 
   bool isValid() const { return valid; }
   const OmUniString& getName() const { return name; }
-  const OmInetAddr& getAddress() const { return address; }
   unsigned getPort() const { return port; }
   unsigned getSampleRate() const { return sampleRate; }     // seconds
   unsigned getWindowSize() const { return windowSize; }
   unsigned getReplyFrequency() const { return replyFrequency; }  // seconds
   unsigned getPercentChange() const { return percentChangeThreshold; }
   unsigned getId() const { return id; }
-  const OmUniString& getText() const { return text; }
   unsigned getFlags() const { return flags; }
   unsigned getLastIdle() const { return lastIdle; }
   unsigned getLastVmem() const { return lastVmem; }
-  unsigned getLastPmem() const { return lastPmem; }
   unsigned getLastBogo() const { return lastBogo; }
   const OmTimeVal& getLastSendTime() const { return lastSendTime; }
   const OmTimeVal& getNextSendTime() const { return nextSendTime; }
-  const OmTimeVal& getExpiryTime() const { return expiryTime; }
   unsigned getCacheEntries() const { return cacheEntries; }
 
  private:

@@ -23,9 +23,7 @@ class Bogomips {
 
   int64_t getBogomips() const { return highest; }
   int64_t getCurrent() const { return current; }
-  int64_t getLowest() const { return lowest; }
   int32_t getProcessors() const { return processors; }
-  uint32_t getFactor() const { return factor; }
 
  private:
   int64_t current = 0;

@@ -30,12 +30,10 @@ class Cache {
 
   uint32_t getCurrentIdle() const { return lastIdle; }
   uint32_t getCurrentVmem() const { return lastVmem; }  // KiB
-  uint32_t getHighestIdle() const { return highestIdle; }
   // The construction time until the first sample arrives.
   const OmTimeVal& getTimeOfLastSample() const { return lastSampleTime; }
   uint32_t getNumberOfSamples() const { return static_cast<uint32_t>(samples.size()); }
   uint32_t getCacheSize() const { return cacheSize; }
-  uint32_t getMinCacheSize() const { return minCacheSize; }
   uint32_t getMaxVirtualMemory() const { return maxVirtualMemory; }
   uint32_t getMaxPhysMemory() const { return maxPhysMemory; }
 
