@@ -75,15 +75,30 @@ int OmFile::Write(const void* buf, long len, long& done) {
   return TransferResult(::write(fd_, buf, static_cast<size_t>(len)), len, done, false);
 }
 
-int OmFile::SendFD(int fd) {
+namespace {
+
+// A message of one data byte with room for one passed descriptor.
+struct FdMessage {
+  FdMessage() {
+    msg.msg_iov = &iov;
+    msg.msg_iovlen = 1;
+    msg.msg_control = control;
+    msg.msg_controllen = sizeof control;
+  }
+  FdMessage(const FdMessage&) = delete;
+  FdMessage& operator=(const FdMessage&) = delete;
+
   char byte = 0;
   iovec iov{&byte, 1};
   alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
   msghdr msg{};
-  msg.msg_iov = &iov;
-  msg.msg_iovlen = 1;
-  msg.msg_control = control;
-  msg.msg_controllen = sizeof control;
+};
+
+}  // namespace
+
+int OmFile::SendFD(int fd) {
+  FdMessage m;
+  msghdr& msg = m.msg;
   cmsghdr* cmsg = CMSG_FIRSTHDR(&msg);
   cmsg->cmsg_level = SOL_SOCKET;
   cmsg->cmsg_type = SCM_RIGHTS;
@@ -99,14 +114,8 @@ int OmFile::SendFD(int fd) {
 }
 
 int OmFile::RecvFD(RecvFDInfo& info) {
-  char byte = 0;
-  iovec iov{&byte, 1};
-  alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
-  msghdr msg{};
-  msg.msg_iov = &iov;
-  msg.msg_iovlen = 1;
-  msg.msg_control = control;
-  msg.msg_controllen = sizeof control;
+  FdMessage m;
+  msghdr& msg = m.msg;
   info.fd = -1;
   info.dataBytes = 0;
   const ssize_t n = ::recvmsg(fd_, &msg, MSG_CMSG_CLOEXEC);
