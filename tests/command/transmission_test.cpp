@@ -5,7 +5,6 @@
 
 #include <filesystem>
 #include <fstream>
-#include <random>
 #include <string>
 #include <utility>
 #include <vector>
@@ -76,20 +75,6 @@ TEST(TransmissionTest, RepeatedChildrenAndLookups) {
   EXPECT_TRUE(*out[0] == "first");
   EXPECT_TRUE(*out[1] == "second");
   EXPECT_EQ(&LbsAttributes::NULLSTRING, out[2]);
-}
-
-TEST(TransmissionTest, RandomTextsNeverCrash) {
-  const std::string alphabet = "<>/=\" az";
-  std::mt19937 rng(12345);
-  for (int i = 0; i < 4000; ++i) {
-    std::string text = (i % 2 == 0) ? "<znalbreq type=" : "";
-    const int len = static_cast<int>(rng() % 40);
-    for (int j = 0; j < len; ++j) text += alphabet[rng() % alphabet.size()];
-    Parsed p{OmUniString(text)};
-    const int c = static_cast<int>(p.t.getCommand());
-    EXPECT_TRUE((c >= 0 && c < Quelm_LbsTransmission::arraySize) || c == 255) << text;
-    EXPECT_EQ(p.attrs().size(), p.t.getAttributes().getCount()) << text;
-  }
 }
 
 // Text after the children is one syntax error, logged as one line.
