@@ -67,6 +67,7 @@ class Engine {
 
   LoadResult Run() {
     const Clock::time_point begin = Clock::now();
+    begin_ = begin;
     stopAt_ = opt_.seconds > 0 ? begin + std::chrono::duration_cast<Clock::duration>(
                                              std::chrono::duration<double>(opt_.seconds))
                                : Clock::time_point::max();
@@ -121,6 +122,7 @@ class Engine {
       if (counter == &LoadResult::ok && opt_.close == CloseMode::AfterReply) {
         const auto us = std::chrono::duration_cast<std::chrono::microseconds>(now - s.start);
         result_.latencyUs.push_back(static_cast<uint32_t>(us.count()));
+        result_.doneAtS.push_back(std::chrono::duration<float>(now - begin_).count());
       }
       ++(result_.*counter);
     }
@@ -204,11 +206,19 @@ class Engine {
   int ep_ = -1;
   long busy_ = 0;
   Clock::time_point stopAt_;
+  Clock::time_point begin_;
   Clock::time_point lastSweep_;
   LoadResult result_;
 };
 
 }  // namespace
+
+double LoadResult::PerSecondBetween(double from, double to) const {
+  if (to <= from) return 0;
+  const long n = std::count_if(doneAtS.begin(), doneAtS.end(),
+                               [&](float t) { return t >= from && t < to; });
+  return static_cast<double>(n) / (to - from);
+}
 
 double LoadResult::PercentileMs(double p) const {
   if (latencyUs.empty()) return 0;

@@ -36,6 +36,10 @@ struct LoadResult {
   long timeouts = 0;
   double elapsed = 0;  // seconds from the first connect to the last completion
   std::vector<uint32_t> latencyUs;
+  std::vector<float> doneAtS;  // when each complete reply arrived, seconds from the start
+
+  // Complete replies per second between from and to seconds after the start.
+  double PerSecondBetween(double from, double to) const;
 
   long Errors() const { return refused + reset + eof + timeouts; }
   double PerSecond() const { return elapsed > 0 ? static_cast<double>(ok) / elapsed : 0; }

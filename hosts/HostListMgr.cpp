@@ -12,9 +12,12 @@
 #include "measure/Cache.h"
 #include "measure/ChildManager.h"
 
-OmIList<Host> HostListMgr::HostList;
+HostTable HostListMgr::HostList;
 OmEventLoop* HostListMgr::eventloop = nullptr;
 OmStaticCallback<OmEvent::cbdispatch> HostListMgr::regularTimeoutcb(&HostListMgr::regularTimeoutCB);
+std::map<unsigned, unsigned> HostListMgr::rateCounts;
+std::map<unsigned, unsigned> HostListMgr::entryCounts;
+unsigned HostListMgr::entriesRate = 0;
 
 namespace {
 
@@ -26,6 +29,13 @@ unsigned roundedRatio(double numerator, unsigned denominator) {
   const double ratio = std::nearbyint(numerator / denominator);
   if (ratio >= 4294967295.0) return 4294967295u;
   return static_cast<unsigned>(ratio);
+}
+
+void countIn(std::map<unsigned, unsigned>& counts, unsigned key) { ++counts[key]; }
+
+void countOut(std::map<unsigned, unsigned>& counts, unsigned key) {
+  const auto it = counts.find(key);
+  if (it != counts.end() && --it->second == 0) counts.erase(it);
 }
 
 }  // namespace
@@ -40,14 +50,11 @@ void HostListMgr::regularTimeoutCB(OmEventCallback*, OmEvent::cbdispatch reason)
 
   const OmTimeVal now = OmTimeVal::now();
   bool removed = false;
-  for (size_t i = 0; i < HostList.Length();) {
-    Host* host = HostList[i];
-    if (!host->isExpired(now)) {
-      ++i;
-      continue;
-    }
+  for (Host* host : HostList.Snapshot()) {
+    if (!host->isExpired(now)) continue;
     LogHostTimedOut(host->getName(), host->getId());
-    HostList.RemoveAt(i);
+    HostList.Remove(host->getId());
+    uncountHost(host);
     delete host;
     removed = true;
   }
@@ -60,9 +67,7 @@ void HostListMgr::regularTimeoutCB(OmEventCallback*, OmEvent::cbdispatch reason)
 Host* HostListMgr::addHost(const OmUniString& name, unsigned port, unsigned sampleRateMs,
                            unsigned windowSize, unsigned replyFrequencyMs, unsigned percentChange,
                            unsigned id, const OmUniString& text, unsigned flags) {
-  for (const Host* existing : HostList) {
-    if (existing->getId() == id) return nullptr;  // a subscription is never renewed
-  }
+  if (HostList.Find(id) != nullptr) return nullptr;  // a subscription is never renewed
 
   Host* host = nullptr;
   try {
@@ -77,23 +82,19 @@ Host* HostListMgr::addHost(const OmUniString& name, unsigned port, unsigned samp
   }
 
   HostList.Append(host);
+  countHost(host);
   LogHostListLen(OmUniString("Add Host"), static_cast<unsigned>(HostList.Length()));
   setLoadToolParameters();
   return host;
 }
 
 bool HostListMgr::removeHost(unsigned id) {
-  bool removed = false;
-  for (size_t i = 0; i < HostList.Length();) {
-    Host* host = HostList[i];
-    if (host->getId() != id) {
-      ++i;
-      continue;
-    }
-    HostList.RemoveAt(i);
+  // Ids are unique in the list: at most one host goes.
+  Host* host = HostList.Remove(id);
+  const bool removed = host != nullptr;
+  if (removed) {
+    uncountHost(host);
     delete host;
-    removed = true;
-    i = 0;
   }
   LogHostListLen(OmUniString("Remove Host"), static_cast<unsigned>(HostList.Length()));
   if (removed) setLoadToolParameters();
@@ -104,35 +105,73 @@ void HostListMgr::percentChangeCheck(unsigned idle) {
   for (Host* host : HostList.Snapshot()) host->percentChange(idle);
 }
 
+unsigned HostListMgr::hostCacheEntries(const Host* host, unsigned rate) {
+  return roundedRatio(static_cast<double>(host->getSampleRate()) * host->getWindowSize(), rate);
+}
+
+void HostListMgr::countHost(Host* host) {
+  countIn(rateCounts, host->getSampleRate());
+  // Sets the host's entries at the rate in force; should the host change
+  // that rate, setLoadToolParameters sets every host's entries again.
+  if (entriesRate == 0) return;
+  const unsigned entries = hostCacheEntries(host, entriesRate);
+  if (entries == 0) {
+    host->setCacheEntries(kMinCacheEntries);  // not a candidate for the largest
+  } else {
+    countIn(entryCounts, entries);
+    host->setCacheEntries(entries);
+  }
+}
+
+void HostListMgr::uncountHost(const Host* host) {
+  countOut(rateCounts, host->getSampleRate());
+  if (entriesRate == 0) return;
+  const unsigned entries = hostCacheEntries(host, entriesRate);
+  if (entries != 0) countOut(entryCounts, entries);
+}
+
+void HostListMgr::setAllCacheEntries(unsigned rate) {
+  entryCounts.clear();
+  for (Host* host : HostList) {
+    unsigned entries = hostCacheEntries(host, rate);
+    if (entries == 0) {
+      entries = kMinCacheEntries;  // not a candidate for the largest
+    } else {
+      countIn(entryCounts, entries);
+    }
+    host->setCacheEntries(entries);
+  }
+  entriesRate = rate;
+}
+
 void HostListMgr::setLoadToolParameters() {
   unsigned rate = mySettings->sampleRate;
   const double span = static_cast<double>(rate) * mySettings->windowSize;
-  for (const Host* host : HostList) rate = std::min(rate, host->getSampleRate());
+  if (!rateCounts.empty()) rate = std::min(rate, rateCounts.begin()->first);
   if (rate == 0) return;  // the sample-rate rule keeps every rate at 5 or more
 
   const unsigned window = roundedRatio(span, rate);
   myChildManager->setSampleRateAndWindowSize(rate, window);
 
   if (HostList.IsEmpty()) {
+    entryCounts.clear();
+    entriesRate = 0;
     myCache->setCacheSize(kMinCacheEntries);
     return;
   }
 
+  // At an unchanged rate every host's entries stand: a host's rate and
+  // window never change, and countHost set a new host's.
+  if (rate != entriesRate) setAllCacheEntries(rate);
   unsigned largest = kMinCacheEntries;
-  for (Host* host : HostList) {
-    unsigned entries =
-        roundedRatio(static_cast<double>(host->getSampleRate()) * host->getWindowSize(), rate);
-    if (entries == 0) {
-      entries = kMinCacheEntries;
-    } else {
-      largest = std::max(largest, entries);
-    }
-    host->setCacheEntries(entries);
-  }
+  if (!entryCounts.empty()) largest = std::max(largest, entryCounts.rbegin()->first);
   myCache->setCacheSize(largest);
 }
 
 void HostListMgr::clear() {
-  for (Host* host : HostList.Snapshot()) delete host;
+  for (Host* host : HostList) delete host;
   HostList.Clear();
+  rateCounts.clear();
+  entryCounts.clear();
+  entriesRate = 0;
 }

@@ -57,5 +57,28 @@ TEST_F(HostListTest, ToolParametersFromConfigurationAndHosts) {
   EXPECT_EQ(4294967295u, host->getCacheEntries());
 }
 
+// The list keeps its order across removals; the cache shrinks back when the
+// host wanting the most entries goes.
+TEST_F(HostListTest, RemovalKeepsOrderAndRetunesTheCache) {
+  for (unsigned id = 1; id <= 100; ++id) {
+    ASSERT_NE(nullptr, addHost(id, Host::CPU, 10000, 5000, 6));
+  }
+  ASSERT_NE(nullptr, addHost(101, Host::CPU, 10000, 5000, 9));
+  expectTool(5, 3, 9);
+  for (unsigned id = 2; id <= 100; id += 2) EXPECT_TRUE(HostListMgr::removeHost(id));
+  EXPECT_TRUE(HostListMgr::removeHost(101));
+  EXPECT_FALSE(HostListMgr::removeHost(101));
+  expectTool(5, 3, 6);
+
+  std::string ids;
+  for (const Host* host : HostListMgr::getHosts()) ids += std::to_string(host->getId()) + " ";
+  std::string odd;
+  for (unsigned id = 1; id < 100; id += 2) odd += std::to_string(id) + " ";
+  EXPECT_EQ(odd, ids);
+  EXPECT_EQ(nullptr, addHost(99, Host::CPU));
+  EXPECT_NE(nullptr, addHost(100, Host::CPU));
+  EXPECT_EQ(100u, HostListMgr::getHosts()[50]->getId());
+}
+
 }  // namespace
 }  // namespace hoststest
