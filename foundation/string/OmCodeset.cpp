@@ -21,9 +21,12 @@ const OmCodeset OmCodeset::kTable[] = {
      "csASCII"},
     {"ISO-8859-1", "ISO-8859-1", kLatin1,
      "latin1 l1 ISO_8859-1 ISO_8859-1:1987 iso-ir-100 IBM819 CP819 csISOLatin1 iso8859-1"},
-    {"ISO-8859-2", "ISO-8859-2", kIconv, "latin2 l2 ISO_8859-2 ISO_8859-2:1987 iso-ir-101 csISOLatin2"},
-    {"ISO-8859-3", "ISO-8859-3", kIconv, "latin3 l3 ISO_8859-3 ISO_8859-3:1988 iso-ir-109 csISOLatin3"},
-    {"ISO-8859-4", "ISO-8859-4", kIconv, "latin4 l4 ISO_8859-4 ISO_8859-4:1988 iso-ir-110 csISOLatin4"},
+    {"ISO-8859-2", "ISO-8859-2", kIconv,
+     "latin2 l2 ISO_8859-2 ISO_8859-2:1987 iso-ir-101 csISOLatin2"},
+    {"ISO-8859-3", "ISO-8859-3", kIconv,
+     "latin3 l3 ISO_8859-3 ISO_8859-3:1988 iso-ir-109 csISOLatin3"},
+    {"ISO-8859-4", "ISO-8859-4", kIconv,
+     "latin4 l4 ISO_8859-4 ISO_8859-4:1988 iso-ir-110 csISOLatin4"},
     {"ISO-8859-5", "ISO-8859-5", kIconv,
      "cyrillic ISO_8859-5 ISO_8859-5:1988 iso-ir-144 csISOLatinCyrillic"},
     {"ISO-8859-6", "ISO-8859-6", kIconv,
@@ -32,7 +35,8 @@ const OmCodeset OmCodeset::kTable[] = {
      "greek greek8 ISO_8859-7 ISO_8859-7:1987 iso-ir-126 ELOT_928 ECMA-118 csISOLatinGreek"},
     {"ISO-8859-8", "ISO-8859-8", kIconv,
      "hebrew ISO_8859-8 ISO_8859-8:1988 iso-ir-138 csISOLatinHebrew"},
-    {"ISO-8859-9", "ISO-8859-9", kIconv, "latin5 l5 ISO_8859-9 ISO_8859-9:1989 iso-ir-148 csISOLatin5"},
+    {"ISO-8859-9", "ISO-8859-9", kIconv,
+     "latin5 l5 ISO_8859-9 ISO_8859-9:1989 iso-ir-148 csISOLatin5"},
     {"ISO-8859-10", "ISO-8859-10", kIconv, "latin6 l6 ISO_8859-10:1992 iso-ir-157 csISOLatin6"},
     {"ISO-8859-13", "ISO-8859-13", kIconv, "latin7 ISO_8859-13 csISO885913"},
     {"ISO-8859-14", "ISO-8859-14", kIconv,
@@ -64,7 +68,8 @@ const OmCodeset OmCodeset::kTable[] = {
     {"IBM865", "IBM865", kIconv, "cp865 865 csIBM865"},
     {"IBM866", "IBM866", kIconv, "cp866 866 csIBM866"},
     {"IBM869", "IBM869", kIconv, "cp869 869 cp-gr csIBM869"},
-    {"IBM037", "IBM037", kIconv, "cp037 ebcdic-cp-us ebcdic-cp-ca ebcdic-cp-wt ebcdic-cp-nl csIBM037"},
+    {"IBM037", "IBM037", kIconv,
+     "cp037 ebcdic-cp-us ebcdic-cp-ca ebcdic-cp-wt ebcdic-cp-nl csIBM037"},
     {"IBM273", "IBM273", kIconv, "CP273 csIBM273"},
     {"IBM500", "IBM500", kIconv, "CP500 ebcdic-cp-be ebcdic-cp-ch csIBM500"},
     {"IBM1047", "IBM1047", kIconv, "IBM-1047 cp1047 csIBM1047"},
@@ -136,8 +141,8 @@ bool Run(iconv_t cd, const void* data, size_t n, OmByteBuffer& out, size_t& done
     char* o = reinterpret_cast<char*>(out.MutableData()) + used;
     size_t oLeft = out.Length() - used;
     // Flushing writes what a stateful set needs to end in its initial state.
-    const size_t r = flushing ? iconv(cd, nullptr, nullptr, &o, &oLeft)
-                              : iconv(cd, &in, &inLeft, &o, &oLeft);
+    const size_t r =
+        flushing ? iconv(cd, nullptr, nullptr, &o, &oLeft) : iconv(cd, &in, &inLeft, &o, &oLeft);
     used = out.Length() - oLeft;
     if (r != static_cast<size_t>(-1)) {
       lossy += r;

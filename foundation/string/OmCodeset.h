@@ -39,7 +39,7 @@ class OmCodesetError : public OmError {
 // conversions themselves are OmUniString::AsCodeset and the strict
 // OmUniString::CreateFrom; they run on the C library's iconv, except for
 // US-ASCII, ISO-8859-1 and UTF-8, which are converted in line because the
-// probe's own texts use them and iconv is several times slower for them.
+// probe's own texts use them and iconv takes two to three times as long.
 class OmCodeset {
  public:
   enum Method { kIconv, kAscii, kLatin1, kUtf8, kBom16, kBom32 };
