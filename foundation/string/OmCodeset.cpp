@@ -114,6 +114,20 @@ const char kUnitsName[] = "UTF-16BE";
 
 bool builtIn = true;
 
+const iconv_t kClosed = reinterpret_cast<iconv_t>(-1);
+
+// Each set's decoding and encoding descriptors, closed when the process ends.
+struct Descriptors {
+  explicit Descriptors(unsigned count) : slots(count, {kClosed, kClosed}) {}
+  ~Descriptors() {
+    for (const auto& [decoder, encoder] : slots) {
+      if (decoder != kClosed) iconv_close(decoder);
+      if (encoder != kClosed) iconv_close(encoder);
+    }
+  }
+  std::vector<std::pair<iconv_t, iconv_t>> slots;
+};
+
 bool IsHigh(Unit u) { return u >= 0xD800 && u <= 0xDBFF; }
 bool IsLow(Unit u) { return u >= 0xDC00 && u <= 0xDFFF; }
 
@@ -342,12 +356,11 @@ bool OmCodeset::Open(bool encode, void*& cd, OmCodesetError& err) const {
   // Opening loads and sets up glibc's converter modules, far dearer than a
   // conversion: each set's two descriptors are opened once, when first used,
   // and kept for the life of the process (single-threaded, so never shared).
-  const iconv_t closed = reinterpret_cast<iconv_t>(-1);
-  static std::vector<std::pair<iconv_t, iconv_t>> open(Count(), {closed, closed});
-  iconv_t& slot = encode ? open[Index()].second : open[Index()].first;
-  if (slot == closed) {
+  static Descriptors open(Count());
+  iconv_t& slot = encode ? open.slots[Index()].second : open.slots[Index()].first;
+  if (slot == kClosed) {
     slot = encode ? iconv_open(iconv_, kUnitsName) : iconv_open(kUnitsName, iconv_);
-    if (slot == closed) {
+    if (slot == kClosed) {
       err.Set(OmCodesetError::kUnavailable, name_, 0, 0, errno);
       return false;
     }
