@@ -131,7 +131,7 @@ void OmUnixProcess::Exec(const char* const* argv, ForkParams& params) {
     if (r.from == r.to) fcntl(r.to, F_SETFD, 0);
   }
 
-  if (params.setEuid || params.setEgid || params.setUid || params.setGid) {
+  if (params.setEuid || params.setEgid || params.setUid || params.setGid || params.setGroups) {
     const unsigned heldEuid = euid_;
     if (euid_ != 0) {
       if (!SetEffectiveUserId(0)) {
@@ -139,6 +139,17 @@ void OmUnixProcess::Exec(const char* const* argv, ForkParams& params) {
         return;
       }
       euid_ = 0;
+    }
+    // Groups first, while still root; a child leaving root must not keep
+    // root's supplementary groups.
+    if (params.setGroups || (params.setUid && params.uid != 0)) {
+      const gid_t own = params.setGid ? params.gid : params.setEgid ? params.egid : getgid();
+      std::vector<gid_t> groups = params.groups;
+      if (!params.setGroups || groups.empty()) groups.assign(1, own);
+      if (setgroups(groups.size(), groups.data()) != 0) {
+        SetUidError("setgroups", own);
+        return;
+      }
     }
     if (params.setEgid && params.egid != egid_) {
       if (!SetEffectiveGroupId(params.egid)) {
@@ -161,7 +172,9 @@ void OmUnixProcess::Exec(const char* const* argv, ForkParams& params) {
       }
       euid_ = params.uid;
     }
-    const unsigned wantEuid = (params.setEuid && params.euid != heldEuid) ? params.euid : heldEuid;
+    // A new real user takes the effective one with it: setuid as root sets
+    // both, so the one held before could not be restored anyway.
+    const unsigned wantEuid = params.setEuid ? params.euid : params.setUid ? params.uid : heldEuid;
     if (geteuid() != wantEuid) {
       if (!SetEffectiveUserId(wantEuid)) {
         SetUidError("seteuid", wantEuid);
@@ -236,7 +249,20 @@ bool OmUnixProcess::SetUidError(const char* which, unsigned id) {
   return false;
 }
 
+void OmUnixProcess::ForkParams::SetUser(const OmUnixUser& user) {
+  euid = uid = user.uid;
+  egid = gid = user.gid;
+  setEuid = setUid = setEgid = setGid = setGroups = true;
+  groups = user.groups;
+}
+
 bool OmUnixProcess::FixGroups(OmUnixUser& user) {
+  // An entry made by hand has no groups: the group database knows them, and
+  // without it the user's own group is the safe minimum.
+  OmUnixError ignored;
+  if (user.groups.empty() && !user.name.empty()) {
+    OmUnixUser::GroupsOf(user.name.c_str(), user.gid, user.groups, ignored);
+  }
   if (user.groups.empty()) user.groups.push_back(user.gid);
   if (setgroups(user.groups.size(), user.groups.data()) != 0) {
     return SetUidError("setgroups", user.gid);
@@ -271,13 +297,16 @@ bool OmUnixProcess::BecomeUser(const OmUnixUser& user) {
 
 bool OmUnixProcess::BecomeRoot() {
   OmUnixUser root(0, 0, "root");
-  OmUnixUser::Lookup("root", root);
+  OmUnixError ignored;  // without an entry: ids 0 and the groups FixGroups finds
+  OmUnixUser::ById(0, root, ignored);
   return BecomeUser(root);
 }
 
 bool OmUnixProcess::BecomeNobody() {
   OmUnixUser user;
-  if (!OmUnixUser::Lookup("nobody", user) && !OmUnixUser::Lookup("nouser", user)) {
+  OmUnixError ignored;
+  if (!OmUnixUser::ByName("nobody", user, ignored) &&
+      !OmUnixUser::ByName("nouser", user, ignored)) {
     error_.Set(ENOENT, "User lookup", "'nobody' or 'nouser'");
     return false;
   }

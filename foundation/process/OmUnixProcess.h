@@ -42,6 +42,13 @@ class OmUnixProcess : public OmProcess {
     int stdinFd = -1, stdoutFd = -1, stderrFd = -1;  // for Exec; -1 = leave alone
     int pid = 0;
     ChildCallback* exitCallback = nullptr;
+    // Supplementary groups for Exec (with setGroups). A child whose real
+    // user changes without them keeps only its own group, never the
+    // parent's (root's) supplementary groups.
+    std::vector<gid_t> groups;
+    bool setGroups = false;
+    // Sets all four ids and the groups from a user database entry.
+    void SetUser(const OmUnixUser& user);
     // Child side of the pipes, kept in the child after Fork.
     int childDataFd = -1;
     int childErrorFd = -1;

@@ -7,6 +7,9 @@
 
 #include "foundation/string/OmByteBuffer.h"
 
+class OmCodeset;       // foundation/string/OmCodeset.h
+class OmCodesetError;
+
 // Byte encodings the probe converts to and from.
 enum class OmEncoding {
   USASCII,  // bytes 0-127; other bytes decode to U+FFFD, other units encode as '?'
@@ -86,6 +89,11 @@ class OmUniString {
   static OmUniString CreateFrom(const OmByteBuffer& bytes, OmEncoding encoding) {
     return CreateFrom(bytes.Data(), bytes.Length(), encoding);
   }
+  // Strict conversions through any set of OmCodeset (defined in OmCodeset.cpp):
+  // false, with the place and the reason in err, where the lenient ones replace.
+  bool AsCodeset(const OmCodeset& set, OmByteBuffer& out, OmCodesetError& err) const;
+  static bool CreateFrom(const void* bytes, unsigned long count, const OmCodeset& set,
+                         OmUniString& out, OmCodesetError& err);
   std::string AsUtf8() const;   // also the file-system ("shell") encoding
   std::string AsAscii() const;
   static OmUniString FromUtf8(const std::string& s) {
