@@ -2,6 +2,7 @@
 #define QUELM_TESTS_AGENTFIXTURE_H_
 
 #include <gtest/gtest.h>
+#include <poll.h>
 
 #include <cstdint>
 #include <cstdlib>
@@ -16,6 +17,8 @@
 #include "agent/MyLogger.h"
 #include "agent/Settings.h"
 #include "foundation/event/OmEventLoop.h"
+#include "foundation/net/OmSocket.h"
+#include "hosts/Host.h"
 #include "hosts/HostListMgr.h"
 #include "hosts/Responder.h"
 #include "measure/Bogomips.h"
@@ -26,11 +29,40 @@
 // 2026-01-01 09:00:00 UTC, a Thursday.
 constexpr uint32_t kNineOClock = 1767258000;
 
+// A subscriber's socket on 127.0.0.1 with an ephemeral port.
+class UdpReceiver {
+ public:
+  UdpReceiver() {
+    OmInetAddr bound;
+    if (socket.Bind(OmInetAddr::AddressLoopback(), OmSocket::Datagram) &&
+        socket.LocalAddress(bound)) {
+      port = bound.GetPort();
+    }
+  }
+
+  // The next datagram, or "" once waitMs has passed. Loopback delivers
+  // within the sending call, so a short wait shows that nothing was sent.
+  std::string receive(int waitMs = 1000) {
+    pollfd p{socket.Fd(), POLLIN, 0};
+    char buf[2048];
+    long n = 0;
+    OmInetAddr from;
+    const bool got = ::poll(&p, 1, waitMs) == 1 &&
+                     socket.ReadMessage(buf, sizeof buf, n, from) != OmFile::ioError;
+    return got ? std::string(buf, static_cast<size_t>(n)) : "";
+  }
+  bool nothingWaiting() { return receive(20).empty(); }
+
+  OmSocket socket;
+  unsigned port = 0;
+};
+
 // The agent's single instances as start-up builds them, on settings of rate
 // 5 s, window 3, lifetime an hour, minimum cache 4, 1024 and 512 MiB and the
 // tool "/bin/sh DIR/vmstat" (not started), in a temporary directory DIR that
 // receives every message in t.log. The fake clock stands at nine o'clock;
-// the speed estimate is 8 and costs no processor time.
+// the speed estimate is 8 and costs no processor time. A subscriber socket
+// waits for load packets.
 class AgentTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -68,11 +100,40 @@ class AgentTest : public ::testing::Test {
     std::filesystem::remove_all(dir);
   }
 
-  bool logged(const std::string& part) const {
+  // How often part occurs in the log.
+  size_t logged(const std::string& part) const {
     mylog.Flush();
     std::stringstream text;
     text << std::ifstream(dir + "/t.log").rdbuf();
-    return text.str().find(part) != std::string::npos;
+    const std::string all = text.str();
+    size_t n = 0;
+    for (size_t at = all.find(part); at != std::string::npos; at = all.find(part, at + 1)) ++n;
+    return n;
+  }
+
+  // Fires every timeout due by the fake clock, up to a marker one
+  // microsecond ahead (below poll's millisecond, so nothing waits).
+  void runDue() {
+    struct Marker : OmEventCallback {
+      bool reached = false;
+      void Dispatch(OmEvent::cbdispatch) override { reached = true; }
+    } marker;
+    const OmTimeVal end(env.now.seconds, env.now.microseconds + 1);
+    loop.AddTimeoutEvent(end, &marker);
+    for (int turns = 0; turns < 100 && !marker.reached; ++turns) loop.RunOneTurn();
+    if (!marker.reached) loop.RemoveTimeoutEvent(end, &marker);
+    EXPECT_TRUE(marker.reached);
+  }
+
+  Host* addHost(unsigned id, unsigned flags, unsigned replyFrequencyMs = 10000,
+                unsigned sampleRateMs = 5000, unsigned window = 3) {
+    return HostListMgr::addHost(OmUniString("127.0.0.1"), subscriber.port, sampleRateMs, window,
+                                replyFrequencyMs, 10, id, OmUniString("text"), flags);
+  }
+
+  // Memory in MiB.
+  void addSample(uint32_t idle, uint32_t vmemMiB, uint32_t pmemMiB) {
+    myCache->addToCache(idle, vmemMiB * 1024, pmemMiB * 1024, 1, 2);
   }
 
   FakeEnv env{OmTimeVal(kNineOClock, 0)};
@@ -80,6 +141,7 @@ class AgentTest : public ::testing::Test {
   Settings settings;
   OmEventLoop loop{nullptr};
   VmstatFilter filter{1024u << 10, 512u << 10};
+  UdpReceiver subscriber;
 };
 
 #endif  // QUELM_TESTS_AGENTFIXTURE_H_

@@ -1,16 +1,12 @@
 #include "command/Quelm_LbsTransmission.h"
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
-#include <filesystem>
-#include <fstream>
 #include <string>
 #include <utility>
 #include <vector>
 
-#include "agent/MyLogger.h"
-#include "foundation/log/OmLog.h"
+#include "AgentFixture.h"
 
 namespace {
 
@@ -66,39 +62,19 @@ TEST(TransmissionTest, CommandAndAttributes) {
 TEST(TransmissionTest, RepeatedChildrenAndLookups) {
   Parsed p("<znalbreq type=\"create\"><host>first</host><port>1</port><host>second</host>"
            "</znalbreq>");
-  LbsAttributes& a = p.t.getAttributes();
-  OmUniString value;
-  ASSERT_TRUE(a.getByName("host", value));
-  EXPECT_TRUE(value == "first");
-  OmUniString* out[3] = {};
-  ASSERT_TRUE(a.getAllByName("host", out, 3));
-  EXPECT_TRUE(*out[0] == "first");
-  EXPECT_TRUE(*out[1] == "second");
+  OmUniString value, *out[3] = {};
+  ASSERT_TRUE(p.t.getAttributes().getByName("host", value));
+  ASSERT_TRUE(p.t.getAttributes().getAllByName("host", out, 3));
+  EXPECT_TRUE(value == "first" && *out[0] == "first" && *out[1] == "second");
   EXPECT_EQ(&LbsAttributes::NULLSTRING, out[2]);
 }
 
-// Text after the children is one syntax error, logged as one line.
-TEST(TransmissionTest, TrailingTextIsOneSyntaxError) {
-  std::string dir = (std::filesystem::temp_directory_path() / "parserlogXXXXXX").string();
-  ASSERT_NE(nullptr, mkdtemp(dir.data()));
-  OmLog* previous = OmLog::Current();
-  const OmUniString previousDir = OmLog::LogDirectory();
-  MyLogger logger;
-  OmLog::InitLogs(&logger, OmUniString(dir));
-  ASSERT_TRUE(logger.SetupCSFilters({OmUniString("*/*/*:parser.csl")}));
-
+// Text after the children is one syntax error.
+using TransmissionLogTest = AgentTest;
+TEST_F(TransmissionLogTest, TrailingTextIsOneSyntaxError) {
   Parsed p("<znalbreq type=\"kill\"><id>7</id>\n</znalbreq>");
-  std::vector<std::string> lines;
-  std::ifstream in(dir + "/parser.csl");
-  for (std::string line; std::getline(in, line);) lines.push_back(line);
-  logger.SetupCSFilters({});
-  OmLog::InitLogs(previous, previousDir);
-  std::filesystem::remove_all(dir);
-
-  ASSERT_EQ(1u, lines.size());
-  EXPECT_NE(std::string::npos, lines[0].find("category=quelmloadprobe/command/error,"));
-  EXPECT_NE(std::string::npos, lines[0].find("at character position 1 because of "
-                                             "[Syntax error in attribute name]"));
+  EXPECT_EQ(1u, logged("quelmloadprobe/command/error"));
+  EXPECT_EQ(1u, logged("at character position 1 because of [Syntax error in attribute name]"));
 }
 
 }  // namespace

@@ -4,12 +4,11 @@
 
 #include <string>
 
-#include "HostsFixture.h"
+#include "AgentFixture.h"
 
-namespace hoststest {
 namespace {
 
-class HostListTest : public HostsTest {
+class HostListTest : public AgentTest {
  protected:
   void expectTool(unsigned rate, unsigned window, unsigned cacheSize) {
     EXPECT_EQ(rate, myChildManager->getSampleRate());
@@ -18,21 +17,13 @@ class HostListTest : public HostsTest {
   }
 };
 
-TEST_F(HostListTest, RefusesDuplicateIdsAndUnresolvableNames) {
-  ASSERT_NE(nullptr, addHost(1, Host::CPU));
-  EXPECT_EQ(nullptr, addHost(1, Host::VMEM));
-  EXPECT_EQ(nullptr, HostListMgr::addHost(OmUniString("no-such-host.invalid"), 4000, 5000, 3,
-                                          10000, 10, 2, OmUniString(), Host::CPU));
-  EXPECT_EQ(1u, HostListMgr::getHosts().Length());
-}
-
 // Expiry at 10:00:00: kept at 09:59:59, dropped by the hourly check at 10:00:00.
 TEST_F(HostListTest, HourlyCheckDropsHostsFromTheirExpirySecond) {
   ASSERT_NE(nullptr, addHost(5, 0, 3600000));  // no send before the check
-  setTime(kNineOClock + 3599);
+  env.now = OmTimeVal(kNineOClock + 3599, 0);
   HostListMgr::regularTimeoutCB(nullptr, OmEvent::fired);
   EXPECT_EQ(1u, HostListMgr::getHosts().Length());
-  setTime(kNineOClock + 3600);
+  env.now = OmTimeVal(kNineOClock + 3600, 0);
   runDue();
   EXPECT_TRUE(HostListMgr::getHosts().IsEmpty());
   EXPECT_TRUE(logged("The host object for 127.0.0.1 with ID 5 has time-expired and has been "
@@ -57,11 +48,14 @@ TEST_F(HostListTest, ToolParametersFromConfigurationAndHosts) {
   EXPECT_EQ(4294967295u, host->getCacheEntries());
 }
 
-// The list keeps its order across removals; the cache shrinks back when the
-// host wanting the most entries goes.
+// The list keeps its order across removals and refuses duplicate ids and
+// unresolvable names; the cache shrinks back when the host wanting the most
+// entries goes.
 TEST_F(HostListTest, RemovalKeepsOrderAndRetunesTheCache) {
+  std::string odd;
   for (unsigned id = 1; id <= 100; ++id) {
     ASSERT_NE(nullptr, addHost(id, Host::CPU, 10000, 5000, 6));
+    if (id % 2 == 1) odd += std::to_string(id) + " ";
   }
   ASSERT_NE(nullptr, addHost(101, Host::CPU, 10000, 5000, 9));
   expectTool(5, 3, 9);
@@ -72,13 +66,12 @@ TEST_F(HostListTest, RemovalKeepsOrderAndRetunesTheCache) {
 
   std::string ids;
   for (const Host* host : HostListMgr::getHosts()) ids += std::to_string(host->getId()) + " ";
-  std::string odd;
-  for (unsigned id = 1; id < 100; id += 2) odd += std::to_string(id) + " ";
   EXPECT_EQ(odd, ids);
   EXPECT_EQ(nullptr, addHost(99, Host::CPU));
+  EXPECT_EQ(nullptr, HostListMgr::addHost(OmUniString("no-such-host.invalid"), 4000, 5000, 3,
+                                          10000, 10, 2, OmUniString(), Host::CPU));
   EXPECT_NE(nullptr, addHost(100, Host::CPU));
   EXPECT_EQ(100u, HostListMgr::getHosts()[50]->getId());
 }
 
 }  // namespace
-}  // namespace hoststest

@@ -6,36 +6,32 @@
 
 namespace {
 
-// 2^21 loops in one second: 2 loops a tick, so 4 per processor.
-constexpr int kFour = 21;
-// 2^23 loops in one second: 16 per processor.
-constexpr int kSixteen = 23;
+// Runs ending at 2^21 loops in one second give 4 per processor, 2^23 give 16.
+constexpr int kFour = 21, kSixteen = 23;
 
-TEST(BogomipsTest, ProcessorsBelowOneCountAsOneWithoutFactor) {
-  FakeEnv env;
-  env.speedRun(kFour);
-  Bogomips b(0, 150);
-  EXPECT_EQ(1, b.getProcessors());
-  EXPECT_EQ(4, b.getBogomips());  // 6 had the factor been applied
-}
-
-TEST(BogomipsTest, HighFactorUsedOnceThenEighty) {
-  FakeEnv env;
-  env.speedRun(kFour).speedRun(kFour);
-  Bogomips b(2, 150);
-  EXPECT_EQ(12, b.getBogomips());  // 2 * 4 * 150%
-  EXPECT_EQ(1, b.calculate());
-  EXPECT_EQ(6, b.getCurrent());  // 2 * 4 * 80%
-}
-
-TEST(BogomipsTest, ReportsTheHighestEstimate) {
-  FakeEnv env;
-  env.speedRun(kSixteen).speedRun(kFour);
-  Bogomips b(1, 80);
-  EXPECT_EQ(16, b.getBogomips());
-  EXPECT_EQ(1, b.calculate());
-  EXPECT_EQ(4, b.getCurrent());
-  EXPECT_EQ(16, b.getBogomips());
+// The estimate at start-up, then one calculated again.
+TEST(BogomipsTest, EstimatesAndTheReportedFigure) {
+  const struct {
+    int processors;
+    uint32_t factor;
+    int firstRun, secondRun, first, second, reported;
+  } cases[] = {
+      {0, 150, kFour, kFour, 4, 4, 4},       // below one counts as one, without the factor
+      {-3, 80, kFour, kFour, 4, 4, 4},
+      {2, 150, kFour, kFour, 12, 6, 12},     // 2 * 4 * 150%, then 2 * 4 * 80%
+      {1, 80, kSixteen, kFour, 16, 4, 16},   // a lower estimate never lowers the figure
+      {1, 80, kFour, kSixteen, 4, 16, 16},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(testing::Message() << c.processors << " " << c.factor << " " << c.firstRun);
+    FakeEnv env;
+    env.speedRun(c.firstRun).speedRun(c.secondRun);
+    Bogomips b(c.processors, c.factor);
+    EXPECT_EQ(c.first, b.getBogomips());
+    EXPECT_EQ(1, b.calculate());
+    EXPECT_EQ(c.second, b.getCurrent());
+    EXPECT_EQ(c.reported, b.getBogomips());
+  }
 }
 
 }  // namespace
