@@ -29,40 +29,12 @@
 // 2026-01-01 09:00:00 UTC, a Thursday.
 constexpr uint32_t kNineOClock = 1767258000;
 
-// A subscriber's socket on 127.0.0.1 with an ephemeral port.
-class UdpReceiver {
- public:
-  UdpReceiver() {
-    OmInetAddr bound;
-    if (socket.Bind(OmInetAddr::AddressLoopback(), OmSocket::Datagram) &&
-        socket.LocalAddress(bound)) {
-      port = bound.GetPort();
-    }
-  }
-
-  // The next datagram, or "" once waitMs has passed. Loopback delivers
-  // within the sending call, so a short wait shows that nothing was sent.
-  std::string receive(int waitMs = 1000) {
-    pollfd p{socket.Fd(), POLLIN, 0};
-    char buf[2048];
-    long n = 0;
-    OmInetAddr from;
-    const bool got = ::poll(&p, 1, waitMs) == 1 &&
-                     socket.ReadMessage(buf, sizeof buf, n, from) != OmFile::ioError;
-    return got ? std::string(buf, static_cast<size_t>(n)) : "";
-  }
-  bool nothingWaiting() { return receive(20).empty(); }
-
-  OmSocket socket;
-  unsigned port = 0;
-};
-
 // The agent's single instances as start-up builds them, on settings of rate
 // 5 s, window 3, lifetime an hour, minimum cache 4, 1024 and 512 MiB and the
 // tool "/bin/sh DIR/vmstat" (not started), in a temporary directory DIR that
 // receives every message in t.log. The fake clock stands at nine o'clock;
 // the speed estimate is 8 and costs no processor time. A subscriber socket
-// waits for load packets.
+// on 127.0.0.1 waits for load packets.
 class AgentTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -87,6 +59,10 @@ class AgentTest : public ::testing::Test {
     myResponder = new Responder();
     HostListMgr::init(&loop);
     myChildManager = new ChildManager(loop, &filter, &HostListMgr::percentChangeCheck);
+    OmInetAddr bound;
+    ASSERT_TRUE(subscriber.Bind(OmInetAddr::AddressLoopback(), OmSocket::Datagram) &&
+                subscriber.LocalAddress(bound));
+    port = bound.GetPort();
   }
 
   void TearDown() override {
@@ -100,16 +76,32 @@ class AgentTest : public ::testing::Test {
     std::filesystem::remove_all(dir);
   }
 
-  // How often part occurs in the log.
-  size_t logged(const std::string& part) const {
+  std::string logText() const {
     mylog.Flush();
     std::stringstream text;
     text << std::ifstream(dir + "/t.log").rdbuf();
-    const std::string all = text.str();
+    return text.str();
+  }
+  // How often part occurs in the log.
+  size_t logged(const std::string& part) const {
+    const std::string all = logText();
     size_t n = 0;
     for (size_t at = all.find(part); at != std::string::npos; at = all.find(part, at + 1)) ++n;
     return n;
   }
+
+  // The next load packet, or "" once waitMs has passed. Loopback delivers
+  // within the sending call, so a short wait shows that nothing was sent.
+  std::string receive(int waitMs = 1000) {
+    pollfd p{subscriber.Fd(), POLLIN, 0};
+    char buf[2048];
+    long n = 0;
+    OmInetAddr from;
+    const bool got = ::poll(&p, 1, waitMs) == 1 &&
+                     subscriber.ReadMessage(buf, sizeof buf, n, from) != OmFile::ioError;
+    return got ? std::string(buf, static_cast<size_t>(n)) : "";
+  }
+  bool nothingWaiting() { return receive(20).empty(); }
 
   // Fires every timeout due by the fake clock, up to a marker one
   // microsecond ahead (below poll's millisecond, so nothing waits).
@@ -127,7 +119,7 @@ class AgentTest : public ::testing::Test {
 
   Host* addHost(unsigned id, unsigned flags, unsigned replyFrequencyMs = 10000,
                 unsigned sampleRateMs = 5000, unsigned window = 3) {
-    return HostListMgr::addHost(OmUniString("127.0.0.1"), subscriber.port, sampleRateMs, window,
+    return HostListMgr::addHost(OmUniString("127.0.0.1"), port, sampleRateMs, window,
                                 replyFrequencyMs, 10, id, OmUniString("text"), flags);
   }
 
@@ -141,7 +133,8 @@ class AgentTest : public ::testing::Test {
   Settings settings;
   OmEventLoop loop{nullptr};
   VmstatFilter filter{1024u << 10, 512u << 10};
-  UdpReceiver subscriber;
+  OmSocket subscriber;
+  unsigned port = 0;  // the subscriber's
 };
 
 #endif  // QUELM_TESTS_AGENTFIXTURE_H_

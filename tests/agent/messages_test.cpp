@@ -2,10 +2,8 @@
 
 #include <gtest/gtest.h>
 
-#include <fstream>
 #include <regex>
 #include <set>
-#include <sstream>
 #include <string>
 
 #include "AgentFixture.h"
@@ -38,12 +36,10 @@ TEST_F(MessageTextTest, RepresentativeTextsToTheByte) {
   LogLoadSent(5u, OmUniString("h"));
   LogResultsCached(-5, 42, 7, 3, 9);
   LogAttribGetFail(OmUniString("x"));
-  mylog.Flush();
-  std::ostringstream text;
-  text << std::ifstream(dir + "/t.log").rdbuf();
+  const std::string text = logText();
   // Each entry's first line reduced to its category.
   const std::regex header(R"([^\n]*\t \(pid \d+\)\t([^\t\n]+)\t#\d+\t[^\n]*\(\(legacy\)\)\n)");
-  EXPECT_NE(std::string::npos, std::regex_replace(text.str(), header, "$1: ").find(
+  EXPECT_NE(std::string::npos, std::regex_replace(text, header, "$1: ").find(
       "quelmloadprobe/process/info: Quelm loadprobe stopped - exitcode 604.\n"
       "quelmloadprobe/initialize/error: The properties file /etc/q.properties was not found. "
       "The quelm loadprobe has been initialized\nusing built-in defaults.\nThe most likely cause "
@@ -55,7 +51,7 @@ TEST_F(MessageTextTest, RepresentativeTextsToTheByte) {
       "swap=42, \nphysmemfree=7, swappedin=3, swappedout=9.\n"
       "quelmloadprobe/get_attribute/error: Failed to get attribute x\n.The loadprobe may not "
       "work successfully.\nCorrect the loadprobe configuration and restart it.\n"))
-      << text.str();
+      << text;
 
   // Without a logger nothing is built.
   OmLog::InitLogs(nullptr, OmUniString(dir));

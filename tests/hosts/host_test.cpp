@@ -31,7 +31,7 @@ TEST_F(HostTest, TimerPacketsMatchTheFormatToTheCharacter) {
                                               {17, packet(17, seqno, "cpu=97 bogo=8 " + vmem)}};
   std::map<unsigned, std::string> received;
   for (int i = 0; i < 4; ++i) {
-    const std::string text = subscriber.receive();
+    const std::string text = receive();
     ASSERT_FALSE(text.empty()) << "packet " << i;
     received[static_cast<unsigned>(std::stoul(text.substr(text.find("<id>") + 4)))] = text;
   }
@@ -47,11 +47,11 @@ TEST_F(HostTest, SendsEveryReplyFrequencyWhateverTheLoad) {
   EXPECT_TRUE(HostListMgr::removeHost(11));
   env.now = OmTimeVal(kNineOClock + 9, 0);
   runDue();
-  EXPECT_TRUE(subscriber.nothingWaiting());
+  EXPECT_TRUE(nothingWaiting());
   env.now = OmTimeVal(kNineOClock + 10, 0);
   runDue();
-  EXPECT_EQ(packet(3, kNineOClock + 10, "cpu=60 "), subscriber.receive());
-  EXPECT_TRUE(subscriber.nothingWaiting());
+  EXPECT_EQ(packet(3, kNineOClock + 10, "cpu=60 "), receive());
+  EXPECT_TRUE(nothingWaiting());
   EXPECT_EQ(OmTimeVal(kNineOClock + 20, 0), host->getNextSendTime());
 }
 
@@ -59,18 +59,18 @@ TEST_F(HostTest, PercentChange) {
   Host* host = addHost(5, Host::CPU | Host::VMEM);
   ASSERT_NE(nullptr, host);
   host->percentChange(100);  // empty cache: logged, nothing sent
-  EXPECT_TRUE(subscriber.nothingWaiting());
+  EXPECT_TRUE(nothingWaiting());
   EXPECT_TRUE(logged("Unable to send load/memory values to 127.0.0.1. There are no values in "
                      "the cache to average."));
 
   addSample(50, 100, 50);
   host->percentChange(50);
-  EXPECT_NE(std::string::npos, subscriber.receive().find("<stats>cpu=50 vmem=100 "));
-  EXPECT_TRUE(subscriber.nothingWaiting());  // one packet for both changes
+  EXPECT_NE(std::string::npos, receive().find("<stats>cpu=50 vmem=100 "));
+  EXPECT_TRUE(nothingWaiting());  // one packet for both changes
   EXPECT_EQ(2u, loop.TimeoutCount());        // and the timer is not doubled
 
   host->percentChange(55);  // below the threshold
-  EXPECT_TRUE(subscriber.nothingWaiting());
+  EXPECT_TRUE(nothingWaiting());
 }
 
 }  // namespace

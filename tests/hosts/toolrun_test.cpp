@@ -40,16 +40,16 @@ TEST_F(ToolRunTest, ChangeBeyondTheThresholdSendsAPacketRightAfterTheRun) {
   ASSERT_GT(myChildManager->forkChild(), 0);
 
   ASSERT_TRUE(run(50));
-  EXPECT_NE(subscriber.receive().find("<stats>cpu=50 </stats>"), std::string::npos);
+  EXPECT_NE(receive().find("<stats>cpu=50 </stats>"), std::string::npos);
 
   ASSERT_TRUE(run(50));
   ASSERT_TRUE(run(55));  // moved 5 points: below the threshold
-  EXPECT_TRUE(subscriber.nothingWaiting());
+  EXPECT_TRUE(nothingWaiting());
 
   ASSERT_TRUE(run(90));
   ASSERT_TRUE(run(90));
   ASSERT_TRUE(run(90));
-  const std::string moved = subscriber.receive();
+  const std::string moved = receive();
   EXPECT_NE(moved.find("<stats>cpu="), std::string::npos);
   EXPECT_EQ(moved.find("<stats>cpu=50 "), std::string::npos);
 }

@@ -6,10 +6,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <csignal>
 #include <cstring>
 #include <string>
-
 
 namespace {
 
@@ -22,31 +20,18 @@ std::string ReadAll(int fd) {
 }
 
 int ExitStatus(int pid) {
-  int status = 0;
-  if (waitpid(pid, &status, 0) != pid) return -1;
-  return status;
+  int status = -1;
+  return waitpid(pid, &status, 0) == pid ? status : -1;
 }
 
-class ProcessTest : public ::testing::Test {
- protected:
-  void SetUp() override { fflush(nullptr); }
-  void TearDown() override {
-    for (int pid : process_.Children()) kill(pid, SIGKILL);
-    while (waitpid(-1, nullptr, WNOHANG) > 0) {
-    }
-  }
-
-  OmUnixProcess process_;
-};
-
-TEST_F(ProcessTest, DataPipeIsStandardInputAndOutputErrorPipeStandardError) {
+TEST(ProcessTest, DataPipeIsStandardInputAndOutputErrorPipeStandardError) {
+  OmUnixProcess process;
   OmUnixProcess::ForkParams params;
-  params.wantDataPipe = true;
-  params.wantErrorPipe = true;
+  params.wantDataPipe = params.wantErrorPipe = true;
   const char* const argv[] = {"/bin/sh", "-c", "cat; echo err >&2", nullptr};
   params.argv = argv;
   const int self = getpid();
-  const bool ok = process_.Fork(params);
+  const bool ok = process.Fork(params);
   if (getpid() != self) _exit(127);  // exec failed in the child
   ASSERT_TRUE(ok);
   ASSERT_GT(params.pid, 0);
@@ -62,18 +47,19 @@ TEST_F(ProcessTest, DataPipeIsStandardInputAndOutputErrorPipeStandardError) {
   EXPECT_EQ(0, ExitStatus(params.pid));
 }
 
-TEST_F(ProcessTest, FailedExecIsReportedInTheChild) {
+TEST(ProcessTest, FailedExecIsReportedInTheChild) {
+  OmUnixProcess process;
   OmUnixProcess::ForkParams params;
   params.wantDataPipe = true;
   const char* const argv[] = {"/nonexistent/quelm-no-such-program", nullptr};
   params.argv = argv;
   const int self = getpid();
-  const bool ok = process_.Fork(params);
+  const bool ok = process.Fork(params);
   if (getpid() != self) {
     // Standard output is the data pipe: tell the parent what Fork reported.
     const bool reported = !ok && params.execFailed && params.pid == 0 &&
-                          process_.LastError().Call() == "execvp" &&
-                          process_.LastError().Errno() == ENOENT;
+                          process.LastError().Call() == "execvp" &&
+                          process.LastError().Errno() == ENOENT;
     const char* verdict = reported ? "reported" : "not reported";
     if (write(1, verdict, strlen(verdict)) < 0) _exit(2);
     _exit(0);

@@ -8,10 +8,6 @@
 
 #include <gtest/gtest.h>
 
-#include "FakeEnv.h"
-
-#include "foundation/string/OmTimeVal.h"
-
 namespace {
 
 class PropertiesTest : public ::testing::Test {
@@ -60,17 +56,6 @@ TEST_F(PropertiesTest, LineSyntaxAndUnescaping) {
     ASSERT_TRUE(p.Load(OmUniString(path_))) << c.content;
     EXPECT_EQ(Value(p, c.key), c.value) << c.content;
   }
-}
-
-TEST_F(PropertiesTest, SaveFormat) {
-  FakeEnv env;
-  OmProperties p;
-  p.Put("k", "v=1");
-  ASSERT_TRUE(p.Save(OmUniString(path_), "first\nsecond"));
-  EXPECT_EQ(Read(),
-            "# written by props\n# first\n# second\n\n# Written at: Thu, 01 Jan 1970 00:00:00 GMT"
-            "\n\nk=v=1\n");
-  EXPECT_FALSE(p.Save(OmUniString(dir_ + "/no/such/dir/x.properties"), "h"));
 }
 
 TEST_F(PropertiesTest, RoundTrip) {
