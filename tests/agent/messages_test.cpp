@@ -30,25 +30,20 @@ TEST(MessageCatalogueTest, NumberedInOrderWithWellFormedCategories) {
 using MessageTextTest = AgentTest;
 
 TEST_F(MessageTextTest, RepresentativeTextsToTheByte) {
-  LogStopped(604);
   LogPropsNotFound(OmUniString("/etc/q.properties"));
   LogHostListLen(OmUniString("Add Host"), 3u);
   LogLoadSent(5u, OmUniString("h"));
-  LogResultsCached(-5, 42, 7, 3, 9);
   LogAttribGetFail(OmUniString("x"));
   const std::string text = logText();
   // Each entry's first line reduced to its category.
   const std::regex header(R"([^\n]*\t \(pid \d+\)\t([^\t\n]+)\t#\d+\t[^\n]*\(\(legacy\)\)\n)");
   EXPECT_NE(std::string::npos, std::regex_replace(text, header, "$1: ").find(
-      "quelmloadprobe/process/info: Quelm loadprobe stopped - exitcode 604.\n"
       "quelmloadprobe/initialize/error: The properties file /etc/q.properties was not found. "
       "The quelm loadprobe has been initialized\nusing built-in defaults.\nThe most likely cause "
       "is incorrect configuration or installation.\nCreate the /etc/q.properties file or "
       "reinstall the Varosakit.\n"
       "quelmloadprobe/host/moreinfo: Add Host: There are 3 host objects in the Host List.\n"
       "quelmloadprobe/responder/info: Idle value 5 sent to h \n"
-      "quelmloadprobe/results/moreinfo: The following results have just been cached: idle=-5, "
-      "swap=42, \nphysmemfree=7, swappedin=3, swappedout=9.\n"
       "quelmloadprobe/get_attribute/error: Failed to get attribute x\n.The loadprobe may not "
       "work successfully.\nCorrect the loadprobe configuration and restart it.\n"))
       << text;

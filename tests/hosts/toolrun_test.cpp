@@ -46,9 +46,7 @@ TEST_F(ToolRunTest, ChangeBeyondTheThresholdSendsAPacketRightAfterTheRun) {
   ASSERT_TRUE(run(55));  // moved 5 points: below the threshold
   EXPECT_TRUE(nothingWaiting());
 
-  ASSERT_TRUE(run(90));
-  ASSERT_TRUE(run(90));
-  ASSERT_TRUE(run(90));
+  for (int i = 0; i < 3; ++i) ASSERT_TRUE(run(90));
   const std::string moved = receive();
   EXPECT_NE(moved.find("<stats>cpu="), std::string::npos);
   EXPECT_EQ(moved.find("<stats>cpu=50 "), std::string::npos);

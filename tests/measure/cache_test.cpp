@@ -5,7 +5,8 @@
 namespace {
 
 // Averages round half to even; memory goes in as KiB and comes out as MiB.
-TEST(CacheTest, AveragesOfTwoSamples) {
+// The size never drops below the minimum, and the oldest samples go first.
+TEST(CacheTest, AveragesAndSize) {
   Cache cache(4, 1000, 1000);
   EXPECT_EQ(nullptr, cache.getAverageOfNIdleValues(2));
   cache.addToCache(50, 1024, 512, 3, 1);
@@ -15,10 +16,8 @@ TEST(CacheTest, AveragesOfTwoSamples) {
   EXPECT_EQ(50u, average->idle);  // 50.5
   EXPECT_EQ(2u, average->vmem);   // 1.5 MiB
   EXPECT_EQ(4u, average->sin);    // 3.5
-}
 
-TEST(CacheTest, SizeNeverDropsBelowTheMinimum) {
-  Cache cache(4, 1000, 1000);
+  cache.setCacheSize(6);
   for (uint32_t idle = 1; idle <= 6; ++idle) cache.addToCache(idle, 0, 0, 0, 0);
   cache.setCacheSize(1);
   EXPECT_EQ(4u, cache.getCacheSize());

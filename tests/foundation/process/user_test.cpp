@@ -3,20 +3,17 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <string>
 #include <vector>
 
-#include "foundation/process/OmUnixGroup.h"
 #include "foundation/process/OmUnixProcess.h"
 #include "foundation/process/OmUnixUser.h"
 
 namespace {
 
-TEST(UserTest, UsersAndGroupsByNameAndIdThroughTheCache) {
+TEST(UserTest, UsersByNameAndIdThroughTheCache) {
   OmUnixUser::FlushCache();
   OmUnixUser byName, byId, none;
-  OmUnixGroup group, groupById;
   OmUnixError err;
   ASSERT_TRUE(OmUnixUser::ByName("root", byName, err)) << err.Reason().AsUtf8();
   EXPECT_EQ(byName.uid, 0u);
@@ -24,16 +21,11 @@ TEST(UserTest, UsersAndGroupsByNameAndIdThroughTheCache) {
   ASSERT_TRUE(OmUnixUser::ById(0, byId, err));
   EXPECT_EQ(byId.name, "root");
   EXPECT_EQ(OmUnixUser::CachedEntries(), 1u);  // the id found what the name cached
-  ASSERT_TRUE(OmUnixGroup::ById(byName.gid, group, err));
-  ASSERT_TRUE(OmUnixGroup::ByName(group.name.c_str(), groupById, err));
-  EXPECT_EQ(groupById.gid, byName.gid);
   // Unknown entries fail with the call and key, and are not cached.
   EXPECT_FALSE(OmUnixUser::ByName("no-such-user-q", none, err));
   EXPECT_EQ(err.Reason(), "getpwnam_r(no-such-user-q): No such file or directory");
   EXPECT_FALSE(OmUnixUser::ById(3999999999u, none, err));
   EXPECT_EQ(err.Call(), "getpwuid_r");
-  EXPECT_FALSE(OmUnixGroup::ByName("no-such-group-q", group, err));
-  EXPECT_EQ(err.Errno(), ENOENT);
   EXPECT_EQ(OmUnixUser::CachedEntries(), 1u);
 }
 

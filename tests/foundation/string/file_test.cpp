@@ -15,50 +15,35 @@ namespace {
 
 bool IsOpen(int fd) { return fcntl(fd, F_GETFD) != -1; }
 
-// Two connected local stream sockets; the first end is non-blocking.
-class SocketPairTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    int sv[2];
-    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sv), 0);
-    reader_.SetFd(sv[0], OmFile::kLocalSocket);
-    writer_.SetFd(sv[1], OmFile::kLocalSocket);
-    ASSERT_TRUE(reader_.SetBlocking(false));
-  }
-
-  OmFile reader_;
-  OmFile writer_;
-};
-
-TEST_F(SocketPairTest, ReadResults) {
+// Two connected local stream sockets; the reading end is non-blocking.
+TEST(FileTest, ReadResultsAndCloseTwice) {
+  int sv[2];
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sv), 0);
+  OmFile reader(sv[0], OmFile::kLocalSocket), writer(sv[1], OmFile::kLocalSocket);
+  ASSERT_TRUE(reader.SetBlocking(false));
   char buf[10];
   long done = -1;
-  EXPECT_EQ(reader_.Read(buf, 10, done), OmFile::ioPartial);  // EAGAIN
+  EXPECT_EQ(reader.Read(buf, 10, done), OmFile::ioPartial);  // EAGAIN
   EXPECT_EQ(done, 0);
 
-  ASSERT_EQ(writer_.Write("0123456789", 10, done), OmFile::ioComplete);
-  EXPECT_EQ(reader_.Read(buf, 10, done), OmFile::ioComplete);
-  EXPECT_EQ(done, 10);
-  EXPECT_EQ(std::string(buf, 10), "0123456789");
+  ASSERT_EQ(writer.Write("0123456789", 10, done), OmFile::ioComplete);
+  EXPECT_EQ(reader.Read(buf, 10, done), OmFile::ioComplete);
+  EXPECT_EQ(std::string(buf, static_cast<size_t>(done)), "0123456789");
 
-  ASSERT_EQ(writer_.Write("abcd", 4, done), OmFile::ioComplete);
-  ASSERT_TRUE(writer_.Close());
-  EXPECT_EQ(reader_.Read(buf, 10, done), OmFile::ioPartial);  // pending bytes come first
-  EXPECT_EQ(done, 4);
-  EXPECT_EQ(std::string(buf, 4), "abcd");
+  ASSERT_EQ(writer.Write("abcd", 4, done), OmFile::ioComplete);
+  const int old = writer.Fd();
+  ASSERT_TRUE(writer.Close());
+  EXPECT_EQ(reader.Read(buf, 10, done), OmFile::ioPartial);  // pending bytes come first
+  EXPECT_EQ(std::string(buf, static_cast<size_t>(done)), "abcd");
   done = -1;
-  EXPECT_EQ(reader_.Read(buf, 10, done), OmFile::ioEndOfFile);
+  EXPECT_EQ(reader.Read(buf, 10, done), OmFile::ioEndOfFile);
   EXPECT_EQ(done, 0);
-}
 
-TEST_F(SocketPairTest, CloseTwiceClosesOnce) {
-  const int old = reader_.Fd();
-  ASSERT_TRUE(reader_.Close());
-  EXPECT_EQ(reader_.Fd(), -1);
+  EXPECT_EQ(writer.Fd(), -1);
   EXPECT_FALSE(IsOpen(old));
   // Another descriptor on the old number: the second Close must leave it.
-  ASSERT_EQ(dup2(writer_.Fd(), old), old);
-  EXPECT_TRUE(reader_.Close());
+  ASSERT_EQ(dup2(reader.Fd(), old), old);
+  EXPECT_TRUE(writer.Close());
   EXPECT_TRUE(IsOpen(old));
   close(old);
 }
