@@ -1,10 +1,15 @@
-// The probe's life as an operator sees it: start, pid file, logs, signals, stop.
+// The probe's life as an operator sees it: start, pid file, the real vmstat,
+// logs, signals, stop.
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 
 #include <cstdio>
 #include <filesystem>
+#include <regex>
 #include <string>
+#include <thread>
 
 #include <gtest/gtest.h>
 
@@ -12,66 +17,92 @@
 
 namespace {
 
+namespace fs = std::filesystem;
+
 mode_t FileMode(const std::string& path) {
   struct stat st {};
-  if (stat(path.c_str(), &st) != 0) return 0;
-  return st.st_mode & 0777;
+  return stat(path.c_str(), &st) == 0 ? st.st_mode & 0777 : 0;
 }
 
-TEST(LifecycleTest, StartsServesAndStopsOnSigterm) {
-  ProbeRunner probe;
-  probe.Start();
-  ASSERT_TRUE(probe.WaitForPidFile());
-  EXPECT_EQ(ProbeRunner::ReadFile(probe.PidFilePath()), std::to_string(probe.pid()));
-  EXPECT_TRUE(probe.WaitForLog("Quelm loadprobe started."));
-
-  EXPECT_EQ(probe.Stop(SIGTERM), 604 & 0xFF);
-  EXPECT_FALSE(std::filesystem::exists(probe.PidFilePath()));
-  const std::string log = probe.Log();
-  EXPECT_NE(log.find("The loadprobe was stopped by signal SIGTERM."), std::string::npos);
-  EXPECT_NE(log.find("Quelm loadprobe stopped - exitcode 604."), std::string::npos);
-  EXPECT_EQ(FileMode(probe.LogPath()), 0600u);
+// The probe's current vmstat child, once it has one; 0 if none comes. Runs
+// are replaced after each sample, so this looks again while children change.
+int VmstatChild(const ProbeRunner& probe) {
+  int found = 0;
+  Eventually([&] {
+    for (int child : probe.Children()) {
+      std::string line = ProbeRunner::ReadFile("/proc/" + std::to_string(child) + "/cmdline");
+      std::replace(line.begin(), line.end(), '\0', ' ');
+      if (line == "/usr/bin/vmstat -n 5 4 ") found = child;
+    }
+    return found != 0;
+  });
+  return found;
 }
 
-TEST(LifecycleTest, SigintEndsWith603) {
-  ProbeRunner probe;
-  probe.Start();
-  ASSERT_TRUE(probe.WaitForPidFile());
-  EXPECT_EQ(probe.Stop(SIGINT), 603 & 0xFF);
-  EXPECT_NE(probe.Log().find("Quelm loadprobe stopped - exitcode 603."), std::string::npos);
-}
-
-TEST(LifecycleTest, StructuredLogHoldsOnlyErrors) {
+TEST(LifecycleTest, RealVmstatSighupAndSigterm) {
+  // Orphans become the test's children, so a tool left running is seen.
+  prctl(PR_SET_CHILD_SUBREAPER, 1);
   ProbeRunner probe;
   probe.Unset("mincachesize");  // a missing key is an error message
   probe.Start();
   ASSERT_TRUE(probe.WaitForPidFile());
-  ASSERT_EQ(probe.Stop(SIGTERM), 92);
+  EXPECT_EQ(ProbeRunner::ReadFile(probe.PidFilePath()), std::to_string(probe.pid()));
+  EXPECT_NE(VmstatChild(probe), 0);
+  const std::regex cached("have just been cached: idle=(\\d+), swap=\\d+, \nphysmemfree=\\d+, "
+                          "swappedin=\\d+, swappedout=\\d+\\.");
+  std::smatch sample;
+  std::string log;
+  ASSERT_TRUE(Eventually([&] { log = probe.Log(); return std::regex_search(log, sample, cached); }));
+  EXPECT_LE(std::stoi(sample[1]), 100);
+
+  // SIGHUP reopens the logs: the renamed one ends, a new one begins.
+  const std::string rotated = probe.LogPath() + ".1";
+  ASSERT_EQ(std::rename(probe.LogPath().c_str(), rotated.c_str()), 0);
+  probe.Signal(SIGHUP);
+  EXPECT_TRUE(Eventually([&] { return fs::exists(probe.LogPath()); }));
+
+  const int tool = VmstatChild(probe);
+  ASSERT_NE(tool, 0);
+  EXPECT_EQ(probe.Stop(SIGTERM), 92);
+  int status = 0;  // -1: the probe reaped it; else it was left to us
+  EXPECT_TRUE(waitpid(tool, &status, 0) == -1 || WTERMSIG(status) == SIGKILL) << status;
+  prctl(PR_SET_CHILD_SUBREAPER, 0);
+  EXPECT_FALSE(fs::exists(probe.PidFilePath()));
+
+  const std::string before = ProbeRunner::ReadFile(rotated), after = probe.Log();
+  EXPECT_NE(before.find("Quelm loadprobe started."), std::string::npos);
+  EXPECT_NE(before.find("mincachesize does not exist"), std::string::npos);
+  EXPECT_EQ(after.find("Quelm loadprobe started."), std::string::npos);
+  EXPECT_NE(after.find("The loadprobe was stopped by signal SIGTERM."), std::string::npos);
+  EXPECT_NE(after.find("Quelm loadprobe stopped - exitcode 604."), std::string::npos);
+  EXPECT_EQ(FileMode(probe.LogPath()), 0600u);
+  // The structured log holds the errors only.
   const std::string csl = probe.Csl();
   EXPECT_EQ(FileMode(probe.CslPath()), 0600u);
   EXPECT_NE(csl.find("category=quelmloadprobe/initialize/error,"), std::string::npos);
   EXPECT_EQ(csl.find("/info,"), std::string::npos);
   EXPECT_EQ(csl.find("/moreinfo,"), std::string::npos);
-  EXPECT_NE(probe.Log().find("mincachesize does not exist"), std::string::npos);
 }
 
-TEST(LifecycleTest, SighupReopensRenamedLog) {
+// A tool that cannot be run: its failed child waits a sample interval (30 s)
+// instead of being replaced at once.
+TEST(LifecycleTest, BadPidDirectoryUnexecutableToolAndSigint) {
   ProbeRunner probe;
+  probe.Set("piddirectory", probe.dir() + "/missing");
+  probe.Set("probepath", probe.dir() + "/not-executable");
+  probe.Set("samplerate", "30");
+  ProbeRunner::WriteFile(probe.dir() + "/not-executable", "just text\n");
   probe.Start();
-  ASSERT_TRUE(probe.WaitForPidFile());
-  ASSERT_TRUE(probe.WaitForLog("Quelm loadprobe started."));
-  const std::string rotated = probe.LogPath() + ".1";
-  ASSERT_EQ(std::rename(probe.LogPath().c_str(), rotated.c_str()), 0);
-  kill(probe.pid(), SIGHUP);
-  // The stop message proves the probe carried on and wrote to the new file.
-  for (int i = 0; i < 100 && !std::filesystem::exists(probe.LogPath()); ++i) {
-    usleep(20000);
-  }
-  EXPECT_TRUE(std::filesystem::exists(probe.LogPath()));
-  EXPECT_TRUE(probe.Running());
-  EXPECT_EQ(probe.Stop(SIGTERM), 92);
-  EXPECT_NE(probe.Log().find("Quelm loadprobe stopped - exitcode 604."), std::string::npos);
-  EXPECT_EQ(probe.Log().find("Quelm loadprobe started."), std::string::npos);
+  ASSERT_TRUE(probe.WaitUntilPolling());
+  EXPECT_TRUE(probe.WaitForLog("The path " + probe.dir() +
+                               "/missing does not exist or is not a directory."));
+  EXPECT_FALSE(fs::exists(probe.dir() + "/missing"));
+  const std::vector<int> first = probe.Children();
+  ASSERT_EQ(first.size(), 1u);
+  std::this_thread::sleep_for(500ms);
+  EXPECT_EQ(probe.Children(), first);
+  EXPECT_EQ(probe.Stop(SIGINT), 603 & 0xFF);
+  EXPECT_NE(probe.Log().find("Quelm loadprobe stopped - exitcode 603."), std::string::npos);
 }
 
 TEST(LifecycleTest, UnknownFilterEndsWithCode4BeforeThePidFile) {
@@ -79,22 +110,10 @@ TEST(LifecycleTest, UnknownFilterEndsWithCode4BeforeThePidFile) {
   probe.Set("filter", "VmstatFilter");
   probe.Start();
   EXPECT_EQ(probe.Wait(), 4);
-  EXPECT_FALSE(std::filesystem::exists(probe.PidFilePath()));
+  EXPECT_FALSE(fs::exists(probe.PidFilePath()));
   const std::string log = probe.Log();
   EXPECT_NE(log.find("The filter named VmstatFilter was not recognised."), std::string::npos);
   EXPECT_NE(log.find("Quelm loadprobe stopped - exitcode 4."), std::string::npos);
-}
-
-TEST(LifecycleTest, BadPidDirectoryIsLoggedAndLeavesNoPidFile) {
-  ProbeRunner probe;
-  probe.Set("piddirectory", probe.dir() + "/missing");
-  probe.Start();
-  ASSERT_TRUE(probe.WaitUntilPolling());
-  EXPECT_NE(probe.Log().find("The path " + probe.dir() +
-                             "/missing does not exist or is not a directory."),
-            std::string::npos);
-  EXPECT_FALSE(std::filesystem::exists(probe.dir() + "/missing/quelmloadprobe.pid"));
-  EXPECT_EQ(probe.Stop(SIGTERM), 92);
 }
 
 }  // namespace

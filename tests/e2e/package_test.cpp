@@ -2,10 +2,8 @@
 // temporary folder and unpacked there; and the sample configuration on the
 // real probe.
 #include <signal.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <filesystem>
 #include <regex>
 #include <string>
@@ -19,22 +17,6 @@ namespace {
 namespace fs = std::filesystem;
 
 const std::string kKey = "varosa.config.quelmloadbalancing.";
-
-struct Output {
-  int status = -1;
-  std::string text;  // standard output and error together
-};
-
-Output Shell(const std::string& command) {
-  Output out;
-  FILE* p = popen((command + " 2>&1").c_str(), "r");
-  if (p == nullptr) return out;
-  char buf[4096];
-  for (size_t n; (n = fread(buf, 1, sizeof buf, p)) > 0;) out.text.append(buf, n);
-  const int status = pclose(p);
-  out.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  return out;
-}
 
 bool Have(const std::string& program) {
   return Shell("command -v " + program + " >/dev/null").status == 0;
@@ -53,8 +35,9 @@ class PackageTest : public ::testing::Test {
     if (!Have("cpack") || !Have("dpkg-deb")) return;
     char tmpl[] = "/tmp/quelm-package-XXXXXX";
     dir_ = mkdtemp(tmpl);
-    log_ = Shell("cpack --config " QUELM_BINARY_DIR "/CPackConfig.cmake -B " +
-                 (dir_ / "out").string()).text;
+    const Output cpack = Shell("cpack --config " QUELM_BINARY_DIR "/CPackConfig.cmake -B " +
+                               (dir_ / "out").string());
+    log_ = cpack.out + cpack.err;
     for (const auto& entry : fs::directory_iterator(dir_ / "out")) {
       if (entry.path().extension() == ".deb") deb_ = entry.path();
     }
@@ -84,13 +67,13 @@ TEST_F(PackageTest, FilesAtTheirPathsAndMaintainerData) {
   const std::string props = Read("root/etc/quelmloadprobe/quelmloadbalancing.properties");
   const std::string rotate = Read("root/etc/logrotate.d/quelmloadprobe");
   // The packaged (stripped) client still runs.
-  const Output help = Shell((dir_ / "root/usr/bin/quelmloadctl").string() + " --help");
+  const Output help = Shell((dir_ / "root/usr/bin/quelmloadctl").string() + " --help 2>&1");
   EXPECT_EQ(help.status, 0);
-  EXPECT_EQ(help.text.rfind("Usage: quelmloadctl", 0), 0u);
+  EXPECT_EQ(help.out.rfind("Usage: quelmloadctl", 0), 0u);
 
   // vmstat is the measuring tool; the configuration survives upgrades; the
   // service user is made; the maintainer scripts are runnable shell.
-  EXPECT_TRUE(std::regex_search(Shell("dpkg-deb -f " + deb_.string() + " Depends").text,
+  EXPECT_TRUE(std::regex_search(Shell("dpkg-deb -f " + deb_.string() + " Depends").out,
                                 std::regex("\\bprocps\\b")));
   EXPECT_EQ(Read("control/conffiles"),
             "/etc/quelmloadprobe/quelmloadbalancing.properties\n/etc/logrotate.d/quelmloadprobe\n");
@@ -137,10 +120,10 @@ TEST_F(PackageTest, UnitPassesSystemdVerify) {
   const fs::path checked = dir_ / "verify" / "quelmloadprobe.service";
   fs::create_directories(checked.parent_path());
   ProbeRunner::WriteFile(checked.string(), copy);
-  const Output verify = Shell("systemd-analyze verify " + checked.string());
-  EXPECT_EQ(verify.status, 0) << verify.text;
+  const Output verify = Shell("systemd-analyze verify " + checked.string() + " 2>&1");
+  EXPECT_EQ(verify.status, 0) << verify.out;
   // Complaints about the host's own units are not ours.
-  EXPECT_EQ(verify.text.find("quelmloadprobe"), std::string::npos) << verify.text;
+  EXPECT_EQ(verify.out.find("quelmloadprobe"), std::string::npos) << verify.out;
 }
 
 // Every key of the sample is understood: the probe names no key in its log
@@ -151,8 +134,8 @@ TEST(SampleConfigurationTest, ProbeStartsWithoutAComplaint) {
       ProbeRunner::ReadFile(QUELM_SOURCE_DIR "/config/quelmloadbalancing.properties.sample");
   const std::pair<std::string, std::string> local[] = {
       {"port", std::to_string(probe.port())},
-      {"logdirectory", probe.logDir()},
-      {"piddirectory", fs::path(probe.PidFilePath()).parent_path().string()}};
+      {"logdirectory", probe.dir() + "/logs"},
+      {"piddirectory", probe.dir() + "/run"}};
   for (const auto& [key, value] : local) {
     const std::string changed = std::regex_replace(
         sample, std::regex("\n" + kKey + key + "=[^\n]*\n"), "\n" + kKey + key + "=" + value + "\n");
@@ -161,7 +144,7 @@ TEST(SampleConfigurationTest, ProbeStartsWithoutAComplaint) {
   }
   ProbeRunner::WriteFile(probe.dir() + "/quelmloadbalancing.properties", sample);
   probe.StartWithArgs({probe.dir()});
-  ASSERT_TRUE(probe.WaitForPidFile(std::chrono::seconds(60)));
+  ASSERT_TRUE(probe.WaitForPidFile());
   EXPECT_TRUE(probe.WaitForLog("Quelm loadprobe started."));
   EXPECT_EQ(probe.Log().find(kKey), std::string::npos) << probe.Log();
   EXPECT_EQ(probe.Stop(SIGTERM), 92) << ProbeRunner::ReadFile(probe.dir() + "/stderr.txt");

@@ -4,9 +4,16 @@
 #include <sys/types.h>
 
 #include <chrono>
+#include <cstdio>
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
+
+using namespace std::chrono_literals;
+
+// Polls cond every 20 ms until it holds (true) or the timeout passes (false).
+bool Eventually(const std::function<bool()>& cond, std::chrono::milliseconds timeout = 30s);
 
 // Starts the real probe binary on a configuration in a temporary folder and
 // gives tests its logs, pid file and exit status.
@@ -20,36 +27,33 @@ class ProbeRunner {
   // Keys are the short names after "varosa.config.quelmloadbalancing.".
   void Set(const std::string& key, const std::string& value) { props_[key] = value; }
   void Unset(const std::string& key) { props_.erase(key); }
-  void WriteConfig();
-  // Soft and hard open-files limit the probe starts with (0: inherited).
-  void SetOpenFileLimit(unsigned long limit) { fileLimit_ = limit; }
-  // Starts the probe with the configuration folder (and extra arguments).
-  void Start(const std::vector<std::string>& extraArgs = {});
-  // Starts the probe with exactly these arguments.
-  void StartWithArgs(const std::vector<std::string>& args);
-  bool WaitForPidFile(std::chrono::milliseconds timeout = std::chrono::seconds(60));
-  // Waits until the probe sleeps in poll, i.e. its event loop runs.
-  bool WaitUntilPolling(std::chrono::milliseconds timeout = std::chrono::seconds(60));
-  // Pids of the probe's current children.
-  std::vector<int> Children() const;
-  bool WaitForLog(const std::string& text,
-                  std::chrono::milliseconds timeout = std::chrono::seconds(20));
-  // Sends sig and waits for the probe; its exit status, or -1 on timeout.
-  int Stop(int sig, std::chrono::milliseconds timeout = std::chrono::seconds(20));
+  // Writes the configuration and starts the probe on its folder.
+  void Start();
+  void StartWithArgs(std::vector<std::string> args);
+  // Start-up times the processor, which takes long on a loaded machine.
+  bool WaitForPidFile() const;
+  // True once the probe sleeps in poll: its event loop runs, and only from
+  // then on does it act on signals (earlier ones are dropped).
+  bool WaitUntilPolling() const;
+  // Sends sig once the event loop runs.
+  void Signal(int sig) const;
+  // Signal(sig) (SIGKILL at once) and waits; the exit status, or -1.
+  int Stop(int sig);
   // Waits for the probe to end by itself; exit status or -1.
-  int Wait(std::chrono::milliseconds timeout = std::chrono::seconds(60));
+  int Wait(std::chrono::milliseconds timeout = 60s);
   bool Running() const;
+  std::vector<int> Children() const;  // pids of the probe's current children
 
-  std::string Log() const;  // the plain .log file of this run
-  std::string Csl() const;  // the structured .csl file of this run
-  std::string LogPath() const;
-  std::string CslPath() const;
-  std::string PidFilePath() const { return pidDir_ + "/quelmloadprobe.pid"; }
+  bool WaitForLog(const std::string& text) const;  // the whole text, never a prefix
+  std::string Log() const { return ReadFile(LogPath()); }  // the plain .log of this run
+  std::string Csl() const { return ReadFile(CslPath()); }  // the structured .csl
+  std::string LogPath() const { return LogBase() + ".log"; }
+  std::string CslPath() const { return LogBase() + ".csl"; }
+  std::string PidFilePath() const { return dir_ + "/run/quelmloadprobe.pid"; }
 
   pid_t pid() const { return pid_; }
   int port() const { return port_; }
   const std::string& dir() const { return dir_; }
-  const std::string& logDir() const { return logDir_; }
 
   static int FreeTcpPort();
   static std::string ReadFile(const std::string& path);
@@ -58,16 +62,45 @@ class ProbeRunner {
   static void WriteScript(const std::string& path, const std::string& body);
 
  private:
-  std::string dir_, logDir_, pidDir_;
+  std::string LogBase() const {
+    return dir_ + "/logs/quelmloadprobe" + std::to_string(pid_) + "_error";
+  }
+  std::string dir_;
   std::map<std::string, std::string> props_;
   pid_t pid_ = -1;
   int port_ = 0;
   int status_ = -1;
-  unsigned long fileLimit_ = 0;
 };
 
 // One request on its own connection to 127.0.0.1:port; the whole reply.
 std::string SendRequest(int port, const std::string& request,
-                        std::chrono::milliseconds timeout = std::chrono::seconds(10));
+                        std::chrono::milliseconds timeout = 10s);
+
+// A shell command's exit status and standard output.
+struct Output {
+  int status = -1;
+  std::string out, err;
+};
+Output Shell(const std::string& command);
+
+// A program as a child process (quelmloadctl unless told otherwise); its
+// standard output and error go to temporary files. Ended by an alarm after 100 s.
+class Ctl {
+ public:
+  explicit Ctl(std::vector<std::string> args);
+  ~Ctl();
+  Ctl(const Ctl&) = delete;
+  Ctl& operator=(const Ctl&) = delete;
+  std::string Err() const { return Read(err_); }
+  Output Finish();  // waits; status -1 when it did not exit normally
+
+ private:
+  static std::string Read(FILE* f);
+  FILE* out_;
+  FILE* err_;
+  pid_t pid_ = -1;
+};
+
+Output RunCtl(const std::vector<std::string>& args);
 
 #endif  // QUELM_TESTS_E2E_PROBE_RUNNER_H_
