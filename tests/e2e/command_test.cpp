@@ -1,10 +1,7 @@
 // The command port end to end on one shared probe: curl, socat, raw sockets
 // and quelmloadctl as clients, real replies and real UDP load packets.
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <signal.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -23,19 +20,13 @@ bool Matches(const std::string& text, const std::string& pattern) {
   return std::regex_match(text, std::regex(pattern));
 }
 
-size_t Count(const std::string& text, const std::string& part) {
-  size_t n = 0;
-  for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) ++n;
-  return n;
-}
-
-// The UDP port a listening client reports on standard error, or 0.
+// The UDP port a listening client names on standard error, or 0.
 int ListenPort(const Ctl& listener) {
-  static const std::regex said("listening for load packets on UDP port (\\d+)\n");
   std::smatch m;
-  Eventually([&] { const std::string err = listener.Err(); return std::regex_search(err, m, said); }, 10s);
-  const std::string err = listener.Err();
-  return std::regex_search(err, m, said) ? std::stoi(m[1]) : 0;
+  std::string err;
+  const std::regex named("UDP port (\\d+)\n");
+  Eventually([&] { return std::regex_search(err = listener.Err(), m, named); }, 10s);
+  return m.empty() ? 0 : std::stoi(m[1]);
 }
 
 // One probe for all cases. Its fake measuring tool writes the old 16-column
@@ -45,11 +36,8 @@ class CommandTest : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
     probe_ = new ProbeRunner;
-    const std::string tool = probe_->dir() + "/tool";
-    ProbeRunner::WriteScript(tool,
-        "echo 'first header'\necho 'second header'\necho '1 1 1 1 1 1 1 1 1 1 1 1 1 1 1 1'\n"
-        "echo '0 0 0 1000 2000 3 4 5 6 7 8 9 10 11 12 77'\nsleep 1\nexec sleep 60 >&- <&-\n");
-    probe_->Set("probepath", tool);
+    probe_->SetTool("echo 'first header'\necho 'second header'\necho '1 1 1 1 1 1 1 1 1 1 1 1 1 1 1 1'\n"
+                    "echo '0 0 0 1000 2000 3 4 5 6 7 8 9 10 11 12 77'\nsleep 1\nexec sleep 60 >&- <&-\n");
     probe_->Start();
   }
   static void TearDownTestSuite() {
@@ -57,20 +45,22 @@ class CommandTest : public ::testing::Test {
     delete probe_;
   }
   void SetUp() override { ASSERT_TRUE(probe_->WaitForPidFile()); }
+  // The get reply up to its hosts.
+  static std::string GetDoc() {
+    return "<\\?xml version=\"1.0\"\\?><znalbreply type=\"get\"><version>1.0</version><port>" +
+           std::to_string(probe_->port()) + "</port><samplerate>5</samplerate><windowsize>3"
+           "</windowsize><stats>cpu=\\d+ bogo=\\d+ vmem=\\d+ </stats><time>[A-Z][a-z]{2}, \\d\\d "
+           "[A-Z][a-z]{2} \\d{4} \\d\\d:\\d\\d:\\d\\d GMT</time>";
+  }
   static inline ProbeRunner* probe_ = nullptr;
 };
 
 TEST_F(CommandTest, RawClientsAndTheToolsOutput) {
   const int port = probe_->port();
-  const std::string getDoc =
-      "<\\?xml version=\"1.0\"\\?><znalbreply type=\"get\"><version>1.0</version><port>" +
-      std::to_string(port) +
-      "</port><samplerate>5</samplerate><windowsize>3</windowsize><stats>cpu=\\d+ bogo=\\d+ "
-      "vmem=\\d+ </stats><time>[A-Z][a-z]{2}, \\d\\d [A-Z][a-z]{2} \\d{4} \\d\\d:\\d\\d:\\d\\d "
-      "GMT</time>";
+  const std::string idle = GetDoc() + "No Updates</znalbreply>";
   const Output curl = Shell("curl --http0.9 -s --max-time 10 'http://127.0.0.1:" +
                             std::to_string(port) + "/?get&znalbinfo'");
-  EXPECT_TRUE(Matches(curl.out, getDoc + "No Updates</znalbreply>")) << curl.out;
+  EXPECT_TRUE(Matches(curl.out, idle)) << curl.out;
   ProbeRunner::WriteFile(probe_->dir() + "/get.xml", curl.out);
   EXPECT_EQ(Shell("xmllint --noout " + probe_->dir() + "/get.xml").status, 0);
   EXPECT_TRUE(probe_->WaitForLog("Response is \n" + kXml));
@@ -80,18 +70,12 @@ TEST_F(CommandTest, RawClientsAndTheToolsOutput) {
   EXPECT_EQ(SendRequest(port, "GET /"), rejected);
   EXPECT_EQ(SendRequest(port, std::string(513, 'x')), rejected);
   const std::string get = "GET /?get&znalbinfo";
-  EXPECT_TRUE(Matches(SendRequest(port, get + std::string(512 - get.size(), ' ')),
-                      getDoc + "No Updates</znalbreply>"));
+  EXPECT_TRUE(Matches(SendRequest(port, get + std::string(512 - get.size(), ' ')), idle));
   EXPECT_TRUE(probe_->WaitForLog("Bad request (length 5). Request is [ GET / ]."));
   EXPECT_TRUE(probe_->WaitForLog("Bad request (length 513)."));
 
   // One reply per connection: a second request on it is never answered.
-  const int fd = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_port = htons(static_cast<uint16_t>(port));
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  ASSERT_EQ(connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
+  const int fd = Connect(port);
   ASSERT_EQ(write(fd, get.data(), get.size()), static_cast<ssize_t>(get.size()));
   std::string reply;
   char buf[4096];
@@ -102,7 +86,7 @@ TEST_F(CommandTest, RawClientsAndTheToolsOutput) {
     if (reply.ends_with("</znalbreply>")) (void)!write(fd, get.data(), get.size());
   }
   close(fd);
-  EXPECT_TRUE(Matches(reply, getDoc + "No Updates</znalbreply>")) << reply;
+  EXPECT_TRUE(Matches(reply, idle)) << reply;
 
   // Create with socat (one write), then get, kill and kill again.
   const Output created = Shell(
@@ -111,10 +95,10 @@ TEST_F(CommandTest, RawClientsAndTheToolsOutput) {
       "</percentchange><stat>vmem</stat><id>5</id><version>1.0</version></znalbreq>' | "
       "timeout 10 socat -t 2 - TCP:127.0.0.1:" + std::to_string(port));
   EXPECT_TRUE(Matches(created.out, "<\\?xml version=\"1.0\"\\?><znalbreply type=\"create\">"
-                                   "<version>1.0</version><id>5</id><stats>vmem=\\d+ </stats>"
-                                   "</znalbreply>")) << created.out;
+                      "<version>1.0</version><id>5</id><stats>vmem=\\d+ </stats></znalbreply>"))
+      << created.out;
   const std::string listed = SendRequest(port, "GET /?get&znalbinfo HTTP/1.0\r\n\r\n");
-  EXPECT_TRUE(Matches(listed, getDoc + "<connection><id>5</id><host>127.0.0.1</host><port>9"
+  EXPECT_TRUE(Matches(listed, GetDoc() + "<connection><id>5</id><host>127.0.0.1</host><port>9"
                       "</port><replyfrequency>10</replyfrequency><percentchange>20</percentchange>"
                       "<samplerate>5</samplerate><windowsize>5</windowsize><stats>vmem=\\d+ "
                       "</stats><time>[^<]+</time></connection></znalbreply>")) << listed;
@@ -124,12 +108,15 @@ TEST_F(CommandTest, RawClientsAndTheToolsOutput) {
   EXPECT_EQ(SendRequest(port, kill), kXml + "<znalbreply type=\"error\"><version>1.0</version>"
                                             "<error>get /Host with id 5 not found</error>"
                                             "</znalbreply>");
-  EXPECT_TRUE(Matches(SendRequest(port, get), getDoc + "No Updates</znalbreply>"));
+  EXPECT_TRUE(Matches(SendRequest(port, get), idle));
 
   // The tool's 16 columns become samples; every lingering run is replaced
   // (three runs at least) and killed, so at most the current one is left.
-  const std::string sample = "idle=77, swap=785432, \nphysmemfree=2000, swappedin=5, swappedout=6.";
-  EXPECT_TRUE(Eventually([&] { return Count(probe_->Log(), sample) >= 3; }));
+  const std::regex sample("idle=77, swap=785432, \nphysmemfree=2000, swappedin=5, swappedout=6\\.");
+  EXPECT_TRUE(Eventually([&] {
+    const std::string log = probe_->Log();
+    return std::distance(std::sregex_iterator(log.begin(), log.end(), sample), {}) >= 3;
+  }));
   EXPECT_TRUE(Eventually([&] { return probe_->Children().size() <= 1; }));
 }
 
@@ -140,8 +127,8 @@ TEST_F(CommandTest, SecondProbeOnTheBusyPortExitsWithOne) {
   EXPECT_EQ(second.Wait(), 1);
   EXPECT_FALSE(std::filesystem::exists(second.PidFilePath()));
   const std::string log = second.Log();
-  EXPECT_NE(log.find("Failed to bind to port " + std::to_string(probe_->port()) +
-                     ", reason bind("), std::string::npos);
+  EXPECT_NE(log.find("Failed to bind to port " + std::to_string(probe_->port()) + ", reason bind("),
+            std::string::npos);
   EXPECT_EQ(log.find("Quelm loadprobe stopped"), std::string::npos);
 }
 
@@ -157,34 +144,17 @@ TEST_F(CommandTest, QuelmloadctlConversationAndLoadPackets) {
   };
   const Output get = run({"get"});
   EXPECT_EQ(get.status, 0) << get.err;
-  EXPECT_TRUE(Matches(get.out, "<\\?xml version=\"1.0\"\\?><znalbreply type=\"get\"><version>1.0"
-                               "</version><port>" + port + "</port><samplerate>5</samplerate>"
-                               "<windowsize>3</windowsize><stats>cpu=\\d+ bogo=\\d+ vmem=\\d+ "
-                               "</stats><time>[^<]+</time>No Updates</znalbreply>\n")) << get.out;
+  EXPECT_TRUE(Matches(get.out, GetDoc() + "No Updates</znalbreply>\n")) << get.out;
   EXPECT_EQ(get.err, "");
 
   Ctl changed({"listen", "--port", "0", "--count", "1", "--timeout", "30000"});
-  Ctl timed({"listen", "--port", "0", "--count", "2", "--pretty", "--timeout", "30000"});
-  const int changedPort = ListenPort(changed);
-  const int timedPort = ListenPort(timed);
-  ASSERT_NE(changedPort, 0) << changed.Err();
-  ASSERT_NE(timedPort, 0) << timed.Err();
-  // A stranger's datagram first; the pretty listener counts and shows it.
-  const int udp = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_port = htons(static_cast<uint16_t>(timedPort));
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  sendto(udp, "hello\nworld", 11, 0, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
-  close(udp);
-  const Output one = run({"create", "--id", "1", "--subscriber",
-                          "127.0.0.1:" + std::to_string(changedPort), "--stat", "cpu,vmem",
-                          "--percentchange", "30", "--replyfreq", "60000"});
-  ASSERT_EQ(one.status, 0) << one.err;
-  const Output two = run({"create", "--id", "2", "--subscriber",
-                          "127.0.0.1:" + std::to_string(timedPort), "--stat", "cpu,vmem",
-                          "--percentchange", "90"});
-  ASSERT_EQ(two.status, 0) << two.err;
+  Ctl timed({"listen", "--port", "0", "--count", "1", "--pretty", "--timeout", "30000"});
+  const int changedPort = ListenPort(changed), timedPort = ListenPort(timed);
+  ASSERT_NE(changedPort * timedPort, 0) << changed.Err() << timed.Err();
+  EXPECT_EQ(run({"create", "--id", "1", "--subscriber", "127.0.0.1:" + std::to_string(changedPort),
+                 "--stat", "cpu,vmem", "--percentchange", "30", "--replyfreq", "60000"}).status, 0);
+  EXPECT_EQ(run({"create", "--id", "2", "--subscriber", "127.0.0.1:" + std::to_string(timedPort),
+                 "--stat", "cpu,vmem", "--percentchange", "90"}).status, 0);
 
   const Output table = RunCtl({"get", "--pretty", "--host", "localhost", "--port", port});
   EXPECT_EQ(table.status, 0) << table.err;
@@ -197,17 +167,15 @@ TEST_F(CommandTest, QuelmloadctlConversationAndLoadPackets) {
                             " +10 s +90 % +5 s +3 +cpu=\\d+ vmem=\\d+ +[A-Z][a-z]{2}, [^\n]+ GMT\n")))
       << table.out;
 
-  const Output changedOut = changed.Finish();
+  const Output changedOut = changed.Finish(), timedOut = timed.Finish();
   EXPECT_EQ(changedOut.status, 0) << changedOut.err;
   EXPECT_TRUE(Matches(changedOut.out, "<\\?xml version=\"1.0\"\\?><znalbdata><id>1</id><seqno>\\d+"
                                       "</seqno><stats>cpu=77 vmem=\\d+ vmax=768 pmem=2 pmax=256 "
                                       "sin=5 sout=6 </stats></znalbdata>\n")) << changedOut.out;
-  const Output timedOut = timed.Finish();
   EXPECT_EQ(timedOut.status, 0) << timedOut.err;
-  EXPECT_TRUE(Matches(timedOut.out,
-                      "not a load packet: hello\\\\nworld\n"
-                      "id=2 seqno=\\d+ \\(\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d UTC\\) cpu=77 "
-                      "vmem=\\d+ vmax=768 pmem=2 pmax=256 sin=5 sout=6\n")) << timedOut.out;
+  EXPECT_TRUE(Matches(timedOut.out, "id=2 seqno=\\d+ \\(\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d "
+                                    "UTC\\) cpu=77 vmem=\\d+ vmax=768 pmem=2 pmax=256 sin=5 "
+                                    "sout=6\n")) << timedOut.out;
   EXPECT_TRUE(probe_->WaitForLog("sent to 127.0.0.1"));
 
   const Output killed = run({"kill", "--id", "1"});

@@ -1,8 +1,6 @@
 // The command port under connection floods: a burst of short connections,
 // hundreds of idle ones, then no descriptors left. After each the probe must
 // serve normally, give back every descriptor and go quiet again (no spinning).
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -34,19 +32,6 @@ double CpuOverHalfASecond(pid_t pid) {
   return ReadProcSample(pid).cpuSeconds - before;
 }
 
-int ConnectNonBlocking(int port) {
-  const int fd = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_port = htons(static_cast<uint16_t>(port));
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  if (connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 && errno != EINPROGRESS) {
-    close(fd);
-    return -1;
-  }
-  return fd;
-}
-
 TEST(FloodTest, BurstIdleConnectionsAndNoDescriptorsLeft) {
   // The test holds hundreds of sockets itself.
   rlimit files{};
@@ -58,9 +43,7 @@ TEST(FloodTest, BurstIdleConnectionsAndNoDescriptorsLeft) {
   // A tool that writes once and then stays quiet, so that the probe's own
   // descriptors do not change while the test counts them.
   ProbeRunner probe;
-  ProbeRunner::WriteScript(probe.dir() + "/tool",
-                           "echo 'first header'\necho 'second header'\nexec sleep 600\n");
-  probe.Set("probepath", probe.dir() + "/tool");
+  probe.SetTool("echo 'first header'\necho 'second header'\nexec sleep 600\n");
   probe.Start();
   ASSERT_TRUE(probe.WaitUntilPolling());
   const pid_t pid = probe.pid();
@@ -97,7 +80,7 @@ TEST(FloodTest, BurstIdleConnectionsAndNoDescriptorsLeft) {
   // batches of the listen backlog, each accepted before the next.
   std::vector<int> idle;
   while (idle.size() < 500) {
-    for (int i = 0; i < 5; ++i) idle.push_back(ConnectNonBlocking(probe.port()));
+    for (int i = 0; i < 5; ++i) idle.push_back(Connect(probe.port(), SOCK_NONBLOCK));
     ASSERT_TRUE(Eventually([&] { return !descriptorsAtMost(base + long(idle.size()) - 1); }, 10s))
         << idle.size() << " connected, probe holds " << ReadProcSample(pid).openDescriptors - base;
   }
@@ -110,7 +93,7 @@ TEST(FloodTest, BurstIdleConnectionsAndNoDescriptorsLeft) {
   // says so once. (The sanitizer runtime needs descriptors itself.)
   const rlimit few{rlim_t(base + 502), files.rlim_max};
   ASSERT_EQ(prlimit(pid, RLIMIT_NOFILE, &few, nullptr), 0);
-  for (int i = 0; i < 10; ++i) idle.push_back(ConnectNonBlocking(probe.port()));
+  for (int i = 0; i < 10; ++i) idle.push_back(Connect(probe.port(), SOCK_NONBLOCK));
   ASSERT_TRUE(probe.WaitForLog("Failed to accept new connection [Reason: accept("));
   EXPECT_LT(CpuOverHalfASecond(pid), 0.05);
   const std::string log = probe.Log();

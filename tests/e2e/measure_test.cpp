@@ -14,8 +14,8 @@ namespace {
 
 TEST(MeasureTest, ScriptedToolClampsRaisesTheMaximumAndReportsGarbage) {
   ProbeRunner probe;
-  const std::string tool = probe.dir() + "/tool", runs = probe.dir() + "/runs";
-  ProbeRunner::WriteScript(tool,
+  const std::string runs = probe.dir() + "/runs";
+  const std::string tool = probe.SetTool(
       "n=$(cat " + runs + " 2>/dev/null || echo 0)\necho $((n + 1)) > " + runs + "\n"
       "if [ $n -eq 0 ]; then\n"
       "  printf 'first header\\nsecond header\\nsince boot\\nthis is not a sample\\n'\n"
@@ -30,7 +30,6 @@ TEST(MeasureTest, ScriptedToolClampsRaisesTheMaximumAndReportsGarbage) {
       "else\n"
       "  echo ' 0  0 550000 123456   2084  40064   1    2     0     0   71   89  0  0 50  0  0'\n"
       "fi\n");
-  probe.Set("probepath", tool);
   probe.Set("maxvirtualmemory", "500");  // 512000 KiB
   probe.Start();
   ASSERT_TRUE(probe.WaitForPidFile());

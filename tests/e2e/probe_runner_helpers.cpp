@@ -9,12 +9,26 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <filesystem>
 #include <fstream>
+#include <regex>
 #include <sstream>
 #include <thread>
 
 namespace fs = std::filesystem;
+
+namespace {
+
+sockaddr_in Loopback(int port) {
+  sockaddr_in addr{};
+  addr.sin_family = AF_INET;
+  addr.sin_port = htons(static_cast<uint16_t>(port));
+  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  return addr;
+}
+
+}  // namespace
 
 bool Eventually(const std::function<bool()>& cond, std::chrono::milliseconds timeout) {
   for (const auto end = std::chrono::steady_clock::now() + timeout;;) {
@@ -24,17 +38,20 @@ bool Eventually(const std::function<bool()>& cond, std::chrono::milliseconds tim
   }
 }
 
-ProbeRunner::ProbeRunner() : port_(FreeTcpPort()) {
+ProbeRunner::ProbeRunner() {
   char tmpl[] = "/tmp/quelm-e2e-XXXXXX";
   dir_ = mkdtemp(tmpl);
   fs::create_directories(dir_ + "/logs");
   fs::create_directories(dir_ + "/run");
-  props_ = {{"port", std::to_string(port_)},     {"filter", "vmstatFilter"},
-            {"probepath", "/usr/bin/vmstat -n"}, {"logdirectory", dir_ + "/logs"},
-            {"piddirectory", dir_ + "/run"},     {"windowsize", "3"},
-            {"samplerate", "5"},                 {"hostlifetime", "86400"},
-            {"mincachesize", "10"},              {"maxvirtualmemory", "768"},
-            {"maxphysicalmemory", "256"},        {"multiprocessorfactor", "80"}};
+  const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);  // a free port
+  sockaddr_in addr = Loopback(0);
+  socklen_t len = sizeof addr;
+  bind(fd, reinterpret_cast<sockaddr*>(&addr), len);
+  getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len);
+  close(fd);
+  port_ = ntohs(addr.sin_port);
+  props_ = {{"port", std::to_string(port_)}, {"logdirectory", dir_ + "/logs"},
+            {"piddirectory", dir_ + "/run"}, {"samplerate", "5"}, {"windowsize", "3"}};
 }
 
 ProbeRunner::~ProbeRunner() {
@@ -43,27 +60,30 @@ ProbeRunner::~ProbeRunner() {
   fs::remove_all(dir_, ec);
 }
 
-void ProbeRunner::Start() {
-  std::ostringstream text;
-  for (const auto& [key, value] : props_) {
-    text << "varosa.config.quelmloadbalancing." << key << "=" << value << "\n";
-  }
-  WriteFile(dir_ + "/quelmloadbalancing.properties", text.str());
-  StartWithArgs({dir_});
+std::string ProbeRunner::SetTool(const std::string& script) {
+  const std::string path = dir_ + "/tool";
+  WriteFile(path, "#!/bin/sh\n" + script);
+  chmod(path.c_str(), 0755);
+  Set("probepath", path);
+  return path;
 }
 
-void ProbeRunner::StartWithArgs(std::vector<std::string> args) {
-  args.insert(args.begin(), QUELM_PROBE_BINARY);
-  std::vector<char*> argv;
-  for (auto& a : args) argv.push_back(a.data());
-  argv.push_back(nullptr);
+void ProbeRunner::Start() {
+  std::string config = ReadFile(QUELM_SOURCE_DIR "/config/quelmloadbalancing.properties.sample");
+  for (const auto& [key, value] : props_) {
+    const std::string line = "\nvarosa.config.quelmloadbalancing." + key + "=";
+    config = std::regex_replace(config, std::regex(line + "[^\n]*"), value ? line + *value : "");
+  }
+  WriteFile(dir_ + "/quelmloadbalancing.properties", config);
+  std::string binary = QUELM_PROBE_BINARY;
+  char* argv[] = {binary.data(), dir_.data(), nullptr};
   status_ = -1;
   pid_ = fork();
   if (pid_ == 0) {
     // Keep the probe's own standard error out of the test output.
     if (FILE* err = fopen((dir_ + "/stderr.txt").c_str(), "w")) dup2(fileno(err), 2);
     closefrom(3);  // nothing of the test process leaks into the probe
-    execv(argv[0], argv.data());
+    execv(argv[0], argv);
     _exit(126);
   }
 }
@@ -71,22 +91,19 @@ void ProbeRunner::StartWithArgs(std::vector<std::string> args) {
 bool ProbeRunner::Running() const {
   if (pid_ <= 0 || status_ != -1) return false;
   siginfo_t info{};  // ended, without reaping it?
-  if (waitid(P_PID, static_cast<id_t>(pid_), &info, WEXITED | WNOHANG | WNOWAIT) != 0) {
-    return false;
-  }
-  return info.si_pid != pid_;
+  return waitid(P_PID, static_cast<id_t>(pid_), &info, WEXITED | WNOHANG | WNOWAIT) == 0 &&
+         info.si_pid != pid_;
 }
 
 bool ProbeRunner::WaitForPidFile() const {
-  return Eventually([&] { return fs::exists(PidFilePath()) || !Running(); }, 60s) &&
-         fs::exists(PidFilePath());
+  Eventually([&] { return fs::exists(PidFilePath()) || !Running(); }, 60s);
+  return fs::exists(PidFilePath());
 }
 
 bool ProbeRunner::WaitUntilPolling() const {
   const std::string wchan = "/proc/" + std::to_string(pid_) + "/wchan";
-  return Eventually([&] { return !Running() || ReadFile(wchan).find("poll") != std::string::npos; },
-                    60s) &&
-         Running();
+  Eventually([&] { return !Running() || ReadFile(wchan).find("poll") != std::string::npos; }, 60s);
+  return Running();
 }
 
 void ProbeRunner::Signal(int sig) const {
@@ -97,17 +114,17 @@ void ProbeRunner::Signal(int sig) const {
 int ProbeRunner::Stop(int sig) {
   if (status_ != -1) return status_;
   sig == SIGKILL ? (void)kill(pid_, sig) : Signal(sig);
-  return Wait(30s);
+  return Wait();
 }
 
-int ProbeRunner::Wait(std::chrono::milliseconds timeout) {
+int ProbeRunner::Wait() {
   Eventually([&] {
     int status = 0;
     if (status_ == -1 && waitpid(pid_, &status, WNOHANG) == pid_) {
       status_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     }
     return status_ != -1;
-  }, timeout);
+  }, 60s);
   return status_;
 }
 
@@ -123,22 +140,9 @@ bool ProbeRunner::WaitForLog(const std::string& text) const {
   return Eventually([&] { return Log().find(text) != std::string::npos; });
 }
 
-int ProbeRunner::FreeTcpPort() {
-  const int fd = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
-  socklen_t len = sizeof addr;
-  getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len);
-  close(fd);
-  return ntohs(addr.sin_port);
-}
-
 std::string ProbeRunner::ReadFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
   std::ostringstream text;
-  text << in.rdbuf();
+  text << std::ifstream(path, std::ios::binary).rdbuf();
   return text.str();
 }
 
@@ -146,26 +150,24 @@ void ProbeRunner::WriteFile(const std::string& path, const std::string& text) {
   std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
 }
 
-void ProbeRunner::WriteScript(const std::string& path, const std::string& body) {
-  WriteFile(path, "#!/bin/sh\n" + body);
-  chmod(path.c_str(), 0755);
+int Connect(int port, int flags) {
+  const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | flags, 0);
+  const sockaddr_in addr = Loopback(port);
+  if (connect(fd, reinterpret_cast<const sockaddr*>(&addr), sizeof addr) == 0 ||
+      errno == EINPROGRESS) {
+    return fd;
+  }
+  close(fd);
+  return -1;
 }
 
-std::string SendRequest(int port, const std::string& request, std::chrono::milliseconds timeout) {
-  const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_port = htons(static_cast<uint16_t>(port));
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+std::string SendRequest(int port, const std::string& request) {
+  const int fd = Connect(port);
+  if (fd < 0) return "<connect failed>";
   std::string reply;
-  if (connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
-    reply = "<connect failed>";
-  } else if (request.empty() || write(fd, request.data(), request.size()) > 0) {
-    char buf[4096];
-    for (const auto end = std::chrono::steady_clock::now() + timeout;
-         std::chrono::steady_clock::now() < end;) {
-      pollfd p{fd, POLLIN, 0};
-      if (poll(&p, 1, 100) <= 0) continue;
+  char buf[4096];
+  if (write(fd, request.data(), request.size()) > 0) {
+    for (pollfd p{fd, POLLIN, 0}; poll(&p, 1, 10000) > 0;) {
       const ssize_t n = read(fd, buf, sizeof buf);
       if (n <= 0) break;
       reply.append(buf, static_cast<size_t>(n));
@@ -173,11 +175,6 @@ std::string SendRequest(int port, const std::string& request, std::chrono::milli
   }
   close(fd);
   return reply;
-}
-
-Output Shell(const std::string& command) {
-  Ctl child({"/bin/sh", "-c", command});
-  return child.Finish();
 }
 
 Ctl::Ctl(std::vector<std::string> args) : out_(tmpfile()), err_(tmpfile()) {
@@ -220,5 +217,3 @@ std::string Ctl::Read(FILE* f) {
   }
   return text;
 }
-
-Output RunCtl(const std::vector<std::string>& args) { return Ctl(args).Finish(); }
