@@ -1,23 +1,14 @@
 // The probe's life as an operator sees it: start on the sample configuration,
-// pid file, the real vmstat, logs, signals, stop.
-#include <signal.h>
+// pid file, the real vmstat, logs, signals, stop; and what it makes of a
+// scripted tool's output.
 #include <sys/prctl.h>
 #include <sys/wait.h>
 
 #include <algorithm>
-#include <cstdio>
-#include <filesystem>
-#include <regex>
-#include <string>
-#include <thread>
-
-#include <gtest/gtest.h>
 
 #include "probe_runner.h"
 
 namespace {
-
-namespace fs = std::filesystem;
 
 // The probe's current vmstat child, once it has one; 0 if none comes. Runs
 // are replaced after each sample, so this looks again while children change.
@@ -110,6 +101,38 @@ TEST(LifecycleTest, UnknownFilterEndsWithCode4BeforeThePidFile) {
   const std::string log = probe.Log();
   EXPECT_NE(log.find("The filter named VmstatFilter was not recognised."), std::string::npos);
   EXPECT_NE(log.find("Quelm loadprobe stopped - exitcode 4."), std::string::npos);
+}
+
+// Runs that differ: output the filter cannot read, a sample to clamp (above
+// the configured virtual memory too), then one more.
+TEST(MeasureTest, ScriptedToolClampsRaisesTheMaximumAndReportsGarbage) {
+  ProbeRunner probe;
+  const std::string runs = probe.dir() + "/runs";
+  const std::string tool = probe.SetTool(
+      "n=$(cat " + runs + " 2>/dev/null || echo 0)\necho $((n + 1)) > " + runs + "\ncase $n in\n"
+      "0) printf 'first header\\nsecond header\\nsince boot\\nthis is not a sample\\n'; exit;;\n"
+      "1) swap=600000 si=7 so=8 id=101;;\n2) swap=550000 si=1 so=2 id=50;;\n*) exec sleep 600;;\n"
+      "esac\n"
+      "echo 'procs -----------memory---------- ---swap-- -----io---- -system-- ------cpu-----'\n"
+      "echo ' r  b   swpd   free   buff  cache   si   so    bi    bo   in   cs us sy id wa st'\n"
+      "echo ' 9  9      9      9      9      9    9    9     9     9    9    9  9  9  9  9  9'\n"
+      "echo \" 0  0 $swap 123456   2084  40064   $si    $so     0     0   71   89  0  0 $id  0  0\"\n");
+  probe.Set("maxvirtualmemory", "500");  // 512000 KiB
+  probe.Start();
+  ASSERT_TRUE(probe.WaitForPidFile());
+  // The raised maximum: 550000 KiB in use leaves 50000 free.
+  ASSERT_TRUE(probe.WaitForLog("idle=50, swap=50000, \nphysmemfree=123456, swappedin=1, "
+                               "swappedout=2.")) << probe.Log();
+  const std::string log = probe.Log();
+  EXPECT_NE(log.find("The following results have just been cached: idle=100, swap=0, "
+                     "\nphysmemfree=123456, swappedin=7, swappedout=8."), std::string::npos);
+  EXPECT_NE(log.find("The used/free virtual memory measured (600000 Kb) exceeds the amount "
+                     "configured in quelmloadprobe.properties (512000 Kb)."), std::string::npos);
+  EXPECT_NE(log.find("The data returned by " + tool + " has not been recognised by the data "
+                     "filter. \nThe data was \nthis is not a sample\n"), std::string::npos);
+  // The since-boot line is never a sample.
+  EXPECT_EQ(log.find("idle=9,"), std::string::npos);
+  EXPECT_EQ(probe.Stop(SIGTERM), 92);
 }
 
 }  // namespace

@@ -1,16 +1,9 @@
 // The Debian package, built by cpack from this build's install rules into a
 // temporary folder and unpacked there.
-#include <filesystem>
-#include <regex>
-#include <string>
-
-#include <gtest/gtest.h>
 
 #include "probe_runner.h"
 
 namespace {
-
-namespace fs = std::filesystem;
 
 const std::string kKey = "varosa.config.quelmloadbalancing.";
 

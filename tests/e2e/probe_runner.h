@@ -1,44 +1,46 @@
+// What every end-to-end test uses: the real probe in a temporary folder,
+// connections to it, and child programs such as quelmloadctl.
 #ifndef QUELM_TESTS_E2E_PROBE_RUNNER_H_
 #define QUELM_TESTS_E2E_PROBE_RUNNER_H_
 
+#include <signal.h>
 #include <sys/types.h>
 
 #include <chrono>
 #include <cstdio>
+#include <filesystem>
 #include <functional>
 #include <map>
-#include <optional>
+#include <regex>
 #include <string>
+#include <thread>
 #include <vector>
 
+#include <gtest/gtest.h>
+
 using namespace std::chrono_literals;
+namespace fs = std::filesystem;
 
 // Polls cond every 20 ms until it holds (true) or the timeout passes (false).
 bool Eventually(const std::function<bool()>& cond, std::chrono::milliseconds timeout = 30s);
 
-// Starts the real probe binary in a temporary folder on the sample
-// configuration, with its own port, log and pid folders, sample rate 5 and
-// window size 3; gives tests its logs, pid file, children and exit status.
+// The probe on the sample configuration, with its own port, log and pid
+// folders, sample rate 5 and window size 3.
 class ProbeRunner {
  public:
   ProbeRunner();
   ~ProbeRunner();
-  ProbeRunner(const ProbeRunner&) = delete;
-  ProbeRunner& operator=(const ProbeRunner&) = delete;
-
   // Keys are the short names after "varosa.config.quelmloadbalancing.".
   void Set(const std::string& key, const std::string& value) { props_[key] = value; }
-  void Unset(const std::string& key) { props_[key] = std::nullopt; }
-  // Writes an executable shell script as the measuring tool; its path.
-  std::string SetTool(const std::string& script);
-  void Start();  // writes the configuration and starts the probe on its folder
+  std::string SetTool(const std::string& script);  // a shell script as the tool; its path
+  void Start();
   // Start-up times the processor, which takes long on a loaded machine.
   bool WaitForPidFile() const;
   // True once the probe sleeps in poll: its event loop runs, and only from
   // then on does it act on signals (earlier ones are dropped).
   bool WaitUntilPolling() const;
   void Signal(int sig) const;  // sends sig once the event loop runs
-  int Stop(int sig);           // Signal(sig) (SIGKILL at once), Wait(); the exit status
+  int Stop(int sig);           // Signal(sig) (SIGKILL at once), Wait()
   int Wait();                  // the exit status, or -1 if the probe still runs after 60 s
   bool Running() const;
   std::vector<int> Children() const;  // pids of the probe's current children
@@ -57,14 +59,11 @@ class ProbeRunner {
   static void WriteFile(const std::string& path, const std::string& text);
 
  private:
-  std::string LogBase() const {
-    return dir_ + "/logs/quelmloadprobe" + std::to_string(pid_) + "_error";
-  }
+  std::string LogBase() const { return dir_ + "/logs/quelmloadprobe" + std::to_string(pid_) + "_error"; }
   std::string dir_;
-  std::map<std::string, std::optional<std::string>> props_;
-  pid_t pid_ = -1;
-  int port_ = 0;
-  int status_ = -1;
+  std::map<std::string, std::string> props_;
+  int pid_ = -1, port_ = 0;
+  mutable int status_ = -1;
 };
 
 // A TCP connection to 127.0.0.1:port, or -1. With SOCK_NONBLOCK in flags it
@@ -84,15 +83,11 @@ class Ctl {
  public:
   explicit Ctl(std::vector<std::string> args);
   ~Ctl();
-  Ctl(const Ctl&) = delete;
-  Ctl& operator=(const Ctl&) = delete;
-  std::string Err() const { return Read(err_); }
+  std::string Err() const;
   Output Finish();  // waits for the end (an alarm ends it after 100 s)
 
  private:
-  static std::string Read(FILE* f);
-  FILE* out_;
-  FILE* err_;
+  FILE *out_, *err_;
   pid_t pid_ = -1;
 };
 

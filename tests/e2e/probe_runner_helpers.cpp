@@ -3,32 +3,18 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <poll.h>
-#include <signal.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <filesystem>
 #include <fstream>
-#include <regex>
 #include <sstream>
-#include <thread>
 
-namespace fs = std::filesystem;
-
-namespace {
-
-sockaddr_in Loopback(int port) {
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_port = htons(static_cast<uint16_t>(port));
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  return addr;
+static sockaddr_in Loopback(int port) {
+  return {AF_INET, htons(static_cast<uint16_t>(port)), {htonl(INADDR_LOOPBACK)}, {}};
 }
-
-}  // namespace
 
 bool Eventually(const std::function<bool()>& cond, std::chrono::milliseconds timeout) {
   for (const auto end = std::chrono::steady_clock::now() + timeout;;) {
@@ -41,8 +27,7 @@ bool Eventually(const std::function<bool()>& cond, std::chrono::milliseconds tim
 ProbeRunner::ProbeRunner() {
   char tmpl[] = "/tmp/quelm-e2e-XXXXXX";
   dir_ = mkdtemp(tmpl);
-  fs::create_directories(dir_ + "/logs");
-  fs::create_directories(dir_ + "/run");
+  fs::create_directories(dir_ + "/logs"), fs::create_directories(dir_ + "/run");
   const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);  // a free port
   sockaddr_in addr = Loopback(0);
   socklen_t len = sizeof addr;
@@ -61,18 +46,17 @@ ProbeRunner::~ProbeRunner() {
 }
 
 std::string ProbeRunner::SetTool(const std::string& script) {
-  const std::string path = dir_ + "/tool";
-  WriteFile(path, "#!/bin/sh\n" + script);
-  chmod(path.c_str(), 0755);
-  Set("probepath", path);
-  return path;
+  WriteFile(dir_ + "/tool", "#!/bin/sh\n" + script);
+  chmod((dir_ + "/tool").c_str(), 0755);
+  Set("probepath", dir_ + "/tool");
+  return dir_ + "/tool";
 }
 
 void ProbeRunner::Start() {
   std::string config = ReadFile(QUELM_SOURCE_DIR "/config/quelmloadbalancing.properties.sample");
   for (const auto& [key, value] : props_) {
     const std::string line = "\nvarosa.config.quelmloadbalancing." + key + "=";
-    config = std::regex_replace(config, std::regex(line + "[^\n]*"), value ? line + *value : "");
+    config = std::regex_replace(config, std::regex(line + "[^\n]*"), line + value);
   }
   WriteFile(dir_ + "/quelmloadbalancing.properties", config);
   std::string binary = QUELM_PROBE_BINARY;
@@ -89,10 +73,11 @@ void ProbeRunner::Start() {
 }
 
 bool ProbeRunner::Running() const {
-  if (pid_ <= 0 || status_ != -1) return false;
-  siginfo_t info{};  // ended, without reaping it?
-  return waitid(P_PID, static_cast<id_t>(pid_), &info, WEXITED | WNOHANG | WNOWAIT) == 0 &&
-         info.si_pid != pid_;
+  int status = 0;
+  if (pid_ > 0 && status_ == -1 && waitpid(pid_, &status, WNOHANG) == pid_) {
+    status_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  }
+  return pid_ > 0 && status_ == -1;
 }
 
 bool ProbeRunner::WaitForPidFile() const {
@@ -112,19 +97,12 @@ void ProbeRunner::Signal(int sig) const {
 }
 
 int ProbeRunner::Stop(int sig) {
-  if (status_ != -1) return status_;
-  sig == SIGKILL ? (void)kill(pid_, sig) : Signal(sig);
+  if (Running()) sig == SIGKILL ? (void)kill(pid_, sig) : Signal(sig);
   return Wait();
 }
 
 int ProbeRunner::Wait() {
-  Eventually([&] {
-    int status = 0;
-    if (status_ == -1 && waitpid(pid_, &status, WNOHANG) == pid_) {
-      status_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    }
-    return status_ != -1;
-  }, 60s);
+  Eventually([&] { return !Running(); }, 60s);
   return status_;
 }
 
@@ -182,8 +160,7 @@ Ctl::Ctl(std::vector<std::string> args) : out_(tmpfile()), err_(tmpfile()) {
   pid_ = fork();
   if (pid_ == 0) {
     alarm(100);
-    dup2(fileno(out_), 1);
-    dup2(fileno(err_), 2);
+    dup2(fileno(out_), 1), dup2(fileno(err_), 2);
     closefrom(3);
     std::vector<char*> argv;
     for (auto& a : args) argv.push_back(a.data());
@@ -194,26 +171,17 @@ Ctl::Ctl(std::vector<std::string> args) : out_(tmpfile()), err_(tmpfile()) {
 }
 
 Ctl::~Ctl() {
-  if (pid_ > 0) {
-    kill(pid_, SIGKILL);
-    waitpid(pid_, nullptr, 0);
-  }
-  fclose(out_);
-  fclose(err_);
+  if (pid_ > 0 && kill(pid_, SIGKILL) == 0) waitpid(pid_, nullptr, 0);
+  fclose(out_), fclose(err_);
 }
+
+// The temporary files, read again from their start.
+std::string Ctl::Err() const { return ProbeRunner::ReadFile("/proc/self/fd/" + std::to_string(fileno(err_))); }
 
 Output Ctl::Finish() {
   int status = 0;
   waitpid(pid_, &status, 0);
   pid_ = -1;
-  return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, Read(out_), Read(err_)};
-}
-
-std::string Ctl::Read(FILE* f) {
-  std::string text;
-  char buf[4096];
-  for (ssize_t n; (n = pread(fileno(f), buf, sizeof buf, static_cast<off_t>(text.size()))) > 0;) {
-    text.append(buf, static_cast<size_t>(n));
-  }
-  return text;
+  const std::string out = ProbeRunner::ReadFile("/proc/self/fd/" + std::to_string(fileno(out_)));
+  return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, out, Err()};
 }
