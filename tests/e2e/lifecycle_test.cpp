@@ -4,7 +4,7 @@
 #include <sys/prctl.h>
 #include <sys/wait.h>
 
-#include <algorithm>
+#include <cstdlib>
 
 #include "probe_runner.h"
 
@@ -13,23 +13,19 @@ namespace {
 // The probe's current vmstat child, once it has one; 0 if none comes. Runs
 // are replaced after each sample, so this looks again while children change.
 int VmstatChild(const ProbeRunner& probe) {
-  int found = 0;
+  Output found;
   Eventually([&] {
-    for (int child : probe.Children()) {
-      std::string line = ProbeRunner::ReadFile("/proc/" + std::to_string(child) + "/cmdline");
-      std::replace(line.begin(), line.end(), '\0', ' ');
-      if (line == "/usr/bin/vmstat -n 5 4 ") found = child;
-    }
-    return found != 0;
+    found = Shell("pgrep -x -f -P " + std::to_string(probe.pid()) + " '/usr/bin/vmstat -n 5 4'");
+    return found.status == 0;
   });
-  return found;
+  return std::atoi(found.out.c_str());
 }
 
 TEST(LifecycleTest, SampleConfigurationRealVmstatSighupAndSigterm) {
   prctl(PR_SET_CHILD_SUBREAPER, 1);  // orphans become ours: a tool left running shows
   ProbeRunner probe;
   probe.Start();
-  ASSERT_TRUE(probe.WaitForPidFile());
+  ASSERT_TRUE(probe.WaitUntilPolling());
   EXPECT_EQ(ProbeRunner::ReadFile(probe.PidFilePath()), std::to_string(probe.pid()));
   EXPECT_NE(VmstatChild(probe), 0);
   const std::regex cached("have just been cached: idle=(\\d+), swap=\\d+, \nphysmemfree=\\d+, "
@@ -42,7 +38,8 @@ TEST(LifecycleTest, SampleConfigurationRealVmstatSighupAndSigterm) {
   // reported with its key.
   EXPECT_EQ(log.find("varosa.config.quelmloadbalancing."), std::string::npos) << log;
   EXPECT_NE(log.find("Quelm loadprobe started."), std::string::npos);
-  EXPECT_EQ(SendRequest(probe.port(), "GET /"), "Message is either too short or too long to be valid");
+  EXPECT_EQ(SendRequest(probe.port(), "GET /"),
+            "Message is either too short or too long to be valid");
 
   // SIGHUP reopens the logs: the renamed one ends, a new one begins.
   const std::string rotated = probe.LogPath() + ".1";
@@ -116,10 +113,10 @@ TEST(MeasureTest, ScriptedToolClampsRaisesTheMaximumAndReportsGarbage) {
       "echo 'procs -----------memory---------- ---swap-- -----io---- -system-- ------cpu-----'\n"
       "echo ' r  b   swpd   free   buff  cache   si   so    bi    bo   in   cs us sy id wa st'\n"
       "echo ' 9  9      9      9      9      9    9    9     9     9    9    9  9  9  9  9  9'\n"
-      "echo \" 0  0 $swap 123456   2084  40064   $si    $so     0     0   71   89  0  0 $id  0  0\"\n");
+      "echo \" 0  0 $swap 123456   2084  40064  $si  $so  0  0  71  89  0  0 $id  0  0\"\n");
   probe.Set("maxvirtualmemory", "500");  // 512000 KiB
   probe.Start();
-  ASSERT_TRUE(probe.WaitForPidFile());
+  ASSERT_TRUE(probe.WaitUntilPolling());
   // The raised maximum: 550000 KiB in use leaves 50000 free.
   ASSERT_TRUE(probe.WaitForLog("idle=50, swap=50000, \nphysmemfree=123456, swappedin=1, "
                                "swappedout=2.")) << probe.Log();

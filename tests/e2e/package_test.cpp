@@ -66,7 +66,8 @@ TEST(PackageTest, ContentsMaintainerDataAndSystemdVerify) {
   ASSERT_NE(copy, unitText);
   fs::create_directories(dir + "/verify");
   ProbeRunner::WriteFile(dir + "/verify/quelmloadprobe.service", copy);
-  const Output verify = Shell("systemd-analyze verify " + dir + "/verify/quelmloadprobe.service 2>&1");
+  const Output verify =
+      Shell("systemd-analyze verify " + dir + "/verify/quelmloadprobe.service 2>&1");
   EXPECT_EQ(verify.status, 0) << verify.out;
   // Complaints about the host's own units are not ours.
   EXPECT_EQ(verify.out.find("quelmloadprobe"), std::string::npos) << verify.out;

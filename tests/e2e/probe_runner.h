@@ -34,10 +34,9 @@ class ProbeRunner {
   void Set(const std::string& key, const std::string& value) { props_[key] = value; }
   std::string SetTool(const std::string& script);  // a shell script as the tool; its path
   void Start();
-  // Start-up times the processor, which takes long on a loaded machine.
-  bool WaitForPidFile() const;
-  // True once the probe sleeps in poll: its event loop runs, and only from
-  // then on does it act on signals (earlier ones are dropped).
+  // True once the probe sleeps in poll: its event loop runs (after the pid
+  // file), and only from then on does it act on signals (earlier ones are
+  // dropped). Start-up times the processor, which takes long on a loaded machine.
   bool WaitUntilPolling() const;
   void Signal(int sig) const;  // sends sig once the event loop runs
   int Stop(int sig);           // Signal(sig) (SIGKILL at once), Wait()
@@ -59,7 +58,9 @@ class ProbeRunner {
   static void WriteFile(const std::string& path, const std::string& text);
 
  private:
-  std::string LogBase() const { return dir_ + "/logs/quelmloadprobe" + std::to_string(pid_) + "_error"; }
+  std::string LogBase() const {
+    return dir_ + "/logs/quelmloadprobe" + std::to_string(pid_) + "_error";
+  }
   std::string dir_;
   std::map<std::string, std::string> props_;
   int pid_ = -1, port_ = 0;

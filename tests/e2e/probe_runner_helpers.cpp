@@ -80,11 +80,6 @@ bool ProbeRunner::Running() const {
   return pid_ > 0 && status_ == -1;
 }
 
-bool ProbeRunner::WaitForPidFile() const {
-  Eventually([&] { return fs::exists(PidFilePath()) || !Running(); }, 60s);
-  return fs::exists(PidFilePath());
-}
-
 bool ProbeRunner::WaitUntilPolling() const {
   const std::string wchan = "/proc/" + std::to_string(pid_) + "/wchan";
   Eventually([&] { return !Running() || ReadFile(wchan).find("poll") != std::string::npos; }, 60s);
@@ -176,12 +171,15 @@ Ctl::~Ctl() {
 }
 
 // The temporary files, read again from their start.
-std::string Ctl::Err() const { return ProbeRunner::ReadFile("/proc/self/fd/" + std::to_string(fileno(err_))); }
+static std::string Read(FILE* f) {
+  return ProbeRunner::ReadFile("/proc/self/fd/" + std::to_string(fileno(f)));
+}
+
+std::string Ctl::Err() const { return Read(err_); }
 
 Output Ctl::Finish() {
   int status = 0;
   waitpid(pid_, &status, 0);
   pid_ = -1;
-  const std::string out = ProbeRunner::ReadFile("/proc/self/fd/" + std::to_string(fileno(out_)));
-  return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, out, Err()};
+  return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, Read(out_), Read(err_)};
 }
