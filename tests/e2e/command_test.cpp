@@ -59,6 +59,10 @@ class CommandTest : public ::testing::Test {
 
 TEST_F(CommandTest, RawClientsTheToolsOutputAndABusyPort) {
   const int port = probe_->port();
+  // A second probe on the busy port; its start-up runs beside the cases below.
+  ProbeRunner second;
+  second.Set("port", std::to_string(port));
+  second.Start();
   const std::string idle = GetDoc() + "No Updates</znalbreply>";
   const Output curl = Shell("curl --http0.9 -s --max-time 10 'http://127.0.0.1:" +
                             std::to_string(port) + "/?get&znalbinfo'");
@@ -117,10 +121,6 @@ TEST_F(CommandTest, RawClientsTheToolsOutputAndABusyPort) {
   }));
   EXPECT_TRUE(Eventually([&] { return probe_->Children().size() <= 1; }));
 
-  // A second probe on the busy port.
-  ProbeRunner second;
-  second.Set("port", std::to_string(port));
-  second.Start();
   EXPECT_EQ(second.Wait(), 1);
   EXPECT_FALSE(fs::exists(second.PidFilePath()));
   const std::string log = second.Log();

@@ -82,7 +82,7 @@ bool ProbeRunner::Running() const {
 
 bool ProbeRunner::WaitUntilPolling() const {
   const std::string wchan = "/proc/" + std::to_string(pid_) + "/wchan";
-  Eventually([&] { return !Running() || ReadFile(wchan).find("poll") != std::string::npos; }, 60s);
+  Eventually([&] { return !Running() || ReadFile(wchan).find("poll") != std::string::npos; }, 90s);
   return Running();
 }
 
