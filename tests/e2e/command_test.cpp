@@ -1,261 +1,236 @@
-// The command port end to end: real clients, real replies, real UDP packets.
+// The command port end to end on one shared probe: curl, socat, raw sockets
+// and quelmloadctl as clients, real replies and real UDP load packets; and
+// quelmloadctl without a probe.
 #include <arpa/inet.h>
-#include <netinet/in.h>
 #include <poll.h>
-#include <signal.h>
 #include <sys/socket.h>
 #include <unistd.h>
-
-#include <chrono>
-#include <cstdio>
-#include <filesystem>
-#include <regex>
-#include <string>
-
-#include <gtest/gtest.h>
 
 #include "probe_runner.h"
 
 namespace {
 
-const std::string kXml = "<?xml version=\"1.0\"?>";
-
-// A UDP socket on 127.0.0.1 standing in for a subscribed load balancer.
-class Subscriber {
- public:
-  Subscriber() {
-    fd_ = socket(AF_INET, SOCK_DGRAM, 0);
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    bind(fd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
-    socklen_t len = sizeof addr;
-    getsockname(fd_, reinterpret_cast<sockaddr*>(&addr), &len);
-    port_ = ntohs(addr.sin_port);
-  }
-  ~Subscriber() { close(fd_); }
-  int port() const { return port_; }
-  // The next datagram, or "" after the timeout.
-  std::string Receive(std::chrono::milliseconds timeout) {
-    pollfd p{fd_, POLLIN, 0};
-    if (poll(&p, 1, static_cast<int>(timeout.count())) <= 0) return "";
-    char buf[2048];
-    const ssize_t n = recv(fd_, buf, sizeof buf, 0);
-    return n > 0 ? std::string(buf, static_cast<size_t>(n)) : "";
-  }
-
- private:
-  int fd_;
-  int port_;
-};
-
-std::string CreateRequest(int id, int udpPort, const std::string& stats, int percent = 20) {
-  return "<znalbreq type=\"create\"><host>127.0.0.1</host><port>" + std::to_string(udpPort) +
-         "</port><samplerate>1</samplerate><windowsize>5</windowsize><replyfreq>10</replyfreq>"
-         "<percentchange>" + std::to_string(percent) + "</percentchange>" + stats +
-         "<id>" + std::to_string(id) + "</id><version>1.0</version></znalbreq>";
+// A reply document as the probe writes it.
+std::string Reply(const std::string& type, const std::string& body) {
+  return "<?xml version=\"1.0\"?><znalbreply type=\"" + type + "\"><version>1.0</version>" +
+         body + "</znalbreply>";
 }
 
-std::string ErrorDocument(const std::string& text) {
-  return kXml + "<znalbreply type=\"error\"><version>1.0</version><error>get /" + text +
-         "</error></znalbreply>";
+bool Matches(const std::string& text, const std::string& pattern) {
+  return std::regex_match(text, std::regex(pattern));
 }
 
-std::string RunCommand(const std::string& command) {
-  std::string out;
-  FILE* p = popen(command.c_str(), "r");
-  if (p == nullptr) return out;
-  char buf[4096];
-  for (size_t n; (n = fread(buf, 1, sizeof buf, p)) > 0;) out.append(buf, n);
-  pclose(p);
-  return out;
+// The UDP port a listening client names on standard error, or 0.
+int ListenPort(const Ctl& listener) {
+  std::smatch m;
+  std::string err;
+  const std::regex named("port (\\d+)\n");
+  Eventually([&] { return std::regex_search(err = listener.Err(), m, named); });
+  return m.empty() ? 0 : std::stoi(m[1]);
 }
 
+// One probe for all cases. Its fake measuring tool writes the old 16-column
+// layout: each run gives one sample, idle 77, then closes its output and
+// lingers, so the probe must restart it without waiting for its end.
 class CommandTest : public ::testing::Test {
  protected:
-  void StartProbe() {
-    probe_.Start();
-    ASSERT_TRUE(probe_.WaitForPidFile());
+  static void SetUpTestSuite() {
+    probe_ = new ProbeRunner;
+    probe_->SetTool("echo 'first header'\necho 'second header'\n"
+                    "echo '1 1 1 1 1 1 1 1 1 1 1 1 1 1 1 1'\n"
+                    "echo '0 0 0 1000 2000 3 4 5 6 7 8 9 10 11 12 77'\n"
+                    "sleep 1\nexec sleep 60 >&- <&-\n");
+    probe_->Start();
   }
-  ProbeRunner probe_;
+  static void TearDownTestSuite() {
+    EXPECT_EQ(probe_->Stop(SIGTERM), 92);
+    delete probe_;
+  }
+  void SetUp() override { ASSERT_TRUE(probe_->WaitUntilPolling()); }
+  // The get reply up to its hosts.
+  static std::string GetDoc() {
+    return "<\\?xml version=\"1.0\"\\?><znalbreply type=\"get\"><version>1.0</version><port>" +
+           std::to_string(probe_->port()) + "</port><samplerate>5</samplerate><windowsize>3"
+           "</windowsize><stats>cpu=\\d+ bogo=\\d+ vmem=\\d+ </stats><time>[A-Z][a-z]{2}, \\d\\d "
+           "[A-Z][a-z]{2} \\d{4} \\d\\d:\\d\\d:\\d\\d GMT</time>";
+  }
+  static inline ProbeRunner* probe_ = nullptr;
 };
 
-TEST_F(CommandTest, GetWithCurlAnswersAValidDocumentWithoutUpdates) {
-  StartProbe();
-  const std::string reply = RunCommand("curl --http0.9 -s --max-time 10 'http://127.0.0.1:" +
-                                       std::to_string(probe_.port()) + "/?get&znalbinfo'");
-  const std::regex get(
-      "<\\?xml version=\"1.0\"\\?><znalbreply type=\"get\"><version>1.0</version><port>" +
-      std::to_string(probe_.port()) +
-      "</port><samplerate>5</samplerate><windowsize>3</windowsize><stats>cpu=\\d+ bogo=\\d+ "
-      "vmem=\\d+ </stats><time>[A-Z][a-z]{2}, \\d\\d [A-Z][a-z]{2} \\d{4} \\d\\d:\\d\\d:\\d\\d "
-      "GMT</time>No Updates</znalbreply>");
-  EXPECT_TRUE(std::regex_match(reply, get)) << reply;
+TEST_F(CommandTest, RawClientsTheToolsOutputAndABusyPort) {
+  const int port = probe_->port();
+  // A second probe on the busy port; its start-up runs beside the cases below.
+  ProbeRunner second;
+  second.Set("port", std::to_string(port));
+  second.Start();
+  const std::string idle = GetDoc() + "No Updates</znalbreply>";
+  const Output curl = Shell("curl --http0.9 -s --max-time 10 'http://127.0.0.1:" +
+                            std::to_string(port) + "/?get&znalbinfo'");
+  EXPECT_TRUE(Matches(curl.out, idle)) << curl.out;
+  ProbeRunner::WriteFile(probe_->dir() + "/get.xml", curl.out);
+  EXPECT_EQ(Shell("xmllint --noout " + probe_->dir() + "/get.xml").status, 0);
+  EXPECT_TRUE(probe_->WaitForLog("Response is \n<?xml version=\"1.0\"?>"));
 
-  const std::string file = probe_.dir() + "/get.xml";
-  ProbeRunner::WriteFile(file, reply);
-  EXPECT_EQ(RunCommand("xmllint --noout " + file + " 2>&1; echo $?"), "0\n");
-  EXPECT_TRUE(probe_.WaitForLog("Response is \n" + kXml));
-}
-
-TEST_F(CommandTest, CreateGetKillAndKillAgain) {
-  StartProbe();
-  Subscriber subscriber;
-  const std::string created = SendRequest(probe_.port(), CreateRequest(7, subscriber.port(),
-                                                                       "<stat>cpu</stat>"));
-  EXPECT_TRUE(std::regex_match(
-      created, std::regex("<\\?xml version=\"1.0\"\\?><znalbreply type=\"create\"><version>1.0"
-                          "</version><id>7</id><stats>cpu=\\d+ </stats></znalbreply>")))
-      << created;
-
-  const std::string get = SendRequest(probe_.port(), "GET /?get&znalbinfo HTTP/1.0\r\n\r\n");
-  EXPECT_TRUE(std::regex_search(
-      get, std::regex("</time><connection><id>7</id><host>127.0.0.1</host><port>" +
-                      std::to_string(subscriber.port()) +
-                      "</port><replyfrequency>10</replyfrequency><percentchange>20"
-                      "</percentchange><samplerate>5</samplerate><windowsize>5</windowsize>"
-                      "<stats>cpu=\\d+ </stats><time>[^<]+</time></connection></znalbreply>$")))
-      << get;
-
-  const std::string kill = "<znalbreq type=\"kill\"><id>7</id><version>1.0</version></znalbreq>";
-  EXPECT_EQ(SendRequest(probe_.port(), kill),
-            kXml + "<znalbreply type=\"kill\"><version>1.0</version><id>7</id></znalbreply>");
-  EXPECT_EQ(SendRequest(probe_.port(), kill), ErrorDocument("Host with id 7 not found"));
-  EXPECT_NE(SendRequest(probe_.port(), "GET /?get&znalbinfo").find("No Updates"),
-            std::string::npos);
-}
-
-TEST_F(CommandTest, SubscriberReceivesPacketsOnPercentChangeAndAtTheReplyFrequency) {
-  // A fake tool whose runs end with an average idle value, so each run's end
-  // feeds the percent-change check.
-  const std::string tool = probe_.dir() + "/tool";
-  ProbeRunner::WriteScript(tool,
-      "echo 'first header'\necho 'second header'\necho '1 1 1 1 1 1 1 1 1 1 1 1 1 1 1 1'\n"
-      "echo '0 0 0 1000 2000 3 4 5 6 7 8 9 10 11 12 77'\nsleep 1\n");
-  probe_.Set("probepath", tool);
-  StartProbe();
-  Subscriber subscriber;
-  ASSERT_NE(SendRequest(probe_.port(), CreateRequest(9, subscriber.port(),
-                                                     "<stat>cpu</stat><stat>vmem</stat>"))
-                .find("type=\"create\""),
-            std::string::npos);
-  const auto created = std::chrono::steady_clock::now();
-  const std::regex packet(
-      "<\\?xml version=\"1.0\"\\?><znalbdata><id>9</id><seqno>\\d+</seqno><stats>cpu=77 "
-      "vmem=\\d+ vmax=768 pmem=2 pmax=256 sin=5 sout=6 </stats></znalbdata>");
-  // The first packet comes from the percent change (0 to 77) at a run's end.
-  const std::string first = subscriber.Receive(std::chrono::seconds(5));
-  EXPECT_TRUE(std::regex_match(first, packet)) << first;
-  EXPECT_LT(std::chrono::steady_clock::now() - created, std::chrono::seconds(5));
-  // Later runs see no change; the timer sends 10 seconds after the create.
-  std::string timed;
-  while (std::chrono::steady_clock::now() - created < std::chrono::seconds(13)) {
-    timed = subscriber.Receive(std::chrono::seconds(1));
-    if (!timed.empty()) break;
-  }
-  EXPECT_TRUE(std::regex_match(timed, packet)) << timed;
-  EXPECT_GE(std::chrono::steady_clock::now() - created, std::chrono::milliseconds(9500));
-  EXPECT_NE(probe_.Log().find("sent to 127.0.0.1"), std::string::npos);
-}
-
-TEST_F(CommandTest, CreateSentWithSocat) {
-  StartProbe();
-  Subscriber subscriber;
-  const std::string reply = RunCommand("printf '%s' '" + CreateRequest(5, subscriber.port(),
-                                                                        "<stat>vmem</stat>") +
-                                       "' | timeout 10 socat -t 2 - TCP:127.0.0.1:" +
-                                       std::to_string(probe_.port()));
-  EXPECT_TRUE(std::regex_match(
-      reply, std::regex("<\\?xml version=\"1.0\"\\?><znalbreply type=\"create\"><version>1.0"
-                        "</version><id>5</id><stats>vmem=\\d+ </stats></znalbreply>")))
-      << reply;
-}
-
-TEST_F(CommandTest, ErrorDocumentsByteForByte) {
-  StartProbe();
-  const int port = probe_.port();
-  EXPECT_EQ(SendRequest(port, "<znalbreq type=\"kill\"><id>7</id></znalbreq>"),
-            ErrorDocument("Error parsing version; "));
-  EXPECT_EQ(SendRequest(port,
-                        "<znalbreq type=\"create\"><host>127.0.0.1</host><port>0</port>"
-                        "<samplerate>0</samplerate><windowsize>5</windowsize><replyfreq>10"
-                        "</replyfreq><stat>cpu</stat><id>3</id><version>1.0</version>"
-                        "</znalbreq>"),
-            ErrorDocument("Error parsing port; Error parsing samplerate; Error parsing "
-                          "percentchange; "));
-  EXPECT_EQ(SendRequest(port,
-                        "<znalbreq type=\"admin\"><port>1</port><samplerate>5</samplerate>"
-                        "<windowsize>3</windowsize><version>1.0</version></znalbreq>"),
-            ErrorDocument("Command not implemented"));
-  EXPECT_EQ(SendRequest(port, "<znalbreq type=\"launch\"><version>1.0</version></znalbreq>"),
-            ErrorDocument("UNKNOWN"));
-
-  Subscriber subscriber;
-  const std::string both =
-      SendRequest(port, CreateRequest(11, subscriber.port(), "<stat>bogo</stat><stat>cpu</stat>",
-                                      0));
-  EXPECT_TRUE(std::regex_match(
-      both, std::regex(".*<id>11</id><stats>cpu=\\d+ bogo=\\d+ </stats></znalbreply>")))
-      << both;
-  EXPECT_EQ(SendRequest(port, CreateRequest(11, subscriber.port(), "<stat>cpu</stat>")),
-            ErrorDocument("Host not created"));
-}
-
-TEST_F(CommandTest, RequestLengthRules) {
-  StartProbe();
-  const int port = probe_.port();
+  // The whole request comes in one read of 11 to 512 bytes.
   const std::string rejected = "Message is either too short or too long to be valid";
   EXPECT_EQ(SendRequest(port, "GET /"), rejected);
   EXPECT_EQ(SendRequest(port, std::string(513, 'x')), rejected);
   const std::string get = "GET /?get&znalbinfo";
-  EXPECT_NE(SendRequest(port, get + std::string(512 - get.size(), ' ')).find("No Updates"),
-            std::string::npos);
-  EXPECT_TRUE(probe_.WaitForLog("Bad request (length 5). Request is [ GET / ]."));
-  EXPECT_TRUE(probe_.WaitForLog("Bad request (length 513)."));
-  EXPECT_TRUE(probe_.Running());
-}
+  EXPECT_TRUE(Matches(SendRequest(port, get + std::string(512 - get.size(), ' ')), idle));
+  EXPECT_TRUE(probe_->WaitForLog("Bad request (length 5). Request is [ GET / ]."));
+  EXPECT_TRUE(probe_->WaitForLog("Bad request (length 513)."));
 
-TEST_F(CommandTest, OneReplyPerConnection) {
-  StartProbe();
-  const int fd = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_port = htons(static_cast<uint16_t>(probe_.port()));
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  ASSERT_EQ(connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
-  const std::string get = "GET /?get&znalbinfo";
+  // One reply per connection: a second request on it is never answered.
+  const int fd = Connect(port);
   ASSERT_EQ(write(fd, get.data(), get.size()), static_cast<ssize_t>(get.size()));
   std::string reply;
   char buf[4096];
-  pollfd p{fd, POLLIN, 0};
-  while (poll(&p, 1, 5000) > 0) {
+  for (pollfd p{fd, POLLIN, 0}; poll(&p, 1, 5000) > 0;) {
     const ssize_t n = read(fd, buf, sizeof buf);
     if (n <= 0) break;
     reply.append(buf, static_cast<size_t>(n));
-    if (reply.find("</znalbreply>") != std::string::npos) {
-      // A second request on the same connection is never answered.
-      (void)!write(fd, get.data(), get.size());
-    }
+    if (reply.ends_with("</znalbreply>")) (void)!write(fd, get.data(), get.size());
   }
   close(fd);
-  EXPECT_EQ(reply.find("<?xml"), 0u);
-  EXPECT_EQ(reply.find("<?xml", 1), std::string::npos);
+  EXPECT_TRUE(Matches(reply, idle)) << reply;
+
+  // Create with socat (one write), get and kill.
+  const Output created = Shell(
+      "printf '%s' '<znalbreq type=\"create\"><host>127.0.0.1</host><port>9</port><samplerate>1"
+      "</samplerate><windowsize>5</windowsize><replyfreq>10</replyfreq><percentchange>20"
+      "</percentchange><stat>vmem</stat><id>5</id><version>1.0</version></znalbreq>' | "
+      "timeout 10 socat -t 2 - TCP:127.0.0.1:" + std::to_string(port));
+  EXPECT_TRUE(Matches(created.out, "<\\?xml version=\"1.0\"\\?><znalbreply type=\"create\">"
+                      "<version>1.0</version><id>5</id><stats>vmem=\\d+ </stats></znalbreply>"))
+      << created.out;
+  const std::string listed = SendRequest(port, "GET /?get&znalbinfo HTTP/1.0\r\n\r\n");
+  EXPECT_TRUE(Matches(listed, GetDoc() + "<connection><id>5</id><host>127.0.0.1</host><port>9"
+                      "</port><replyfrequency>10</replyfrequency><percentchange>20</percentchange>"
+                      "<samplerate>5</samplerate><windowsize>5</windowsize><stats>vmem=\\d+ "
+                      "</stats><time>[^<]+</time></connection></znalbreply>")) << listed;
+  const std::string kill = "<znalbreq type=\"kill\"><id>5</id><version>1.0</version></znalbreq>";
+  EXPECT_EQ(SendRequest(port, kill), Reply("kill", "<id>5</id>"));
+  EXPECT_TRUE(Matches(SendRequest(port, get), idle));
+
+  // The tool's 16 columns become samples; every lingering run is replaced
+  // (three runs at least) and killed, so at most the current one is left.
+  const std::regex sample("idle=77, swap=785432, \nphysmemfree=2000, swappedin=5, swappedout=6\\.");
+  EXPECT_TRUE(Eventually([&] {
+    const std::string log = probe_->Log();
+    return std::distance(std::sregex_iterator(log.begin(), log.end(), sample), {}) >= 3;
+  }));
+  EXPECT_TRUE(Eventually([&] { return probe_->Children().size() <= 1; }));
+
+  EXPECT_EQ(second.Wait(), 1);
+  EXPECT_FALSE(fs::exists(second.PidFilePath()));
+  const std::string log = second.Log();
+  EXPECT_NE(log.find("Failed to bind to port " + std::to_string(port) + ", reason bind("),
+            std::string::npos);
+  EXPECT_EQ(log.find("Quelm loadprobe stopped"), std::string::npos);
 }
 
-TEST(CommandPortTest, SecondProbeOnABusyPortExitsWithOne) {
-  ProbeRunner first;
-  first.Start();
-  ASSERT_TRUE(first.WaitForPidFile());
-  ProbeRunner second;
-  second.Set("port", std::to_string(first.port()));
-  second.Start();
-  EXPECT_EQ(second.Wait(std::chrono::seconds(30)), 1);
-  EXPECT_FALSE(std::filesystem::exists(second.PidFilePath()));
-  EXPECT_NE(second.Log().find("Failed to bind to port " + std::to_string(first.port()) +
-                              ", reason bind("),
-            std::string::npos);
-  EXPECT_EQ(second.Log().find("Quelm loadprobe stopped"), std::string::npos);
-  EXPECT_EQ(first.Stop(SIGTERM), 92);
+// quelmloadctl's whole conversation. The first packet of a subscriber whose
+// reply frequency (60 s) outlasts the listener comes from the percent change
+// (0 to 77) at a run's end; a subscriber whose threshold (90) is never reached
+// gets its packet from the reply-frequency timer, 10 s after its creation.
+TEST_F(CommandTest, QuelmloadctlConversationAndLoadPackets) {
+  const std::string port = std::to_string(probe_->port());
+  auto run = [&](std::vector<std::string> args) {
+    args.insert(args.begin(), {"--port", port});
+    return RunCtl(args);
+  };
+  const Output get = run({"get"});
+  EXPECT_EQ(get.status, 0) << get.err;
+  EXPECT_TRUE(Matches(get.out, GetDoc() + "No Updates</znalbreply>\n")) << get.out;
+  EXPECT_EQ(get.err, "");
+
+  Ctl changed({"listen", "--port", "0", "--count", "1", "--timeout", "30000"});
+  Ctl timed({"listen", "--port", "0", "--count", "1", "--pretty", "--timeout", "30000"});
+  const int changedPort = ListenPort(changed), timedPort = ListenPort(timed);
+  ASSERT_NE(changedPort * timedPort, 0) << changed.Err() << timed.Err();
+  EXPECT_EQ(run({"create", "--id", "1", "--subscriber", "127.0.0.1:" + std::to_string(changedPort),
+                 "--stat", "cpu,vmem", "--percentchange", "30", "--replyfreq", "60000"}).status, 0);
+  EXPECT_EQ(run({"create", "--id", "2", "--subscriber", "127.0.0.1:" + std::to_string(timedPort),
+                 "--stat", "cpu,vmem", "--percentchange", "90"}).status, 0);
+
+  const Output table = RunCtl({"get", "--pretty", "--host", "localhost", "--port", port});
+  EXPECT_EQ(table.status, 0) << table.err;
+  EXPECT_NE(table.out.find("Subscribed hosts: 2\n  ID  HOST       UDP PORT  REPLY FREQ  CHANGE"),
+            std::string::npos) << table.out;
+  EXPECT_TRUE(std::regex_search(
+      table.out, std::regex("\n  2   127\\.0\\.0\\.1  " + std::to_string(timedPort) +
+                            " +10 s +90 % +5 s +3 +cpu=\\d+ vmem=\\d+ +[A-Z][a-z]{2}, [^\n]+ "
+                            "GMT\n")))
+      << table.out;
+
+  const Output changedOut = changed.Finish(), timedOut = timed.Finish();
+  EXPECT_EQ(changedOut.status, 0) << changedOut.err;
+  EXPECT_TRUE(Matches(changedOut.out, "<\\?xml version=\"1.0\"\\?><znalbdata><id>1</id><seqno>\\d+"
+                                      "</seqno><stats>cpu=77 vmem=\\d+ vmax=768 pmem=2 pmax=256 "
+                                      "sin=5 sout=6 </stats></znalbdata>\n")) << changedOut.out;
+  EXPECT_EQ(timedOut.status, 0) << timedOut.err;
+  EXPECT_TRUE(Matches(timedOut.out, "id=2 seqno=\\d+ \\(\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d "
+                                    "UTC\\) cpu=77 vmem=\\d+ vmax=768 pmem=2 pmax=256 sin=5 "
+                                    "sout=6\n")) << timedOut.out;
+  EXPECT_TRUE(probe_->WaitForLog("sent to 127.0.0.1"));
+
+  const Output killed = run({"kill", "--id", "1"}), again = run({"kill", "--id", "1"});
+  EXPECT_EQ(killed.status, 0) << killed.err;
+  EXPECT_EQ(killed.out, Reply("kill", "<id>1</id>") + "\n");
+  EXPECT_EQ(again.status, 1);
+  EXPECT_EQ(again.err, "quelmloadctl: Host with id 1 not found\n");
+  EXPECT_EQ(again.out, Reply("error", "<error>get /Host with id 1 not found</error>") + "\n");
+  EXPECT_EQ(run({"kill", "--id", "2"}).status, 0);
+  const Output admin = run({"admin", "--samplerate", "5000", "--windowsize", "3"});
+  EXPECT_EQ(admin.status, 1);
+  EXPECT_EQ(admin.err, "quelmloadctl: Command not implemented\n");
+}
+
+// Bad arguments, no connection, no reply, and listening in vain.
+TEST(CtlTest, ExitStatusAndOneLineMessageWithoutAProbe) {
+  // A listening socket that never accepts: the client's request waits in its
+  // backlog, unanswered. Closed afterwards, its port refuses connections.
+  const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  listen(fd, 1);  // bound to a free port by listening
+  sockaddr_storage addr{};
+  socklen_t len = sizeof addr;
+  getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len);
+  const std::string port = std::to_string(ntohs(reinterpret_cast<sockaddr_in&>(addr).sin_port));
+  const struct {
+    std::vector<std::string> args;
+    int status;
+    std::string says;
+  } cases[] = {
+      {{}, 64, "no command given"},
+      {{"frobnicate"}, 64, "unknown command 'frobnicate'"},
+      {{"--bogus", "get"}, 64, "unknown option '--bogus'"},
+      {{"kill", "--id", "seven"}, 64, "'seven' is not a number"},
+      {{"--port", "0", "get"}, 64, "out of range"},
+      {{"create", "--id", "1", "--subscriber", "127.0.0.1:9", "--stat", "cpu,disk"}, 64,
+       "'disk' is not one of cpu, bogo, vmem"},
+      {{"create", "--id", "1", "--subscriber", "h" + std::string(400, 'x') + ":9", "--stat", "cpu"},
+       64, "at most 512"},
+      {{"--port", port, "--timeout", "300", "get"}, 2,
+       "quelmloadctl: no reply from 127.0.0.1:" + port + " within 300 ms\n"},
+      {{"--port", port, "get"}, 2,
+       "quelmloadctl: cannot connect to 127.0.0.1:" + port + ": Connection refused\n"},
+      {{"listen", "--port", "0", "--count", "1", "--timeout", "200"}, 2,
+       "received 0 of 1 load packets within 200 ms"},
+      // Without a count, the timeout simply ends the listening.
+      {{"listen", "--port", "0", "--timeout", "100"}, 0, "listening for load packets"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(testing::PrintToString(c.args));
+    if (c.says.starts_with("quelmloadctl: cannot")) close(fd);
+    const Output r = RunCtl(c.args);
+    EXPECT_EQ(r.status, c.status);
+    EXPECT_EQ(r.err.rfind("quelmloadctl: ", 0), 0u) << r.err;
+    EXPECT_NE(r.err.find(c.says), std::string::npos) << r.err;
+    EXPECT_EQ(r.err.find("\nUsage: quelmloadctl") != std::string::npos, c.status == 64) << r.err;
+    // One line, and nothing on standard output, unless usage follows.
+    EXPECT_TRUE(c.status == 64 || c.args[0] == "listen" || r.err == c.says) << r.err;
+    EXPECT_EQ(r.out, "");
+  }
 }
 
 }  // namespace

@@ -1,77 +1,92 @@
-// The probe's life as an operator sees it: start, pid file, logs, signals, stop.
-#include <signal.h>
-#include <sys/stat.h>
+// The probe's life as an operator sees it: start on the sample configuration,
+// pid file, the real vmstat, logs, signals, stop; and what it makes of a
+// scripted tool's output.
+#include <sys/prctl.h>
+#include <sys/wait.h>
 
-#include <cstdio>
-#include <filesystem>
-#include <string>
-
-#include <gtest/gtest.h>
+#include <cstdlib>
 
 #include "probe_runner.h"
 
 namespace {
 
-mode_t FileMode(const std::string& path) {
-  struct stat st {};
-  if (stat(path.c_str(), &st) != 0) return 0;
-  return st.st_mode & 0777;
+// The probe's current vmstat child, once it has one; 0 if none comes. Runs
+// are replaced after each sample, so this looks again while children change.
+int VmstatChild(const ProbeRunner& probe) {
+  Output found;
+  Eventually([&] {
+    found = Shell("pgrep -x -f -P " + std::to_string(probe.pid()) + " '/usr/bin/vmstat -n 5 4'");
+    return found.status == 0;
+  });
+  return std::atoi(found.out.c_str());
 }
 
-TEST(LifecycleTest, StartsServesAndStopsOnSigterm) {
+TEST(LifecycleTest, SampleConfigurationRealVmstatSighupAndSigterm) {
+  prctl(PR_SET_CHILD_SUBREAPER, 1);  // orphans become ours: a tool left running shows
   ProbeRunner probe;
   probe.Start();
-  ASSERT_TRUE(probe.WaitForPidFile());
+  ASSERT_TRUE(probe.WaitUntilPolling());
   EXPECT_EQ(ProbeRunner::ReadFile(probe.PidFilePath()), std::to_string(probe.pid()));
-  EXPECT_TRUE(probe.WaitForLog("Quelm loadprobe started."));
+  EXPECT_NE(VmstatChild(probe), 0);
+  const std::regex cached("have just been cached: idle=(\\d+), swap=\\d+, \nphysmemfree=\\d+, "
+                          "swappedin=\\d+, swappedout=\\d+\\.");
+  std::smatch sample;
+  std::string log;
+  ASSERT_TRUE(Eventually([&] { return std::regex_search(log = probe.Log(), sample, cached); }));
+  EXPECT_LE(std::stoi(sample[1]), 100);
+  // Every key of the sample is understood: a missing or bad value is always
+  // reported with its key.
+  EXPECT_EQ(log.find("varosa.config.quelmloadbalancing."), std::string::npos) << log;
+  EXPECT_NE(log.find("Quelm loadprobe started."), std::string::npos);
+  EXPECT_EQ(SendRequest(probe.port(), "GET /"),
+            "Message is either too short or too long to be valid");
 
-  EXPECT_EQ(probe.Stop(SIGTERM), 604 & 0xFF);
-  EXPECT_FALSE(std::filesystem::exists(probe.PidFilePath()));
-  const std::string log = probe.Log();
-  EXPECT_NE(log.find("The loadprobe was stopped by signal SIGTERM."), std::string::npos);
-  EXPECT_NE(log.find("Quelm loadprobe stopped - exitcode 604."), std::string::npos);
-  EXPECT_EQ(FileMode(probe.LogPath()), 0600u);
-}
-
-TEST(LifecycleTest, SigintEndsWith603) {
-  ProbeRunner probe;
-  probe.Start();
-  ASSERT_TRUE(probe.WaitForPidFile());
-  EXPECT_EQ(probe.Stop(SIGINT), 603 & 0xFF);
-  EXPECT_NE(probe.Log().find("Quelm loadprobe stopped - exitcode 603."), std::string::npos);
-}
-
-TEST(LifecycleTest, StructuredLogHoldsOnlyErrors) {
-  ProbeRunner probe;
-  probe.Unset("mincachesize");  // a missing key is an error message
-  probe.Start();
-  ASSERT_TRUE(probe.WaitForPidFile());
-  ASSERT_EQ(probe.Stop(SIGTERM), 92);
-  const std::string csl = probe.Csl();
-  EXPECT_EQ(FileMode(probe.CslPath()), 0600u);
-  EXPECT_NE(csl.find("category=quelmloadprobe/initialize/error,"), std::string::npos);
-  EXPECT_EQ(csl.find("/info,"), std::string::npos);
-  EXPECT_EQ(csl.find("/moreinfo,"), std::string::npos);
-  EXPECT_NE(probe.Log().find("mincachesize does not exist"), std::string::npos);
-}
-
-TEST(LifecycleTest, SighupReopensRenamedLog) {
-  ProbeRunner probe;
-  probe.Start();
-  ASSERT_TRUE(probe.WaitForPidFile());
-  ASSERT_TRUE(probe.WaitForLog("Quelm loadprobe started."));
+  // SIGHUP reopens the logs: the renamed one ends, a new one begins.
   const std::string rotated = probe.LogPath() + ".1";
   ASSERT_EQ(std::rename(probe.LogPath().c_str(), rotated.c_str()), 0);
-  kill(probe.pid(), SIGHUP);
-  // The stop message proves the probe carried on and wrote to the new file.
-  for (int i = 0; i < 100 && !std::filesystem::exists(probe.LogPath()); ++i) {
-    usleep(20000);
-  }
-  EXPECT_TRUE(std::filesystem::exists(probe.LogPath()));
-  EXPECT_TRUE(probe.Running());
+  probe.Signal(SIGHUP);
+  EXPECT_TRUE(Eventually([&] { return fs::exists(probe.LogPath()); }));
+
+  const int tool = VmstatChild(probe);
+  ASSERT_NE(tool, 0);
   EXPECT_EQ(probe.Stop(SIGTERM), 92);
-  EXPECT_NE(probe.Log().find("Quelm loadprobe stopped - exitcode 604."), std::string::npos);
-  EXPECT_EQ(probe.Log().find("Quelm loadprobe started."), std::string::npos);
+  int status = 0;  // -1: the probe reaped it; else it was left to us
+  EXPECT_TRUE(waitpid(tool, &status, 0) == -1 || WTERMSIG(status) == SIGKILL) << status;
+  prctl(PR_SET_CHILD_SUBREAPER, 0);
+  EXPECT_FALSE(fs::exists(probe.PidFilePath()));
+  log = probe.Log();
+  EXPECT_EQ(log.find("Quelm loadprobe started."), std::string::npos);
+  EXPECT_NE(log.find("The loadprobe was stopped by signal SIGTERM."), std::string::npos);
+  EXPECT_NE(log.find("Quelm loadprobe stopped - exitcode 604."), std::string::npos);
+  // The structured log holds the errors only (the bad request); both are private.
+  const std::string csl = probe.Csl();
+  EXPECT_NE(csl.find("category=quelmloadprobe/listener/error,"), std::string::npos);
+  EXPECT_EQ(csl.find("/info,"), std::string::npos);
+  EXPECT_EQ(csl.find("/moreinfo,"), std::string::npos);
+  for (const std::string& path : {probe.LogPath(), probe.CslPath()}) {
+    EXPECT_EQ(fs::status(path).permissions(), fs::perms::owner_read | fs::perms::owner_write);
+  }
+}
+
+// A tool that cannot be run: its failed child waits a sample interval (30 s)
+// instead of being replaced at once.
+TEST(LifecycleTest, BadPidDirectoryUnexecutableToolAndSigint) {
+  ProbeRunner probe;
+  probe.Set("piddirectory", probe.dir() + "/missing");
+  probe.Set("samplerate", "30");
+  probe.Set("probepath", probe.dir() + "/not-executable");
+  ProbeRunner::WriteFile(probe.dir() + "/not-executable", "just text\n");
+  probe.Start();
+  ASSERT_TRUE(probe.WaitUntilPolling());
+  EXPECT_TRUE(probe.WaitForLog("The path " + probe.dir() +
+                               "/missing does not exist or is not a directory."));
+  EXPECT_FALSE(fs::exists(probe.dir() + "/missing"));
+  const std::vector<int> first = probe.Children();
+  ASSERT_EQ(first.size(), 1u);
+  std::this_thread::sleep_for(500ms);
+  EXPECT_EQ(probe.Children(), first);
+  EXPECT_EQ(probe.Stop(SIGINT), 603 & 0xFF);
+  EXPECT_NE(probe.Log().find("Quelm loadprobe stopped - exitcode 603."), std::string::npos);
 }
 
 TEST(LifecycleTest, UnknownFilterEndsWithCode4BeforeThePidFile) {
@@ -79,21 +94,41 @@ TEST(LifecycleTest, UnknownFilterEndsWithCode4BeforeThePidFile) {
   probe.Set("filter", "VmstatFilter");
   probe.Start();
   EXPECT_EQ(probe.Wait(), 4);
-  EXPECT_FALSE(std::filesystem::exists(probe.PidFilePath()));
+  EXPECT_FALSE(fs::exists(probe.PidFilePath()));
   const std::string log = probe.Log();
   EXPECT_NE(log.find("The filter named VmstatFilter was not recognised."), std::string::npos);
   EXPECT_NE(log.find("Quelm loadprobe stopped - exitcode 4."), std::string::npos);
 }
 
-TEST(LifecycleTest, BadPidDirectoryIsLoggedAndLeavesNoPidFile) {
+// Two runs in the old 16-column layout: output the filter cannot read, then
+// a sample to clamp, above the configured virtual memory, and one more. The
+// second run's average idle stays below 94, so no speed estimate (slow on a
+// loaded machine) holds up its samples.
+TEST(MeasureTest, ScriptedToolClampsRaisesTheMaximumAndReportsGarbage) {
   ProbeRunner probe;
-  probe.Set("piddirectory", probe.dir() + "/missing");
+  const std::string runs = probe.dir() + "/runs";
+  const std::string tool = probe.SetTool(
+      "n=$(cat " + runs + " 2>/dev/null || echo 0)\necho $((n + 1)) > " + runs + "\n"
+      "[ $n -ge 2 ] && exec sleep 600\n"
+      "printf 'first header\\nsecond header\\n9 9 9 9 9 9 9 9 9 9 9 9 9 9 9 9\\n'\n"
+      "[ $n -eq 0 ] && echo 'this is not a sample' && exit\n"
+      "echo '0 0 0 600000 123456 2084 40064 7 8 0 0 71 89 0 0 101'\n"
+      "echo '0 0 0 550000 123456 2084 40064 1 2 0 0 71 89 0 0 50'\n");
+  probe.Set("maxvirtualmemory", "500");  // 512000 KiB
   probe.Start();
   ASSERT_TRUE(probe.WaitUntilPolling());
-  EXPECT_NE(probe.Log().find("The path " + probe.dir() +
-                             "/missing does not exist or is not a directory."),
-            std::string::npos);
-  EXPECT_FALSE(std::filesystem::exists(probe.dir() + "/missing/quelmloadprobe.pid"));
+  // The raised maximum: 550000 KiB in use leaves 50000 free.
+  ASSERT_TRUE(probe.WaitForLog("idle=50, swap=50000, \nphysmemfree=123456, swappedin=1, "
+                               "swappedout=2.")) << probe.Log();
+  const std::string log = probe.Log();
+  EXPECT_NE(log.find("The following results have just been cached: idle=100, swap=0, "
+                     "\nphysmemfree=123456, swappedin=7, swappedout=8."), std::string::npos);
+  EXPECT_NE(log.find("The used/free virtual memory measured (600000 Kb) exceeds the amount "
+                     "configured in quelmloadprobe.properties (512000 Kb)."), std::string::npos);
+  EXPECT_NE(log.find("The data returned by " + tool + " has not been recognised by the data "
+                     "filter. \nThe data was \nthis is not a sample\n"), std::string::npos);
+  // The since-boot line is never a sample.
+  EXPECT_EQ(log.find("idle=9,"), std::string::npos);
   EXPECT_EQ(probe.Stop(SIGTERM), 92);
 }
 

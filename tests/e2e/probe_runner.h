@@ -1,73 +1,98 @@
+// What every end-to-end test uses: the real probe in a temporary folder,
+// connections to it, and child programs such as quelmloadctl.
 #ifndef QUELM_TESTS_E2E_PROBE_RUNNER_H_
 #define QUELM_TESTS_E2E_PROBE_RUNNER_H_
 
+#include <signal.h>
 #include <sys/types.h>
 
 #include <chrono>
+#include <cstdio>
+#include <filesystem>
+#include <functional>
 #include <map>
+#include <regex>
 #include <string>
+#include <thread>
 #include <vector>
 
-// Starts the real probe binary on a configuration in a temporary folder and
-// gives tests its logs, pid file and exit status.
+#include <gtest/gtest.h>
+
+using namespace std::chrono_literals;
+namespace fs = std::filesystem;
+
+// Polls cond every 20 ms until it holds (true) or the timeout passes (false).
+bool Eventually(const std::function<bool()>& cond, std::chrono::milliseconds timeout = 30s);
+
+// The probe on the sample configuration, with its own port, log and pid
+// folders, sample rate 5 and window size 3.
 class ProbeRunner {
  public:
   ProbeRunner();
   ~ProbeRunner();
-  ProbeRunner(const ProbeRunner&) = delete;
-  ProbeRunner& operator=(const ProbeRunner&) = delete;
-
   // Keys are the short names after "varosa.config.quelmloadbalancing.".
   void Set(const std::string& key, const std::string& value) { props_[key] = value; }
-  void Unset(const std::string& key) { props_.erase(key); }
-  void WriteConfig();
-  // Soft and hard open-files limit the probe starts with (0: inherited).
-  void SetOpenFileLimit(unsigned long limit) { fileLimit_ = limit; }
-  // Starts the probe with the configuration folder (and extra arguments).
-  void Start(const std::vector<std::string>& extraArgs = {});
-  // Starts the probe with exactly these arguments.
-  void StartWithArgs(const std::vector<std::string>& args);
-  bool WaitForPidFile(std::chrono::milliseconds timeout = std::chrono::seconds(60));
-  // Waits until the probe sleeps in poll, i.e. its event loop runs.
-  bool WaitUntilPolling(std::chrono::milliseconds timeout = std::chrono::seconds(60));
-  // Pids of the probe's current children.
-  std::vector<int> Children() const;
-  bool WaitForLog(const std::string& text,
-                  std::chrono::milliseconds timeout = std::chrono::seconds(20));
-  // Sends sig and waits for the probe; its exit status, or -1 on timeout.
-  int Stop(int sig, std::chrono::milliseconds timeout = std::chrono::seconds(20));
-  // Waits for the probe to end by itself; exit status or -1.
-  int Wait(std::chrono::milliseconds timeout = std::chrono::seconds(60));
+  std::string SetTool(const std::string& script);  // a shell script as the tool; its path
+  void Start();
+  // True once the probe sleeps in poll: its event loop runs (after the pid
+  // file), and only from then on does it act on signals (earlier ones are
+  // dropped). Start-up times the processor, which takes long on a loaded machine.
+  bool WaitUntilPolling() const;
+  void Signal(int sig) const;  // sends sig once the event loop runs
+  int Stop(int sig);           // Signal(sig) (SIGKILL at once), Wait()
+  int Wait();                  // the exit status, or -1 if the probe still runs after 60 s
   bool Running() const;
+  std::vector<int> Children() const;  // pids of the probe's current children
 
-  std::string Log() const;  // the plain .log file of this run
-  std::string Csl() const;  // the structured .csl file of this run
-  std::string LogPath() const;
-  std::string CslPath() const;
-  std::string PidFilePath() const { return pidDir_ + "/quelmloadprobe.pid"; }
-
+  bool WaitForLog(const std::string& text) const;  // wait for whole texts, never a prefix
+  std::string Log() const { return ReadFile(LogPath()); }  // the plain .log of this run
+  std::string Csl() const { return ReadFile(CslPath()); }  // the structured .csl
+  std::string LogPath() const { return LogBase() + ".log"; }
+  std::string CslPath() const { return LogBase() + ".csl"; }
+  std::string PidFilePath() const { return dir_ + "/run/quelmloadprobe.pid"; }
   pid_t pid() const { return pid_; }
   int port() const { return port_; }
   const std::string& dir() const { return dir_; }
-  const std::string& logDir() const { return logDir_; }
 
-  static int FreeTcpPort();
   static std::string ReadFile(const std::string& path);
   static void WriteFile(const std::string& path, const std::string& text);
-  // Writes an executable shell script (a fake measuring tool, say).
-  static void WriteScript(const std::string& path, const std::string& body);
 
  private:
-  std::string dir_, logDir_, pidDir_;
+  std::string LogBase() const {
+    return dir_ + "/logs/quelmloadprobe" + std::to_string(pid_) + "_error";
+  }
+  std::string dir_;
   std::map<std::string, std::string> props_;
-  pid_t pid_ = -1;
-  int port_ = 0;
-  int status_ = -1;
-  unsigned long fileLimit_ = 0;
+  int pid_ = -1, port_ = 0;
+  mutable int status_ = -1;
 };
 
-// One request on its own connection to 127.0.0.1:port; the whole reply.
-std::string SendRequest(int port, const std::string& request,
-                        std::chrono::milliseconds timeout = std::chrono::seconds(10));
+// A TCP connection to 127.0.0.1:port, or -1. With SOCK_NONBLOCK in flags it
+// may still be pending.
+int Connect(int port, int flags = 0);
+// One request on its own connection; the whole reply.
+std::string SendRequest(int port, const std::string& request);
+
+struct Output {
+  int status = -1;  // exit status; -1 when the program did not exit normally
+  std::string out, err;
+};
+
+// A program as a child process: quelmloadctl unless the first argument is
+// an absolute path. Standard output and error go to temporary files.
+class Ctl {
+ public:
+  explicit Ctl(std::vector<std::string> args);
+  ~Ctl();
+  std::string Err() const;
+  Output Finish();  // waits for the end (an alarm ends it after 100 s)
+
+ private:
+  FILE *out_, *err_;
+  pid_t pid_ = -1;
+};
+
+inline Output RunCtl(const std::vector<std::string>& args) { return Ctl(args).Finish(); }
+inline Output Shell(const std::string& command) { return RunCtl({"/bin/sh", "-c", command}); }
 
 #endif  // QUELM_TESTS_E2E_PROBE_RUNNER_H_
