@@ -48,6 +48,7 @@ class ChildManager {
   unsigned getSampleRate() const { return sampleRate; }
   unsigned getWindowSize() const { return windowSize; }
   int getChildPid() const { return childPid; }
+  unsigned long getBufferCapacity() const { return capacity; }
 
  private:
   void buildArgv();
