@@ -1,5 +1,7 @@
 #include "agent/Bootstrap.h"
 
+#include <string>
+
 #include "agent/Globals.h"
 #include "agent/Logging.h"
 #include "agent/Messages.h"
@@ -19,6 +21,11 @@ const OmUniString Bootstrap::attrLogFilter(kSettingKeys[SettingKey::LogFilter].n
 const OmUniString Bootstrap::attrMaxVirtualMemory(kSettingKeys[SettingKey::MaxVirtualMemory].name);
 const OmUniString Bootstrap::attrMaxPhysMemory(kSettingKeys[SettingKey::MaxPhysMemory].name);
 const OmUniString Bootstrap::attrMultiProcessorFactor(kSettingKeys[SettingKey::MultiProcessorFactor].name);
+const OmUniString Bootstrap::attrToolBufferLimit(kSettingKeys[SettingKey::ToolBufferLimit].name);
+const OmUniString Bootstrap::attrToolProcessGroup(kSettingKeys[SettingKey::ToolProcessGroup].name);
+const OmUniString Bootstrap::attrToolRestartBackoff(kSettingKeys[SettingKey::ToolRestartBackoff].name);
+const OmUniString Bootstrap::attrToolStallIntervals(kSettingKeys[SettingKey::ToolStallIntervals].name);
+const OmUniString Bootstrap::attrSpeedRecalcInterval(kSettingKeys[SettingKey::SpeedRecalcInterval].name);
 const OmUniString Bootstrap::DEFAULT_FILTER(kSettingKeys[SettingKey::Filter].defaultText);
 const OmUniString Bootstrap::DEFAULT_PROBEPATH(kSettingKeys[SettingKey::ProbePath].defaultText);
 const OmUniString Bootstrap::DEFAULT_LOGDIR(kSettingKeys[SettingKey::LogDirectory].defaultText);
@@ -89,6 +96,10 @@ Bootstrap::Bootstrap(const OmUniString& dir, unsigned procs)
   for (SettingKey::Id id : {SettingKey::MaxVirtualMemory, SettingKey::MaxPhysMemory, SettingKey::MultiProcessorFactor}) {
     kSettingKeys[id].set(values, GetUint(id));
   }
+  for (SettingKey::Id id : {SettingKey::ToolBufferLimit, SettingKey::ToolProcessGroup, SettingKey::ToolRestartBackoff,
+                            SettingKey::ToolStallIntervals, SettingKey::SpeedRecalcInterval}) {
+    kSettingKeys[id].set(values, GetOptionalUint(id));
+  }
   Settings::applySampleRateRule(values.sampleRate, values.windowSize);
 }
 
@@ -105,6 +116,19 @@ uint32_t Bootstrap::GetUint(SettingKey::Id id) {
     return key.defaultNumber;
   }
   return value;
+}
+
+uint32_t Bootstrap::GetOptionalUint(SettingKey::Id id) {
+  const SettingKey& key = kSettingKeys[id];
+  const OmUniString* text = props.Get(keyName(id));
+  if (text == nullptr) return key.defaultNumber;
+  // Here 0 is a good value, so the text itself must be a number in range.
+  const std::string digits = text->AsUtf8();
+  const bool number = !digits.empty() && digits.size() <= 10 &&
+                      digits.find_first_not_of("0123456789") == std::string::npos;
+  if (number && std::stoull(digits) <= key.maxNumber) return static_cast<uint32_t>(std::stoull(digits));
+  LogScalarAttrBadValue(keyName(id), static_cast<int>(text->AsUint32()), static_cast<int>(key.defaultNumber));
+  return key.defaultNumber;
 }
 
 OmUniString Bootstrap::GetString(SettingKey::Id id) {
@@ -130,6 +154,8 @@ bool Bootstrap::setPort(unsigned p) {
 bool Bootstrap::setConfig() {
   for (const SettingKey& key : kSettingKeys) {
     const OmUniString name(key.name);
+    // A file without an optional key at its default is written as it was.
+    if (key.optional && props.Get(name) == nullptr && key.fileValue(values) == key.defaultNumber) continue;
     if (key.number != nullptr) {
       props.Put(name, OmUniString::CreateFromUnsigned(key.fileValue(values)));
     } else {

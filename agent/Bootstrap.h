@@ -27,6 +27,11 @@ class Bootstrap {
   static const OmUniString attrMaxVirtualMemory;
   static const OmUniString attrMaxPhysMemory;
   static const OmUniString attrMultiProcessorFactor;
+  static const OmUniString attrToolBufferLimit;
+  static const OmUniString attrToolProcessGroup;
+  static const OmUniString attrToolRestartBackoff;
+  static const OmUniString attrToolStallIntervals;
+  static const OmUniString attrSpeedRecalcInterval;
   static const OmUniString DEFAULT_FILTER;
   static const OmUniString DEFAULT_PROBEPATH;
   static const OmUniString DEFAULT_LOGDIR;
@@ -49,6 +54,8 @@ class Bootstrap {
 
  private:
   uint32_t GetUint(SettingKey::Id id);
+  // An optional key: silent when missing, the default when bad.
+  uint32_t GetOptionalUint(SettingKey::Id id);
   OmUniString GetString(SettingKey::Id id);
 
   OmUniString directory;

@@ -171,6 +171,18 @@ const MessageEntry kMessageCatalogue[kMessageCount] = {
      "physmemfree={3}, swappedin={4}, swappedout={5}."},
     {43, "quelmloadprobe/results/info",  // LogSpeedRecalculated
      "The processor speed estimate was recalculated after a tool run ending at idle {1}: estimate {2}, reported {3}."},
+    {44, "quelmloadprobe/child/error",  // LogToolBufferLimit
+     "The loadtool (sar/iostat/vmstat) wrote more output than the read buffer limit of {1} bytes allows.\n"
+     "The loadtool has been stopped and will be restarted; this is not logged again until a run of the loadtool ends normally.\n"
+     "Check the probepath configuration in the quelmloadprobe.properties file, or raise the toolbufferlimit value."},
+    {45, "quelmloadprobe/child/error",  // LogToolEndedAtOnce
+     "The loadtool (sar/iostat/vmstat) ended {1} seconds after it was started, before one sample interval had passed.\n"
+     "Its next start is delayed to {2} seconds after the previous one; this is not logged again until a run of the loadtool ends normally.\n"
+     "Check the probepath configuration in the quelmloadprobe.properties file and that the tool runs from the command line."},
+    {46, "quelmloadprobe/child/error",  // LogToolStalled
+     "The loadtool (sar/iostat/vmstat) delivered no data for {1} seconds.\n"
+     "The loadtool has been stopped and will be restarted; this is not logged again until a run of the loadtool ends normally.\n"
+     "Check that the tool named by probepath in the quelmloadprobe.properties file prints a sample every sample interval."},
 
 };
 
@@ -260,3 +272,6 @@ void LogAttribSetSuccess(const OmUniString& a1, const OmUniString& a2) { Log(40,
 void LogAttribGetFail(const OmUniString& a1) { Log(41, a1); }
 void LogResultsCached(OmScalar<int> a1, OmScalar<int> a2, OmScalar<int> a3, OmScalar<int> a4, OmScalar<int> a5) { Log(42, a1, a2, a3, a4, a5); }
 void LogSpeedRecalculated(OmScalar<int> a1, OmScalar<int> a2, OmScalar<int> a3) { Log(43, a1, a2, a3); }
+void LogToolBufferLimit(OmScalar<unsigned int> a1) { Log(44, a1); }
+void LogToolEndedAtOnce(OmScalar<unsigned int> a1, OmScalar<unsigned int> a2) { Log(45, a1, a2); }
+void LogToolStalled(OmScalar<unsigned int> a1) { Log(46, a1); }

@@ -13,7 +13,7 @@ struct MessageEntry {
   const char* format;    // {1}, {2}, ... stand for the arguments in order
 };
 
-inline constexpr unsigned kMessageCount = 44;
+inline constexpr unsigned kMessageCount = 47;
 extern const MessageEntry kMessageCatalogue[kMessageCount];
 
 void LogPropsNotFound(const OmUniString& a1);
@@ -60,5 +60,8 @@ void LogAttribSetSuccess(const OmUniString& a1, const OmUniString& a2);
 void LogAttribGetFail(const OmUniString& a1);
 void LogResultsCached(OmScalar<int> a1, OmScalar<int> a2, OmScalar<int> a3, OmScalar<int> a4, OmScalar<int> a5);
 void LogSpeedRecalculated(OmScalar<int> a1, OmScalar<int> a2, OmScalar<int> a3);
+void LogToolBufferLimit(OmScalar<unsigned int> a1);
+void LogToolEndedAtOnce(OmScalar<unsigned int> a1, OmScalar<unsigned int> a2);
+void LogToolStalled(OmScalar<unsigned int> a1);
 
 #endif  // QUELM_AGENT_MESSAGES_H_

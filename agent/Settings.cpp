@@ -3,25 +3,31 @@
 #define QUELM_KEY "varosa.config.quelmloadbalancing."
 
 const SettingKey kSettingKeys[SettingKey::Count] = {
-    {QUELM_KEY "port", &Settings::port, nullptr, 3579, nullptr, 0},
-    {QUELM_KEY "windowsize", &Settings::windowSize, nullptr, 120, nullptr, 0},
-    {QUELM_KEY "samplerate", &Settings::sampleRate, nullptr, 30, nullptr, 0},
-    {QUELM_KEY "hostlifetime", &Settings::hostLifeTime, nullptr, 86400, nullptr, 0},
-    {QUELM_KEY "mincachesize", &Settings::minCacheSize, nullptr, 10, nullptr, 0},
-    {QUELM_KEY "filter", nullptr, &Settings::filter, 0, "vmstatFilter", 0},
-    {QUELM_KEY "probepath", nullptr, &Settings::probePath, 0, "/usr/bin/vmstat -n", 0},
-    {QUELM_KEY "logdirectory", nullptr, &Settings::logDirectory, 0, "/tmp", 0},
-    {QUELM_KEY "piddirectory", nullptr, &Settings::pidDirectory, 0, "/tmp", 0},
+    {QUELM_KEY "port", &Settings::port, nullptr, 3579, nullptr, 0, false, 0},
+    {QUELM_KEY "windowsize", &Settings::windowSize, nullptr, 120, nullptr, 0, false, 0},
+    {QUELM_KEY "samplerate", &Settings::sampleRate, nullptr, 30, nullptr, 0, false, 0},
+    {QUELM_KEY "hostlifetime", &Settings::hostLifeTime, nullptr, 86400, nullptr, 0, false, 0},
+    {QUELM_KEY "mincachesize", &Settings::minCacheSize, nullptr, 10, nullptr, 0, false, 0},
+    {QUELM_KEY "filter", nullptr, &Settings::filter, 0, "vmstatFilter", 0, false, 0},
+    {QUELM_KEY "probepath", nullptr, &Settings::probePath, 0, "/usr/bin/vmstat -n", 0, false, 0},
+    {QUELM_KEY "logdirectory", nullptr, &Settings::logDirectory, 0, "/tmp", 0, false, 0},
+    {QUELM_KEY "piddirectory", nullptr, &Settings::pidDirectory, 0, "/tmp", 0, false, 0},
     // Every message to the .log file, errors also to the .csl file, fatal
     // errors also to standard error (the console sink).
     {QUELM_KEY "logfilter", nullptr, &Settings::logFilter, 0,
      "*/*/*:quelmloadprobe%%PID%%_error.log,"
      "*/*/*error:quelmloadprobe%%PID%%_error.csl,"
      "*/*/fatalerror:.../_beans/quelm.log.ConsoleSink",
-     0},
-    {QUELM_KEY "maxvirtualmemory", &Settings::maxVirtualMemory, nullptr, 768, nullptr, 10},
-    {QUELM_KEY "maxphysicalmemory", &Settings::maxPhysMemory, nullptr, 256, nullptr, 10},
-    {QUELM_KEY "multiprocessorfactor", &Settings::multiProcessorFactor, nullptr, 80, nullptr, 0},
+     0, false, 0},
+    {QUELM_KEY "maxvirtualmemory", &Settings::maxVirtualMemory, nullptr, 768, nullptr, 10, false, 0},
+    {QUELM_KEY "maxphysicalmemory", &Settings::maxPhysMemory, nullptr, 256, nullptr, 10, false, 0},
+    {QUELM_KEY "multiprocessorfactor", &Settings::multiProcessorFactor, nullptr, 80, nullptr, 0, false, 0},
+    // The watch over the measuring tool, each off by default.
+    {QUELM_KEY "toolbufferlimit", &Settings::toolBufferLimit, nullptr, 0, nullptr, 0, true, UINT32_MAX},
+    {QUELM_KEY "toolprocessgroup", &Settings::toolProcessGroup, nullptr, 0, nullptr, 0, true, 1},
+    {QUELM_KEY "toolrestartbackoff", &Settings::toolRestartBackoff, nullptr, 0, nullptr, 0, true, 1},
+    {QUELM_KEY "toolstallintervals", &Settings::toolStallIntervals, nullptr, 0, nullptr, 0, true, UINT32_MAX},
+    {QUELM_KEY "speedrecalcinterval", &Settings::speedRecalcInterval, nullptr, 0, nullptr, 0, true, UINT32_MAX},
 };
 
 #undef QUELM_KEY

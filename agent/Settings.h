@@ -22,6 +22,12 @@ struct Settings {
   uint32_t maxVirtualMemory;      // KiB
   uint32_t maxPhysMemory;         // KiB
   uint32_t multiProcessorFactor;  // percent
+  // Watch over the measuring tool; 0 leaves each watch off.
+  uint32_t toolBufferLimit;      // bytes the read buffer may grow to
+  uint32_t toolProcessGroup;     // 1: the tool runs in a process group of its own
+  uint32_t toolRestartBackoff;   // 1: at most one start a sample interval
+  uint32_t toolStallIntervals;   // sample intervals without data before a restart
+  uint32_t speedRecalcInterval;  // seconds between speed recalculations
 
   Settings();
 
@@ -47,6 +53,11 @@ struct SettingKey {
     MaxVirtualMemory,
     MaxPhysMemory,
     MultiProcessorFactor,
+    ToolBufferLimit,
+    ToolProcessGroup,
+    ToolRestartBackoff,
+    ToolStallIntervals,
+    SpeedRecalcInterval,
     Count
   };
 
@@ -56,6 +67,10 @@ struct SettingKey {
   uint32_t defaultNumber;       // in the file's unit
   const char* defaultText;
   unsigned shift;  // from the file's unit to the field's: MiB to KiB is 10
+  // A key added later: 0 is a good value, a missing key is not reported (so a
+  // file without it logs what it always did) and the largest good value.
+  bool optional;
+  uint32_t maxNumber;
 
   // Stores a value as read from the file.
   void set(Settings& settings, uint32_t fileValue) const { settings.*number = fileValue << shift; }

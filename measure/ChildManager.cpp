@@ -27,7 +27,9 @@ ChildManager::ChildManager(OmEventLoop& l, BaseFilter* f, RunObserver observer)
       sighupCallback(this, &ChildManager::signalCB, SIGHUP),
       sigtermCallback(this, &ChildManager::signalCB, SIGTERM),
       sigintCallback(this, &ChildManager::signalCB, SIGINT),
-      sigpipeCallback(this, &ChildManager::signalCB, SIGPIPE) {
+      sigpipeCallback(this, &ChildManager::signalCB, SIGPIPE),
+      startCallback(this, &ChildManager::startCB),
+      stallCallback(this, &ChildManager::stallCB) {
   buildArgv();
   setSampleRateAndWindowSize(mySettings->sampleRate, mySettings->windowSize);
 
@@ -48,8 +50,9 @@ ChildManager::~ChildManager() {
   pr.RemoveSignalCallback(SIGINT, &sigintCallback);
   pr.RemoveSignalCallback(SIGPIPE, &sigpipeCallback);
   closePipe();
+  if (startPending) loop.RemoveTimeoutEvent(startDue, &startCallback);
   if (childPid > 0) {
-    if (kill(childPid, 0) == 0) kill(childPid, SIGKILL);
+    killTool();
     // The probe is going away: give the killed tool a moment to be reaped so
     // that no zombie is left behind.
     int status = 0;
@@ -115,6 +118,7 @@ int ChildManager::forkChild() {
   forkParams.wantDataPipe = true;
   forkParams.argv = argv.data();
   forkParams.exitCallback = &deadkidCallback;
+  forkParams.newProcessGroup = mySettings->toolProcessGroup != 0;
 
   for (int attempt = 0; attempt < kForkAttempts; ++attempt) {
     if (pr.Fork(forkParams)) {
@@ -126,6 +130,9 @@ int ChildManager::forkChild() {
       pipe.SetBlocking(false);
       pipe.Release();  // the manager closes it
       loop.AddFileEvent(static_cast<unsigned>(pipeFd), true, false, &readpipeCallback);
+      runStart = OmTimeVal::now();
+      runTroubled = false;
+      armStall();
       return childPid;
     }
     if (forkParams.execFailed) {
@@ -180,7 +187,18 @@ void ChildManager::readpipeCB(OmEventCallback*, OmEvent::cbdispatch reason) {
   lastRead = n;
   if (n >= 1) {
     appendRead(n);
-    if (freeSpace < static_cast<unsigned long>(n + n / 2)) growBuffer();
+    armStall();
+    if (freeSpace < static_cast<unsigned long>(n + n / 2)) {
+      // A tool that floods its output would otherwise grow the buffer
+      // without bound; its run is cut short instead.
+      const unsigned long limit = mySettings->toolBufferLimit;
+      if (limit != 0 && capacity * 2 > limit) {
+        if (firstOfEpisode(BufferLimit)) LogToolBufferLimit(static_cast<unsigned>(limit));
+        restart(true);
+        return;
+      }
+      growBuffer();
+    }
     if (!filterBuffer()) restart(true);
     return;
   }
@@ -194,6 +212,7 @@ void ChildManager::readpipeCB(OmEventCallback*, OmEvent::cbdispatch reason) {
 }
 
 void ChildManager::closePipe() {
+  disarmStall();
   if (pipeFd < 0) return;
   loop.RemoveFileEvent(static_cast<unsigned>(pipeFd), true, false, &readpipeCallback);
   close(pipeFd);
@@ -204,7 +223,7 @@ void ChildManager::restart(bool filterFailed) {
   closePipe();
   emptyReads = 0;
   if (childPid > 0) {
-    if (kill(childPid, 0) == 0) kill(childPid, SIGKILL);
+    killTool();
     int status = 0;
     if (waitpid(childPid, &status, WNOHANG) == childPid) {
       ++reapedAtOnce;
@@ -225,7 +244,7 @@ void ChildManager::afterRun() {
   if (idle >= 0) {
     // A nearly idle machine gives a true speed figure. The estimate costs
     // about a second of processor time, during which the loop waits.
-    if (idle > 94) {
+    if (idle > 94 && speedRecalcDue()) {
       myBogomips->calculate();
       LogSpeedRecalculated(idle, static_cast<int>(myBogomips->getCurrent()),
                            static_cast<int>(myBogomips->getBogomips()));
@@ -233,7 +252,86 @@ void ChildManager::afterRun() {
     runObserver(static_cast<unsigned>(idle));
   }
   filter->resetFilter();
+
+  // A tool that ends at once would be restarted as fast as it can fork: its
+  // next start waits until a sample interval after the previous one.
+  const OmTimeVal now = OmTimeVal::now();
+  const bool early = mySettings->toolRestartBackoff != 0 && now < runStart.PlusSeconds(sampleRate);
+  if (early && !runTroubled && firstOfEpisode(EndedAtOnce)) {
+    LogToolEndedAtOnce(now.seconds - runStart.seconds, sampleRate);
+  }
+  if (!runTroubled) {
+    for (bool& r : reported) r = false;
+  }
+  if (early) {
+    startDue = runStart.PlusSeconds(sampleRate);
+    startPending = true;
+    childPid = -1;
+    loop.AddTimeoutEvent(startDue, &startCallback);
+    return;
+  }
   forkChild();
+}
+
+bool ChildManager::firstOfEpisode(Trouble trouble) {
+  runTroubled = true;
+  if (reported[trouble]) return false;
+  reported[trouble] = true;
+  return true;
+}
+
+// With its own process group the tool's leftovers (background processes
+// holding the pipe) go with it; the group outlives a dead leader.
+void ChildManager::killTool() {
+  if (mySettings->toolProcessGroup != 0) {
+    kill(-childPid, SIGKILL);
+  } else if (kill(childPid, 0) == 0) {
+    kill(childPid, SIGKILL);
+  }
+}
+
+// Re-armed at every read that brought data, so it fires only for a run that
+// went silent.
+void ChildManager::armStall() {
+  const uint64_t intervals = mySettings->toolStallIntervals;
+  if (intervals == 0) return;
+  disarmStall();
+  const uint64_t seconds = intervals * sampleRate;
+  constexpr uint64_t kFarAway = 1u << 30;  // beyond any run, and no wrap
+  stallDue = OmTimeVal::now().PlusSeconds(static_cast<uint32_t>(seconds < kFarAway ? seconds : kFarAway));
+  stallArmed = true;
+  loop.AddTimeoutEvent(stallDue, &stallCallback);
+}
+
+void ChildManager::disarmStall() {
+  if (!stallArmed) return;
+  stallArmed = false;
+  loop.RemoveTimeoutEvent(stallDue, &stallCallback);
+}
+
+void ChildManager::stallCB(OmEventCallback*, OmEvent::cbdispatch reason) {
+  if (reason != OmEvent::fired) return;
+  stallArmed = false;
+  if (firstOfEpisode(Stalled)) LogToolStalled(mySettings->toolStallIntervals * sampleRate);
+  restart(false);
+}
+
+void ChildManager::startCB(OmEventCallback*, OmEvent::cbdispatch reason) {
+  if (reason != OmEvent::fired) return;
+  startPending = false;
+  forkChild();
+}
+
+// Each estimate blocks the loop for a second of processor time; a nearly
+// idle machine would otherwise pay it after every run.
+bool ChildManager::speedRecalcDue() {
+  const uint32_t interval = mySettings->speedRecalcInterval;
+  if (interval == 0) return true;
+  const OmTimeVal now = OmTimeVal::now();
+  if (recalculated && now >= lastRecalc && now < lastRecalc.PlusSeconds(interval)) return false;
+  recalculated = true;
+  lastRecalc = now;
+  return true;
 }
 
 void ChildManager::deadkidCB(OmUnixProcess::ChildCallback*, OmUnixProcess::child_info info) {
@@ -247,6 +345,8 @@ void ChildManager::deadkidCB(OmUnixProcess::ChildCallback*, OmUnixProcess::child
     }
     pr.RemoveSIGCHLDCallback(childPid);
   }
+  // The leader is gone; what it left running in its group goes too.
+  if (mySettings->toolProcessGroup != 0 && childPid > 0) kill(-childPid, SIGKILL);
   if (pipeFd >= 0) {
     const long n = read(pipeFd, writePos, freeSpace);
     if (n >= 1) appendRead(n);

@@ -7,6 +7,7 @@
 
 #include "foundation/event/OmCallback.h"
 #include "foundation/process/OmUnixProcess.h"
+#include "foundation/string/OmTimeVal.h"
 
 class BaseFilter;
 class OmEventLoop;
@@ -39,10 +40,15 @@ class ChildManager {
   void readpipeCB(OmEventCallback* cb, OmEvent::cbdispatch reason);
   void deadkidCB(OmUnixProcess::ChildCallback* cb, OmUnixProcess::child_info info);
   void signalCB(OmEventCallback* cb, OmEvent::cbdispatch reason, int sig);
+  // The delayed start of a tool that ended at once.
+  void startCB(OmEventCallback* cb, OmEvent::cbdispatch reason);
+  // A run that delivered nothing for toolstallintervals sample intervals.
+  void stallCB(OmEventCallback* cb, OmEvent::cbdispatch reason);
 
   unsigned getSampleRate() const { return sampleRate; }
   unsigned getWindowSize() const { return windowSize; }
   int getChildPid() const { return childPid; }
+  unsigned long getBufferCapacity() const { return capacity; }
 
  private:
   void buildArgv();
@@ -54,6 +60,14 @@ class ChildManager {
   void restart(bool filterFailed);
   void closePipe();
   void afterRun();
+  void killTool();
+  void armStall();
+  void disarmStall();
+  bool speedRecalcDue();
+  // The watch's troubles, each reported once an episode: an episode ends with
+  // a run that had none of them.
+  enum Trouble { BufferLimit, EndedAtOnce, Stalled, kTroubles };
+  bool firstOfEpisode(Trouble trouble);
 
   OmUnixProcess::ForkParams forkParams;
   std::vector<const char*> argv;
@@ -69,6 +83,8 @@ class ChildManager {
   OmCallbackWithData<OmEvent::cbdispatch, ChildManager, int> sigtermCallback;
   OmCallbackWithData<OmEvent::cbdispatch, ChildManager, int> sigintCallback;
   OmCallbackWithData<OmEvent::cbdispatch, ChildManager, int> sigpipeCallback;
+  OmSimpleCallback<OmEvent::cbdispatch, ChildManager> startCallback;
+  OmSimpleCallback<OmEvent::cbdispatch, ChildManager> stallCallback;
 
   unsigned sampleRate = 0;
   unsigned windowSize = 0;
@@ -91,6 +107,16 @@ class ChildManager {
 
   int childPid = -1;
   int pipeFd = -1;
+
+  OmTimeVal runStart;
+  OmTimeVal startDue;  // with startPending
+  OmTimeVal stallDue;  // with stallArmed
+  OmTimeVal lastRecalc;  // with recalculated
+  bool startPending = false;
+  bool stallArmed = false;
+  bool recalculated = false;
+  bool runTroubled = false;
+  bool reported[kTroubles] = {};
 };
 
 #endif  // QUELM_MEASURE_CHILDMANAGER_H_

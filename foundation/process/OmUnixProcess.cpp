@@ -70,6 +70,8 @@ bool OmUnixProcess::Fork(ForkParams& params) {
 
   if (pid > 0) {
     params.pid = pid;
+    // Also set here: the parent may signal the group before the child runs.
+    if (params.newProcessGroup && params.argv != nullptr) setpgid(pid, pid);
     children_.push_back(pid);
     if (params.exitCallback != nullptr) CatchExit(params.exitCallback, pid);
     CloseIfOpen(data[1]);
@@ -107,6 +109,7 @@ bool OmUnixProcess::Fork(ForkParams& params) {
     close(fd);
     params.childErrorFd = -1;
   }
+  if (params.newProcessGroup) setpgid(0, 0);
   Exec(params.argv, params);
   params.execFailed = true;
   return false;

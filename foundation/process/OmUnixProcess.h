@@ -39,6 +39,9 @@ class OmUnixProcess : public OmProcess {
     bool wantDataPipe = false;
     bool wantErrorPipe = false;
     bool execFailed = false;
+    // The exec'd child leads a process group of its own, so that it and
+    // whatever it leaves running can be killed together.
+    bool newProcessGroup = false;
     int stdinFd = -1, stdoutFd = -1, stderrFd = -1;  // for Exec; -1 = leave alone
     int pid = 0;
     ChildCallback* exitCallback = nullptr;

@@ -2,6 +2,9 @@
 // estimate: a fake vmstat with named columns, one sample a run.
 #include <gtest/gtest.h>
 
+#include <signal.h>
+
+#include <filesystem>
 #include <fstream>
 #include <string>
 
@@ -33,6 +36,15 @@ class ToolRunTest : public AgentTest {
     }
     return myChildManager->getChildPid() != pid;
   }
+
+  // Turns the loop until the run ends: the next pid, or -1 while the start waits.
+  int runEnds() {
+    const int pid = myChildManager->getChildPid();
+    for (int turns = 0; turns < 1000 && myChildManager->getChildPid() == pid; ++turns) {
+      loop.RunOneTurn();
+    }
+    return myChildManager->getChildPid();
+  }
 };
 
 TEST_F(ToolRunTest, ChangeBeyondTheThresholdSendsAPacketRightAfterTheRun) {
@@ -58,6 +70,75 @@ TEST_F(ToolRunTest, RunEndingAbove94RecalculatesTheSpeedEstimate) {
   EXPECT_FALSE(logged("recalculated after a tool run ending at idle"));
   ASSERT_TRUE(run(95));
   EXPECT_TRUE(logged("recalculated after a tool run ending at idle 95: estimate "));
+}
+
+TEST_F(ToolRunTest, SpeedRecalcIntervalSkipsARecalculationInsideIt) {
+  settings.speedRecalcInterval = 60;
+  ASSERT_GT(myChildManager->forkChild(), 0);
+  ASSERT_TRUE(run(95));
+  ASSERT_TRUE(run(96));
+  env.now.seconds += 60;
+  ASSERT_TRUE(run(97));
+  EXPECT_EQ(logged("recalculated after a tool run ending at idle 9"), 2u);
+  EXPECT_EQ(logged("ending at idle 97"), 1u);
+}
+
+TEST_F(ToolRunTest, FloodingToolIsRestartedWithinTheBufferLimit) {
+  settings.toolBufferLimit = 4096;
+  std::ofstream(dir + "/vmstat") << "exec head -c 65536 /dev/zero\n";
+  ASSERT_GT(myChildManager->forkChild(), 0);
+  // Each run grows the buffer until the limit stops it; then a few more runs.
+  for (int i = 0; i < 50 && !logged("read buffer limit of 4096 bytes"); ++i) runEnds();
+  for (int i = 0; i < 3; ++i) ASSERT_GT(runEnds(), 0);
+  EXPECT_LE(myChildManager->getBufferCapacity(), 4096u);
+  EXPECT_EQ(logged("read buffer limit of 4096 bytes"), 1u);
+}
+
+// A tool that ends at once waits a sample interval (5 s) between starts; a
+// silent one is killed, with its group, after two intervals. Each episode is
+// logged once over two rounds.
+TEST_F(ToolRunTest, QuickAndSilentToolsAreRestartedByTheFakeClock) {
+  const std::string bgFile = dir + "/bg";
+  const struct {
+    std::string script;
+    uint32_t Settings::*key;
+    uint32_t value;
+    unsigned seconds;
+    const char* message;
+  } cases[] = {
+      {"exit 0\n", &Settings::toolRestartBackoff, 1, 5, "ended 0 seconds after it was started"},
+      {"sleep 100 &\necho $! > " + bgFile + "\nwait\n",
+       &Settings::toolStallIntervals, 2, 10, "delivered no data for 10 seconds"},
+  };
+  for (const auto& c : cases) {
+    std::ofstream(dir + "/vmstat") << c.script;
+    settings.*c.key = c.value;
+    settings.toolProcessGroup = 1;
+    const bool quick = c.key == &Settings::toolRestartBackoff;
+    ASSERT_GT(myChildManager->forkChild(), 0);
+    for (int round = 0; round < 2; ++round) {
+      const int pid = quick ? runEnds() : myChildManager->getChildPid();
+      std::string bg;  // the silent tool's background process
+      for (int i = 0; i < 500 && !quick && !(std::ifstream(bgFile) >> bg); ++i) usleep(2000);
+      env.now.seconds += c.seconds - 1;
+      runDue();
+      EXPECT_EQ(myChildManager->getChildPid(), pid) << c.message;
+      env.now.seconds += 1;
+      runDue();
+      const int next = myChildManager->getChildPid();
+      EXPECT_TRUE(next > 0 && next != pid) << c.message;
+      std::string state = bg.empty() ? "Z" : "";  // Z: gone or a zombie
+      for (int i = 0; i < 500 && state != "Z"; ++i) {
+        if (!(std::ifstream("/proc/" + bg + "/stat") >> state >> state >> state)) state = "Z";
+        if (state != "Z") usleep(2000);
+      }
+      EXPECT_EQ(state, "Z") << "background process " << bg;
+      std::filesystem::remove(bgFile);
+    }
+    EXPECT_EQ(logged(c.message), 1u);
+    delete std::exchange(myChildManager, new ChildManager(loop, &filter, &HostListMgr::percentChangeCheck));
+    settings.*c.key = 0;
+  }
 }
 
 }  // namespace
