@@ -74,7 +74,8 @@ TEST_F(BootstrapTest, EmptyDirectoryGivesDefaultsWithoutLogging) {
 
 TEST_F(BootstrapTest, BadAndMissingValuesFallBackWithMessages) {
   Write("port=abc\nmincachesize=0\nlogdirectory=/nonexistent\n"
-        "probepath=/nonexistent/iostat -x 5\npiddirectory=/nonexistent\n");
+        "probepath=/nonexistent/iostat -x 5\npiddirectory=/nonexistent\n"
+        "toolprocessgroup=2\nspeedrecalcinterval=600\n");
   Bootstrap b(OmUniString(dir.c_str()), 1);
   const Settings& s = b.settings();
   EXPECT_EQ(s.port, 3579u);
@@ -82,7 +83,10 @@ TEST_F(BootstrapTest, BadAndMissingValuesFallBackWithMessages) {
   EXPECT_EQ(s.logDirectory, "/tmp");
   EXPECT_EQ(s.probePath, "/usr/bin/vmstat -n");
   EXPECT_EQ(s.pidDirectory, "/nonexistent");  // kept on purpose
+  EXPECT_EQ(s.speedRecalcInterval, 600u);
   const std::string log = Log();
+  // Optional keys: a bad value is named, a missing one is not.
+  EXPECT_EQ(log.find("toolbufferlimit"), std::string::npos);
   for (const char* text : {
            "The attribute varosa.config.quelmloadbalancing.port has the value 0 which is invalid. "
            "The built-in default value 3579 will be used instead.",
@@ -93,7 +97,9 @@ TEST_F(BootstrapTest, BadAndMissingValuesFallBackWithMessages) {
            "The path or object /nonexistent/iostat does not exist. Using the built-in default "
            "/usr/bin/vmstat -n for the\nattribute varosa.config.quelmloadbalancing.probepath.",
            "The path /nonexistent does not exist or is not a directory. Using the built-in "
-           "default /tmp for the attribute varosa.config.quelmloadbalancing.piddirectory."}) {
+           "default /tmp for the attribute varosa.config.quelmloadbalancing.piddirectory.",
+           "The attribute varosa.config.quelmloadbalancing.toolprocessgroup has the value 2 "
+           "which is invalid. The built-in default value 0 will be used instead."}) {
     EXPECT_NE(log.find(text), std::string::npos) << text;
   }
 }
