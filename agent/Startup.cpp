@@ -8,6 +8,7 @@
 #include "agent/PidFile.h"
 #include "command/Listener.h"
 #include "foundation/event/OmEventLoop.h"
+#include "foundation/log/OmLog.h"
 #include "foundation/process/OmUnixProcess.h"
 #include "hosts/HostListMgr.h"
 #include "hosts/Responder.h"
@@ -26,6 +27,11 @@ void raiseOpenFileLimit() {
     limit.rlim_cur = limit.rlim_max;
     setrlimit(RLIMIT_NOFILE, &limit);
   }
+}
+
+// Before the loop waits: the log lines of the turn go out together.
+void flushLogsCB(OmEventCallback*, OmEvent::cbdispatch) {
+  if (OmLog* log = OmLog::Current()) log->Flush();
 }
 
 }  // namespace
@@ -63,5 +69,8 @@ int probeMain(int argc, char** argv) {
 
   myPidFile = new PidFile(myBootstrap->getPidDirectory());
 
+  static OmStaticCallback<OmEvent::cbdispatch> flushLogsCallback(&flushLogsCB);
+  OmLog::SetCollecting(true);
+  eventloop.SetBeforeSleep(&flushLogsCallback);
   processExit(eventloop.EnterEventLoop());
 }
