@@ -1,5 +1,7 @@
 #include "command/Listener.h"
 
+#include <sys/socket.h>
+
 #include <cerrno>
 
 #include "agent/Messages.h"
@@ -66,7 +68,8 @@ void Listener::RemoveCallback() {
 void Listener::acceptCB(OmEventCallback*, OmEvent::cbdispatch reason) {
   if (reason != OmEvent::fired) return;
   OmSocket connection;
-  if (connection.AcceptFrom(listenFd) != OmStatus::Success) {
+  // Non-blocking and close-on-exec from the start, as the circuit needs it.
+  if (connection.AcceptFrom(socket, SOCK_NONBLOCK | SOCK_CLOEXEC) != OmStatus::Success) {
     const int err = connection.LastError().Errno();
     if (err == EAGAIN || err == EWOULDBLOCK) return;
     if (err == EMFILE || err == ENFILE) {
@@ -91,9 +94,7 @@ void Listener::acceptCB(OmEventCallback*, OmEvent::cbdispatch reason) {
     return;  // closing the socket drops the connection unanswered
   }
   LogNewConnection(peer.AsString(false));
-  const int fd = connection.Release();
-  OmFile::SetCloseOnExec(fd, true);
-  startNewConnection(fd);
+  startNewConnection(connection.Release());
 }
 
 void Listener::resumeCB(OmEventCallback*, OmEvent::cbdispatch reason) {

@@ -4,6 +4,7 @@
 
 #include "agent/Messages.h"
 #include "command/Listener.h"
+#include "command/ParseCommand.h"
 
 const char* const RequestCircuit::BAD_REQUEST_MESSAGE =
     "Message is either too short or too long to be valid";
@@ -22,10 +23,9 @@ RequestCircuit::RequestCircuit(OmEventLoop& loop, int fd, Listener* owner)
       readFile(fd, OmFile::kInetSocket),
       writeFile(fd, OmFile::kInetSocket),
       listener(owner) {
+  // The listener accepts connections non-blocking already.
   SetReadFile(&readFile);
   SetWriteFile(&writeFile);
-  readFile.SetBlocking(false);
-  writeFile.SetBlocking(false);
   WantRead();
 }
 
@@ -69,15 +69,23 @@ void RequestCircuit::reject() {
 
 void RequestCircuit::DispatchRequest(OmByteBuffer& request) {
   OmUniString text = asText(request);
+  // One command per circuit; the circuit outlives it by a second and need
+  // not keep it.
+  ParseCommand parseCommand;
   const OmUniString& reply = parseCommand.doCommand(text);
   replyBuffer = reply.AsEncoding(OmEncoding::LATIN1);
-  parseCommand.releaseReply();
-  SendReply(replyBuffer, true);
+  // A reply holds protocol text and request bytes only, all below 256, so
+  // the document logs exactly as the bytes that are sent.
+  sendReply(reply, replyBuffer, true);
   replyBuffer = OmByteBuffer();  // the write queue keeps what it still needs
 }
 
 void RequestCircuit::SendReply(OmByteBuffer& reply, bool close) {
-  LogResponseText(asText(reply));
+  sendReply(asText(reply), reply, close);
+}
+
+void RequestCircuit::sendReply(const OmUniString& text, OmByteBuffer& reply, bool close) {
+  LogResponseText(text);
   Write(reply, true);
   if (!close) return;
   finish();
@@ -96,6 +104,7 @@ void RequestCircuit::finish() {
   finished = true;
   while (StopRead() > 0) {
   }
+  requestBuffer = OmByteBuffer();
   listener->DeleteRequestCircuit(this);
 }
 

@@ -1,7 +1,6 @@
 #ifndef QUELM_COMMAND_REQUESTCIRCUIT_H_
 #define QUELM_COMMAND_REQUESTCIRCUIT_H_
 
-#include "command/ParseCommand.h"
 #include "foundation/net/OmByteCircuit.h"
 #include "foundation/string/OmByteBuffer.h"
 #include "foundation/string/OmFile.h"
@@ -16,6 +15,7 @@ class RequestCircuit : public OmByteCircuit {
   static constexpr unsigned long MINREQUESTSIZE = 10;  // this many bytes or fewer is too short
   static const char* const BAD_REQUEST_MESSAGE;
 
+  // fd: an accepted connection, already non-blocking and close-on-exec.
   RequestCircuit(OmEventLoop& loop, int fd, Listener* owner);
   ~RequestCircuit() override;
 
@@ -34,13 +34,14 @@ class RequestCircuit : public OmByteCircuit {
  private:
   void reject();
   void finish();
+  // Logs text, the reply as text, and sends reply.
+  void sendReply(const OmUniString& text, OmByteBuffer& reply, bool close);
 
   OmFile readFile;
   OmFile writeFile;  // the same descriptor as readFile
   Listener* listener;
   OmByteBuffer requestBuffer;
   OmByteBuffer replyBuffer;
-  ParseCommand parseCommand;
   bool finished = false;
 };
 

@@ -8,8 +8,8 @@
 
 OmByteCircuit::OmByteCircuit(OmEventLoop& loop)
     : loop_(loop),
-      readCallback_(std::make_unique<CircuitCallback>(this, &OmByteCircuit::readCB)),
-      writeCallback_(std::make_unique<CircuitCallback>(this, &OmByteCircuit::writeCB)) {}
+      readCallback_(this, &OmByteCircuit::readCB),
+      writeCallback_(this, &OmByteCircuit::writeCB) {}
 
 OmByteCircuit::~OmByteCircuit() {
   if (readWant_ > 0) RemoveReadInterest();
@@ -38,7 +38,7 @@ int OmByteCircuit::Read(void* buf, long len, long& done) {
 int OmByteCircuit::WantRead() {
   if (++readWant_ == 1 && readFile_ != nullptr && readFile_->Fd() >= 0) {
     readFd_ = readFile_->Fd();
-    loop_.AddFileEvent(static_cast<unsigned>(readFd_), true, false, readCallback_.get());
+    loop_.AddFileEvent(static_cast<unsigned>(readFd_), true, false, &readCallback_);
   }
   return readWant_;
 }
@@ -51,7 +51,7 @@ int OmByteCircuit::StopRead() {
 
 void OmByteCircuit::RemoveReadInterest() {
   if (readFd_ < 0) return;
-  loop_.RemoveFileEvent(static_cast<unsigned>(readFd_), true, false, readCallback_.get());
+  loop_.RemoveFileEvent(static_cast<unsigned>(readFd_), true, false, &readCallback_);
   readFd_ = -1;
 }
 
@@ -160,7 +160,7 @@ void OmByteCircuit::Write(const OmByteBuffer& data, bool now) {
   m.remaining = data.Length();
   queue_.Append(std::move(m));
   if (now) {
-    writeCB(writeCallback_.get(), OmEvent::fired);
+    writeCB(&writeCallback_, OmEvent::fired);
   } else {
     AddWriteInterest();
   }
@@ -189,13 +189,13 @@ void OmByteCircuit::StopWrite(bool now) {
   Message m;
   m.type = CloseMarker;
   queue_.Append(std::move(m));
-  if (queue_.Length() == 1) writeCB(writeCallback_.get(), OmEvent::fired);
+  if (queue_.Length() == 1) writeCB(&writeCallback_, OmEvent::fired);
 }
 
 void OmByteCircuit::AddWriteInterest() {
   if (writeRegistered_ || writeFile_ == nullptr || writeFile_->Fd() < 0) return;
   if (loop_.AddFileEvent(static_cast<unsigned>(writeFile_->Fd()), false, true,
-                         writeCallback_.get())) {
+                         &writeCallback_)) {
     writeRegistered_ = true;
     writeFd_ = writeFile_->Fd();
   }
@@ -203,7 +203,7 @@ void OmByteCircuit::AddWriteInterest() {
 
 void OmByteCircuit::RemoveWriteInterest() {
   if (!writeRegistered_) return;
-  loop_.RemoveFileEvent(static_cast<unsigned>(writeFd_), false, true, writeCallback_.get());
+  loop_.RemoveFileEvent(static_cast<unsigned>(writeFd_), false, true, &writeCallback_);
   writeRegistered_ = false;
   writeFd_ = -1;
 }
@@ -228,6 +228,8 @@ void OmByteCircuit::writeCB(OmCallback<OmEvent::cbdispatch>* /*cb*/,
       RemoveWriteInterest();
       writeFile_->Close();
       queue_.RemoveAt(0);
+      // Nothing more can go out: the queue's storage need not stay.
+      if (queue_.IsEmpty()) queue_ = OmDList<Message>();
       WriteStopped();
       continue;
     }
@@ -258,19 +260,21 @@ void OmByteCircuit::writeCB(OmCallback<OmEvent::cbdispatch>* /*cb*/,
 }
 
 OmByteCircuit::Statistics* OmByteCircuit::GetStatistics() {
-  statistics_ = Statistics();
+  if (statistics_ == nullptr) statistics_ = std::make_unique<Statistics>();
+  Statistics& statistics = *statistics_;
+  statistics = Statistics();
   for (const Message& m : queue_) {
     SMessage s;
     s.type = m.type;
     s.length = m.type == Data ? m.remaining : 0;
     if (m.type == Descriptor) s.flag = m.closeAfter;
-    statistics_.messages.push_back(s);
-    statistics_.queuedBytes += s.length;
+    statistics.messages.push_back(s);
+    statistics.queuedBytes += s.length;
   }
-  statistics_.queuedMessages = queue_.Length();
-  statistics_.incomingBytes = incoming_.Length();
-  statistics_.requested = requested_;
-  statistics_.readWant = readWant_;
-  statistics_.writeRegistered = writeRegistered_;
-  return &statistics_;
+  statistics.queuedMessages = queue_.Length();
+  statistics.incomingBytes = incoming_.Length();
+  statistics.requested = requested_;
+  statistics.readWant = readWant_;
+  statistics.writeRegistered = writeRegistered_;
+  return statistics_.get();
 }

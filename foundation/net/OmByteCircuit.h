@@ -115,8 +115,8 @@ class OmByteCircuit {
   OmFile* readFile_ = nullptr;
   OmFile* writeFile_ = nullptr;
   OmEventLoop& loop_;
-  std::unique_ptr<CircuitCallback> readCallback_;
-  std::unique_ptr<CircuitCallback> writeCallback_;
+  CircuitCallback readCallback_;
+  CircuitCallback writeCallback_;
   int readWant_ = 0;
   int readFd_ = -1;   // descriptor the read interest was registered for
   bool writeRegistered_ = false;
@@ -127,7 +127,7 @@ class OmByteCircuit {
   bool receiveFD_ = false;
   unsigned long requested_ = 0;
   unsigned long arrived_ = 0;  // bytes of the outstanding request received so far
-  Statistics statistics_;
+  std::unique_ptr<Statistics> statistics_;  // made by the first GetStatistics
 };
 
 #endif  // QUELM_FOUNDATION_NET_OMBYTECIRCUIT_H_
