@@ -19,7 +19,7 @@ Listener::~Listener() {
   RemoveCallback();
   if (pausedForDescriptors) loop.RemoveTimeoutEvent(resumeTime, &resumeCallback);
   // Withdrawing a pending deletion runs it at once.
-  for (const PendingDelete& pending : std::vector<PendingDelete>(pendingDeletes)) {
+  for (const PendingDelete& pending : std::deque<PendingDelete>(pendingDeletes)) {
     loop.RemoveTimeoutEvent(pending.when, pending.callback);
   }
   for (RequestCircuit* rc : circuits.Snapshot()) delete rc;
@@ -104,7 +104,9 @@ void Listener::resumeCB(OmEventCallback*, OmEvent::cbdispatch reason) {
 }
 
 void Listener::startNewConnection(int fd) {
-  circuits.Append(new RequestCircuit(loop, fd, this));
+  auto* rc = new RequestCircuit(loop, fd, this);
+  circuits.Append(rc);
+  rc->readIfWaiting();
 }
 
 void Listener::DeleteRequestCircuit(RequestCircuit* rc) {

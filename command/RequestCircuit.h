@@ -19,6 +19,10 @@ class RequestCircuit : public OmByteCircuit {
   RequestCircuit(OmEventLoop& loop, int fd, Listener* owner);
   ~RequestCircuit() override;
 
+  // Reads the request at once if it has arrived with the connection, saving
+  // the wait for the next readiness; otherwise readiness brings it as usual.
+  void readIfWaiting();
+
   void ReadAvail(OmByteBuffer& incoming) override;
   void EndOfFile(bool partial) override;
   // A reset connection ends the circuit like an early close.

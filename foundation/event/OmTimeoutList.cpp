@@ -4,9 +4,10 @@
 
 namespace {
 
-// A listed prefix this long is cut off the storage once it is at least half
-// of it; below that it costs less to keep.
-constexpr size_t kCompactAfter = 256;
+// Taken entries are cut off the front of the storage once there are this
+// many and they are a quarter of it: little memory stays unused, and each
+// cut moves at most three listed entries per entry taken.
+constexpr size_t kCompactAfter = 32;
 
 }  // namespace
 
@@ -91,7 +92,7 @@ void OmTimeoutList::RemoveAbsolute(size_t at) {
   if (head_ == items_.size()) {
     items_.clear();
     head_ = 0;
-  } else if (head_ >= kCompactAfter && head_ * 2 >= items_.size()) {
+  } else if (head_ >= kCompactAfter && head_ * 4 >= items_.size()) {
     items_.erase(items_.begin(), items_.begin() + static_cast<long>(head_));
     head_ = 0;
   }
