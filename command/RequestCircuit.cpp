@@ -19,25 +19,23 @@ OmUniString asText(const OmByteBuffer& bytes) {
 }  // namespace
 
 RequestCircuit::RequestCircuit(OmEventLoop& loop, int fd, Listener* owner)
-    : OmByteCircuit(loop),
-      readFile(fd, OmFile::kInetSocket),
-      writeFile(fd, OmFile::kInetSocket),
-      listener(owner) {
+    : OmByteCircuit(loop), files(std::make_unique<Files>(fd)), listener(owner) {
   // The listener accepts connections non-blocking already.
-  SetReadFile(&readFile);
-  SetWriteFile(&writeFile);
+  SetReadFile(&files->readFile);
+  SetWriteFile(&files->writeFile);
   WantRead();
 }
 
 RequestCircuit::~RequestCircuit() {
+  if (files == nullptr) return;
   // Both files hold the one descriptor: close it once.
-  writeFile.Release();
-  readFile.Close();
+  files->writeFile.Release();
+  files->readFile.Close();
 }
 
 void RequestCircuit::readIfWaiting() {
   // Exactly what a readiness would do: the bytes waiting are the first read.
-  const long waiting = readFile.AmountAvailable();
+  const long waiting = files->readFile.AmountAvailable();
   if (waiting <= 0) return;
   ReadMore(static_cast<unsigned long>(waiting));
   readCB(nullptr, OmEvent::fired);
@@ -46,7 +44,7 @@ void RequestCircuit::readIfWaiting() {
 void RequestCircuit::ReadAvail(OmByteBuffer& incoming) {
   if (finished) return;
   if (incoming.IsEmpty()) {
-    const long waiting = readFile.AmountAvailable();
+    const long waiting = files->readFile.AmountAvailable();
     ReadMore(waiting > 0 ? static_cast<unsigned long>(waiting) : 1);
     return;
   }
@@ -81,11 +79,11 @@ void RequestCircuit::DispatchRequest(OmByteBuffer& request) {
   // not keep it.
   ParseCommand parseCommand;
   const OmUniString& reply = parseCommand.doCommand(text);
-  replyBuffer = reply.AsEncoding(OmEncoding::LATIN1);
+  // The write queue keeps what it still needs of these bytes.
+  OmByteBuffer replyBuffer = reply.AsEncoding(OmEncoding::LATIN1);
   // A reply holds protocol text and request bytes only, all below 256, so
   // the document logs exactly as the bytes that are sent.
   sendReply(reply, replyBuffer, true);
-  replyBuffer = OmByteBuffer();  // the write queue keeps what it still needs
 }
 
 void RequestCircuit::SendReply(OmByteBuffer& reply, bool close) {
@@ -123,5 +121,10 @@ void RequestCircuit::ReadError() { finish(); }
 void RequestCircuit::WriteStopped() {
   // The write file closed the shared descriptor; the read file must not
   // close that number again.
-  readFile.Release();
+  files->readFile.Release();
+  if (!finished) return;
+  // Reading stopped before the reply was sent: the files are done with.
+  SetReadFile(nullptr);
+  SetWriteFile(nullptr);
+  files.reset();
 }

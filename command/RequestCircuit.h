@@ -1,6 +1,8 @@
 #ifndef QUELM_COMMAND_REQUESTCIRCUIT_H_
 #define QUELM_COMMAND_REQUESTCIRCUIT_H_
 
+#include <memory>
+
 #include "foundation/net/OmByteCircuit.h"
 #include "foundation/string/OmByteBuffer.h"
 #include "foundation/string/OmFile.h"
@@ -41,11 +43,18 @@ class RequestCircuit : public OmByteCircuit {
   // Logs text, the reply as text, and sends reply.
   void sendReply(const OmUniString& text, OmByteBuffer& reply, bool close);
 
-  OmFile readFile;
-  OmFile writeFile;  // the same descriptor as readFile
+  // The connection's descriptor: the same one in both files. Kept apart
+  // from the circuit so that a finished circuit, which waits a second for
+  // its deletion, gives it up as soon as its reply has gone.
+  struct Files {
+    explicit Files(int fd) : readFile(fd, OmFile::kInetSocket), writeFile(fd, OmFile::kInetSocket) {}
+    OmFile readFile;
+    OmFile writeFile;
+  };
+
+  std::unique_ptr<Files> files;
   Listener* listener;
   OmByteBuffer requestBuffer;
-  OmByteBuffer replyBuffer;
   bool finished = false;
 };
 

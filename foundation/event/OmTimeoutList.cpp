@@ -2,15 +2,6 @@
 
 #include <utility>
 
-namespace {
-
-// Taken entries are cut off the front of the storage once there are this
-// many and they are a quarter of it: little memory stays unused, and each
-// cut moves at most three listed entries per entry taken.
-constexpr size_t kCompactAfter = 32;
-
-}  // namespace
-
 int OmEventTimeout::SortFunction(const OmEventTimeout& other) const {
   if (time.seconds != other.time.seconds) return time.seconds > other.time.seconds ? 1 : -1;
   if (time.microseconds != other.time.microseconds) {
@@ -21,7 +12,7 @@ int OmEventTimeout::SortFunction(const OmEventTimeout& other) const {
 
 size_t OmTimeoutList::LowerBound(const OmTimeVal& when) const {
   const OmEventTimeout probe{nullptr, when};
-  size_t lo = head_;
+  size_t lo = 0;
   size_t hi = items_.size();
   while (lo < hi) {
     const size_t mid = lo + (hi - lo) / 2;
@@ -51,8 +42,8 @@ void OmTimeoutList::Insert(OmEventCallback* cb, const OmTimeVal& when) {
 }
 
 OmEventTimeout OmTimeoutList::TakeFirst() {
-  const OmEventTimeout first = items_[head_].timeout;
-  RemoveAbsolute(head_);
+  const OmEventTimeout first = items_.front().timeout;
+  RemoveAt(0);
   return first;
 }
 
@@ -60,48 +51,41 @@ long OmTimeoutList::Find(const OmTimeVal& when, const OmEventCallback* cb) const
   for (size_t i = LowerBound(when); i < items_.size(); ++i) {
     const OmEventTimeout& t = items_[i].timeout;
     if (t.time.seconds != when.seconds || t.time.microseconds != when.microseconds) break;
-    if (t.callback == cb) return static_cast<long>(i - head_);
+    if (t.callback == cb) return static_cast<long>(i);
   }
   return -1;
 }
 
 bool OmTimeoutList::RemoveSerial(uint64_t serial, size_t hint) {
-  if (hint < Length() && items_[head_ + hint].serial == serial) {
-    RemoveAbsolute(head_ + hint);
+  if (hint < Length() && items_[hint].serial == serial) {
+    RemoveAt(hint);
     return true;
   }
-  for (size_t i = head_; i < items_.size(); ++i) {
+  for (size_t i = 0; i < items_.size(); ++i) {
     if (items_[i].serial == serial) {
-      RemoveAbsolute(i);
+      RemoveAt(i);
       return true;
     }
   }
   return false;
 }
 
-void OmTimeoutList::RemoveAbsolute(size_t at) {
-  const bool left = at > head_ && Same(items_[at - 1], items_[at]);
+void OmTimeoutList::RemoveAt(size_t at) {
+  const bool left = at > 0 && Same(items_[at - 1], items_[at]);
   const bool right = at + 1 < items_.size() && Same(items_[at], items_[at + 1]);
   if (left || right) --ties_;
   ++mods_;
-  if (at != head_) {
+  if (at == 0) {
+    items_.pop_front();
+  } else {
     items_.erase(items_.begin() + static_cast<long>(at));
-    return;
-  }
-  ++head_;
-  if (head_ == items_.size()) {
-    items_.clear();
-    head_ = 0;
-  } else if (head_ >= kCompactAfter && head_ * 4 >= items_.size()) {
-    items_.erase(items_.begin(), items_.begin() + static_cast<long>(head_));
-    head_ = 0;
   }
 }
 
 bool OmTimeoutList::StrictlyAscending(long lo, long hi) const {
   for (long i = lo; i < hi; ++i) {
-    const Item& a = items_[head_ + static_cast<size_t>(i)];
-    const Item& b = items_[head_ + static_cast<size_t>(i) + 1];
+    const Item& a = items_[static_cast<size_t>(i)];
+    const Item& b = items_[static_cast<size_t>(i) + 1];
     if (b.timeout.SortFunction(a.timeout) <= 0) return false;
   }
   return true;
@@ -113,7 +97,7 @@ bool OmTimeoutList::StrictlyAscending(long lo, long hi) const {
 // leave as it is (its order is the only sorted one), so it is skipped; that
 // keeps the cost near linear when few times are shared.
 void OmTimeoutList::QuickSort(long lo, long hi) {
-  auto at = [this](long i) -> Item& { return items_[head_ + static_cast<size_t>(i)]; };
+  auto at = [this](long i) -> Item& { return items_[static_cast<size_t>(i)]; };
   while (hi > lo) {
     if (StrictlyAscending(lo, hi)) return;
     std::swap(at(lo), at((lo + hi) / 2));

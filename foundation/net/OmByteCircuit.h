@@ -119,12 +119,12 @@ class OmByteCircuit {
   CircuitCallback writeCallback_;
   int readWant_ = 0;
   int readFd_ = -1;   // descriptor the read interest was registered for
-  bool writeRegistered_ = false;
   int writeFd_ = -1;  // descriptor the write interest was registered for
+  bool writeRegistered_ = false;
   bool readErrorRecovery_ = false;
+  bool receiveFD_ = false;
   OmDList<Message> queue_;
   OmByteBuffer incoming_;
-  bool receiveFD_ = false;
   unsigned long requested_ = 0;
   unsigned long arrived_ = 0;  // bytes of the outstanding request received so far
   std::unique_ptr<Statistics> statistics_;  // made by the first GetStatistics
