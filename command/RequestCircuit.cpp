@@ -23,6 +23,7 @@ RequestCircuit::RequestCircuit(OmEventLoop& loop, int fd, Listener* owner)
   // The listener accepts connections non-blocking already.
   SetReadFile(&files->readFile);
   SetWriteFile(&files->writeFile);
+  RetireWhenDone();
   WantRead();
 }
 
