@@ -10,6 +10,7 @@
 #include "agent/Settings.h"
 #include "command/Listener.h"
 #include "foundation/event/OmEventLoop.h"
+#include "foundation/log/OmLog.h"
 #include "foundation/process/OmUnixProcess.h"
 #include "hosts/HostListMgr.h"
 #include "hosts/Responder.h"
@@ -28,6 +29,11 @@ void raiseOpenFileLimit() {
     limit.rlim_cur = limit.rlim_max;
     setrlimit(RLIMIT_NOFILE, &limit);
   }
+}
+
+// Before the loop waits: the log lines of the turn go out together.
+void flushLogsCB(OmEventCallback*, OmEvent::cbdispatch) {
+  if (OmLog* log = OmLog::Current()) log->Flush();
 }
 
 }  // namespace
@@ -67,5 +73,8 @@ int probeMain(int argc, char** argv) {
 
   myPidFile = new PidFile(settings.pidDirectory);
 
+  static OmStaticCallback<OmEvent::cbdispatch> flushLogsCallback(&flushLogsCB);
+  OmLog::SetCollecting(true);
+  eventloop.SetBeforeSleep(&flushLogsCallback);
   processExit(eventloop.EnterEventLoop());
 }

@@ -1,5 +1,7 @@
 #include "command/Listener.h"
 
+#include <sys/socket.h>
+
 #include <cerrno>
 
 #include "agent/Messages.h"
@@ -17,7 +19,7 @@ Listener::~Listener() {
   RemoveCallback();
   if (pausedForDescriptors) loop.RemoveTimeoutEvent(resumeTime, &resumeCallback);
   // Withdrawing a pending deletion runs it at once.
-  for (const PendingDelete& pending : std::vector<PendingDelete>(pendingDeletes)) {
+  for (const PendingDelete& pending : std::deque<PendingDelete>(pendingDeletes)) {
     loop.RemoveTimeoutEvent(pending.when, pending.callback);
   }
   for (RequestCircuit* rc : circuits.Snapshot()) delete rc;
@@ -66,7 +68,8 @@ void Listener::RemoveCallback() {
 void Listener::acceptCB(OmEventCallback*, OmEvent::cbdispatch reason) {
   if (reason != OmEvent::fired) return;
   OmSocket connection;
-  if (connection.AcceptFrom(listenFd) != OmStatus::Success) {
+  // Non-blocking and close-on-exec from the start, as the circuit needs it.
+  if (connection.AcceptFrom(socket, SOCK_NONBLOCK | SOCK_CLOEXEC) != OmStatus::Success) {
     const int err = connection.LastError().Errno();
     if (err == EAGAIN || err == EWOULDBLOCK) return;
     if (err == EMFILE || err == ENFILE) {
@@ -91,9 +94,7 @@ void Listener::acceptCB(OmEventCallback*, OmEvent::cbdispatch reason) {
     return;  // closing the socket drops the connection unanswered
   }
   LogNewConnection(peer.AsString(false));
-  const int fd = connection.Release();
-  OmFile::SetCloseOnExec(fd, true);
-  startNewConnection(fd);
+  startNewConnection(connection.Release());
 }
 
 void Listener::resumeCB(OmEventCallback*, OmEvent::cbdispatch reason) {
@@ -103,7 +104,9 @@ void Listener::resumeCB(OmEventCallback*, OmEvent::cbdispatch reason) {
 }
 
 void Listener::startNewConnection(int fd) {
-  circuits.Append(new RequestCircuit(loop, fd, this));
+  auto* rc = new RequestCircuit(loop, fd, this);
+  circuits.Append(rc);
+  rc->readIfWaiting();
 }
 
 void Listener::DeleteRequestCircuit(RequestCircuit* rc) {

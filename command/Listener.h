@@ -2,7 +2,7 @@
 #define QUELM_COMMAND_LISTENER_H_
 
 #include <cstddef>
-#include <vector>
+#include <deque>
 
 #include "foundation/event/OmCallback.h"
 #include "foundation/net/OmSocket.h"
@@ -55,12 +55,13 @@ class Listener {
   OmTimeVal resumeTime;
   OmIList<RequestCircuit> circuits;
   unsigned long removedCount = 0;
-  // Deletions waiting for their second; kept here so they stay owned.
+  // Deletions waiting for their second; kept here so they stay owned. They
+  // fire in about the order they were made, so each is found near the front.
   struct PendingDelete {
     OmTimeVal when;
     OmEventCallback* callback;
   };
-  std::vector<PendingDelete> pendingDeletes;
+  std::deque<PendingDelete> pendingDeletes;
 };
 
 #endif  // QUELM_COMMAND_LISTENER_H_

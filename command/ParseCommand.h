@@ -86,14 +86,6 @@ class ParseCommand {
   ParseCommand(const ParseCommand&) = delete;
   ParseCommand& operator=(const ParseCommand&) = delete;
 
-  // Frees the texts of a reply that has been handed on; the circuit lingers
-  // a second after replying and need not hold them.
-  void releaseReply() {
-    errors.Truncate();
-    reply.Truncate();
-    replyText = OmUniString();
-  }
-
   // Runs the request and returns a complete reply document. The percent
   // escapes of text are undone in place.
   OmUniString& doCommand(OmUniString& text);

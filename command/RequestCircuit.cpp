@@ -4,6 +4,7 @@
 
 #include "agent/Messages.h"
 #include "command/Listener.h"
+#include "command/ParseCommand.h"
 
 const char* const RequestCircuit::BAD_REQUEST_MESSAGE =
     "Message is either too short or too long to be valid";
@@ -18,27 +19,33 @@ OmUniString asText(const OmByteBuffer& bytes) {
 }  // namespace
 
 RequestCircuit::RequestCircuit(OmEventLoop& loop, int fd, Listener* owner)
-    : OmByteCircuit(loop),
-      readFile(fd, OmFile::kInetSocket),
-      writeFile(fd, OmFile::kInetSocket),
-      listener(owner) {
-  SetReadFile(&readFile);
-  SetWriteFile(&writeFile);
-  readFile.SetBlocking(false);
-  writeFile.SetBlocking(false);
+    : OmByteCircuit(loop), files(std::make_unique<Files>(fd)), listener(owner) {
+  // The listener accepts connections non-blocking already.
+  SetReadFile(&files->readFile);
+  SetWriteFile(&files->writeFile);
+  RetireWhenDone();
   WantRead();
 }
 
 RequestCircuit::~RequestCircuit() {
+  if (files == nullptr) return;
   // Both files hold the one descriptor: close it once.
-  writeFile.Release();
-  readFile.Close();
+  files->writeFile.Release();
+  files->readFile.Close();
+}
+
+void RequestCircuit::readIfWaiting() {
+  // Exactly what a readiness would do: the bytes waiting are the first read.
+  const long waiting = files->readFile.AmountAvailable();
+  if (waiting <= 0) return;
+  ReadMore(static_cast<unsigned long>(waiting));
+  readCB(nullptr, OmEvent::fired);
 }
 
 void RequestCircuit::ReadAvail(OmByteBuffer& incoming) {
   if (finished) return;
   if (incoming.IsEmpty()) {
-    const long waiting = readFile.AmountAvailable();
+    const long waiting = files->readFile.AmountAvailable();
     ReadMore(waiting > 0 ? static_cast<unsigned long>(waiting) : 1);
     return;
   }
@@ -69,15 +76,23 @@ void RequestCircuit::reject() {
 
 void RequestCircuit::DispatchRequest(OmByteBuffer& request) {
   OmUniString text = asText(request);
+  // One command per circuit; the circuit outlives it by a second and need
+  // not keep it.
+  ParseCommand parseCommand;
   const OmUniString& reply = parseCommand.doCommand(text);
-  replyBuffer = reply.AsEncoding(OmEncoding::LATIN1);
-  parseCommand.releaseReply();
-  SendReply(replyBuffer, true);
-  replyBuffer = OmByteBuffer();  // the write queue keeps what it still needs
+  // The write queue keeps what it still needs of these bytes.
+  OmByteBuffer replyBuffer = reply.AsEncoding(OmEncoding::LATIN1);
+  // A reply holds protocol text and request bytes only, all below 256, so
+  // the document logs exactly as the bytes that are sent.
+  sendReply(reply, replyBuffer, true);
 }
 
 void RequestCircuit::SendReply(OmByteBuffer& reply, bool close) {
-  LogResponseText(asText(reply));
+  sendReply(asText(reply), reply, close);
+}
+
+void RequestCircuit::sendReply(const OmUniString& text, OmByteBuffer& reply, bool close) {
+  LogResponseText(text);
   Write(reply, true);
   if (!close) return;
   finish();
@@ -96,6 +111,7 @@ void RequestCircuit::finish() {
   finished = true;
   while (StopRead() > 0) {
   }
+  requestBuffer = OmByteBuffer();
   listener->DeleteRequestCircuit(this);
 }
 
@@ -106,5 +122,10 @@ void RequestCircuit::ReadError() { finish(); }
 void RequestCircuit::WriteStopped() {
   // The write file closed the shared descriptor; the read file must not
   // close that number again.
-  readFile.Release();
+  files->readFile.Release();
+  if (!finished) return;
+  // Reading stopped before the reply was sent: the files are done with.
+  SetReadFile(nullptr);
+  SetWriteFile(nullptr);
+  files.reset();
 }

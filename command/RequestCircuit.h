@@ -1,7 +1,8 @@
 #ifndef QUELM_COMMAND_REQUESTCIRCUIT_H_
 #define QUELM_COMMAND_REQUESTCIRCUIT_H_
 
-#include "command/ParseCommand.h"
+#include <memory>
+
 #include "foundation/net/OmByteCircuit.h"
 #include "foundation/string/OmByteBuffer.h"
 #include "foundation/string/OmFile.h"
@@ -16,8 +17,13 @@ class RequestCircuit : public OmByteCircuit {
   static constexpr unsigned long MINREQUESTSIZE = 10;  // this many bytes or fewer is too short
   static const char* const BAD_REQUEST_MESSAGE;
 
+  // fd: an accepted connection, already non-blocking and close-on-exec.
   RequestCircuit(OmEventLoop& loop, int fd, Listener* owner);
   ~RequestCircuit() override;
+
+  // Reads the request at once if it has arrived with the connection, saving
+  // the wait for the next readiness; otherwise readiness brings it as usual.
+  void readIfWaiting();
 
   void ReadAvail(OmByteBuffer& incoming) override;
   void EndOfFile(bool partial) override;
@@ -34,13 +40,21 @@ class RequestCircuit : public OmByteCircuit {
  private:
   void reject();
   void finish();
+  // Logs text, the reply as text, and sends reply.
+  void sendReply(const OmUniString& text, OmByteBuffer& reply, bool close);
 
-  OmFile readFile;
-  OmFile writeFile;  // the same descriptor as readFile
+  // The connection's descriptor: the same one in both files. Kept apart
+  // from the circuit so that a finished circuit, which waits a second for
+  // its deletion, gives it up as soon as its reply has gone.
+  struct Files {
+    explicit Files(int fd) : readFile(fd, OmFile::kInetSocket), writeFile(fd, OmFile::kInetSocket) {}
+    OmFile readFile;
+    OmFile writeFile;
+  };
+
+  std::unique_ptr<Files> files;
   Listener* listener;
   OmByteBuffer requestBuffer;
-  OmByteBuffer replyBuffer;
-  ParseCommand parseCommand;
   bool finished = false;
 };
 

@@ -25,13 +25,6 @@ constexpr size_t kPollGrowth = 100;
 
 }  // namespace
 
-int OmEventTimeout::SortFunction(const OmEventTimeout& other) const {
-  if (time.seconds != other.time.seconds) return time.seconds > other.time.seconds ? 1 : -1;
-  if (time.microseconds != other.time.microseconds) {
-    return time.microseconds > other.time.microseconds ? 1 : -1;
-  }
-  return 0;
-}
 
 OmEventLoop::OmEventLoop(OmUnixProcess* process)
     : process_(process), pollCapacity_(kInitialPollCapacity) {
@@ -43,7 +36,6 @@ OmEventLoop::~OmEventLoop() {
   std::free(pollList_);
   for (size_t i = 0; i < readCallbacks_.Size(); ++i) delete readCallbacks_.Get(i);
   for (size_t i = 0; i < writeCallbacks_.Size(); ++i) delete writeCallbacks_.Get(i);
-  for (OmEventTimeout* t : timeouts_) delete t;
 }
 
 bool OmEventLoop::AddFileEvent(unsigned fd, bool read, bool write, OmEventCallback* cb) {
@@ -110,28 +102,25 @@ bool OmEventLoop::RemoveFileEvent(unsigned fd, bool read, bool write, OmEventCal
 }
 
 bool OmEventLoop::AddTimeoutEvent(const OmTimeVal& when, OmEventCallback* cb) {
-  timeouts_.Insert(new OmEventTimeout{cb, when});
+  timeouts_.Insert(cb, when);
   return true;
 }
 
 bool OmEventLoop::RemoveTimeoutEvent(const OmTimeVal& when, OmEventCallback* cb) {
-  for (size_t i = 0; i < timeouts_.Length(); ++i) {
-    OmEventTimeout* t = timeouts_[i];
-    if (t->time.seconds != when.seconds || t->time.microseconds != when.microseconds ||
-        t->callback != cb) {
-      continue;
-    }
-    // The owner hears of the withdrawal while the entry is still listed.
-    if (cb != nullptr) cb->Dispatch(OmEvent::removed);
-    if (timeouts_.Remove(t)) delete t;
-    return true;
-  }
-  return false;
+  const long i = timeouts_.Find(when, cb);
+  if (i < 0) return false;
+  // The owner hears of the withdrawal while the entry is still listed; its
+  // handler may add or remove timeouts meanwhile, so the entry is taken out
+  // by its token rather than its position.
+  const uint64_t serial = timeouts_.Serial(static_cast<size_t>(i));
+  if (cb != nullptr) cb->Dispatch(OmEvent::removed);
+  timeouts_.RemoveSerial(serial, static_cast<size_t>(i));
+  return true;
 }
 
 bool OmEventLoop::HasTimeout(const OmEventCallback* cb) const {
-  for (const OmEventTimeout* t : timeouts_) {
-    if (t->callback == cb) return true;
+  for (size_t i = 0; i < timeouts_.Length(); ++i) {
+    if (timeouts_[i].callback == cb) return true;
   }
   return false;
 }
@@ -149,10 +138,9 @@ void OmEventLoop::ExitEventLoop(int value) {
   running_ = false;
 }
 
-int OmEventLoop::WaitMilliseconds() const {
+int OmEventLoop::WaitMilliseconds(const OmTimeVal& now) const {
   if (timeouts_.IsEmpty()) return -1;
-  const OmTimeVal& due = timeouts_[0]->time;
-  const OmTimeVal now = OmTimeVal::now();
+  const OmTimeVal& due = timeouts_[0].time;
   if (due.seconds < now.seconds ||
       (due.seconds == now.seconds && due.microseconds <= now.microseconds)) {
     return 0;
@@ -170,7 +158,9 @@ int OmEventLoop::WaitMilliseconds() const {
 void OmEventLoop::RunOneTurn() {
   if (process_ != nullptr && process_->ProcessSignals()) return;
 
-  const int wait = WaitMilliseconds();
+  if (beforeSleep_ != nullptr) beforeSleep_->Dispatch(OmEvent::fired);
+  const OmTimeVal start = timeouts_.IsEmpty() ? OmTimeVal() : OmTimeVal::now();
+  const int wait = WaitMilliseconds(start);
   pollfd& wake = pollList_[0];
   wake.fd = process_ != nullptr ? process_->SignalWakeFd() : -1;
   wake.events = POLLIN;
@@ -190,15 +180,18 @@ void OmEventLoop::RunOneTurn() {
   }
   if (wake.revents != 0 && process_ != nullptr) process_->DrainSignalWake();
   DispatchReady();
+  // A timeout that was due when the turn began fires in this turn, after the
+  // ready descriptors had their pass: descriptors that are ready in every
+  // turn must not starve the timers. Still one per turn.
+  if (wait == 0 && !timeouts_.IsEmpty() && WaitMilliseconds(start) == 0) FireFirstTimeout();
 }
 
 void OmEventLoop::FireFirstTimeout() {
   if (timeouts_.IsEmpty()) return;
   // Out of the list before dispatch, so a callback that re-arms itself is not
   // fired twice in one turn.
-  std::unique_ptr<OmEventTimeout> entry(timeouts_[0]);
-  timeouts_.RemoveAt(0);
-  if (entry->callback != nullptr) entry->callback->Dispatch(OmEvent::fired);
+  const OmEventTimeout entry = timeouts_.TakeFirst();
+  if (entry.callback != nullptr) entry.callback->Dispatch(OmEvent::fired);
 }
 
 void OmEventLoop::ReportPollFailure(int err, int wait) {

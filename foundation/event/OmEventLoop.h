@@ -6,17 +6,11 @@
 #include <memory>
 
 #include "foundation/event/OmCallback.h"
+#include "foundation/event/OmTimeoutList.h"
 #include "foundation/string/OmContainers.h"
 #include "foundation/string/OmTimeVal.h"
 
 class OmUnixProcess;
-
-// One pending one-shot timeout at an absolute time.
-struct OmEventTimeout {
-  OmEventCallback* callback;
-  OmTimeVal time;
-  int SortFunction(const OmEventTimeout& other) const;
-};
 
 class OmEventLoopBase {
  public:
@@ -51,9 +45,15 @@ class OmEventLoop : public OmEventLoopBase {
   void OpenDevPoll() {}
   void CloseDevPoll() {}
 
-  // One turn of the loop (signals, then one timeout or the ready descriptors).
+  // One turn of the loop: signals; then the ready descriptors, and one
+  // timeout if one was due when the turn began (or the wait ran out).
   // EnterEventLoop repeats it; tests may drive the loop with it directly.
   void RunOneTurn();
+
+  // Dispatched (with fired) before every wait in poll, after the turn's work:
+  // the place for work collected during a turn, such as log output. Not owned;
+  // null removes it.
+  void SetBeforeSleep(OmEventCallback* cb) { beforeSleep_ = cb; }
 
   // Introspection for tests and diagnostics.
   size_t TimeoutCount() const { return timeouts_.Length(); }
@@ -69,7 +69,7 @@ class OmEventLoop : public OmEventLoopBase {
   // Entry 0 of pollList_ is the process's signal wake pipe; the registered
   // descriptors follow it, so PollList()[i] is pollList_[i + 1].
   pollfd& Entry(size_t i) { return pollList_[i + 1]; }
-  int WaitMilliseconds() const;
+  int WaitMilliseconds(const OmTimeVal& now) const;
   void FireFirstTimeout();
   void ReportPollFailure(int err, int wait);
   void DispatchReady();
@@ -78,12 +78,13 @@ class OmEventLoop : public OmEventLoopBase {
   int exitValue_ = 0;
   bool running_ = false;
   OmUnixProcess* process_;
-  OmISortedList<OmEventTimeout> timeouts_;
+  OmTimeoutList timeouts_;
   OmISparseArray<FileRecord> readCallbacks_;
   OmISparseArray<FileRecord> writeCallbacks_;
   pollfd* pollList_ = nullptr;
   size_t pollCapacity_ = 0;
   size_t pollCount_ = 0;
+  OmEventCallback* beforeSleep_ = nullptr;
 };
 
 #endif  // QUELM_FOUNDATION_EVENT_OMEVENTLOOP_H_

@@ -1,11 +1,14 @@
 #include "foundation/log/OmLog.h"
 
 #include <fcntl.h>
+#include <pthread.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <ctime>
 #include <memory>
 #include <string>
@@ -31,6 +34,7 @@ struct CsLogFile {
   OmUniString pattern;
   Kind kind = kPlain;
   std::unique_ptr<FILE, FileCloser> stream;
+  std::string pending;  // lines collected for one write (files only)
 
   FILE* Stream() const { return kind == kStdErr ? stderr : stream.get(); }
 };
@@ -41,7 +45,10 @@ using CsLogAction = std::vector<CsLogFile*>;
 struct LogState {
   OmUniString procinfo;
   OmUniString logdir;
-  int mypid = 0;  // 0: the real process id
+  int mypid = 0;    // 0: the real process id
+  int realpid = 0;  // getpid(), asked once per process
+  bool collecting = false;
+  int collector = 0;  // the process whose lines are collected
   std::vector<std::unique_ptr<CsLogFile>> csfiles;
   std::vector<CsLogAction> cslookup;
   unsigned long counter = 0;
@@ -53,10 +60,58 @@ struct LogState {
 
 // Built on first use so loggers constructed before main can log, and never
 // destroyed so that messages from other static destructors are still safe.
-// Streams are flushed after every line, so nothing is lost at exit.
+// Lines are written at once or, while collecting, by Flush and at exit, so
+// nothing is lost when the process ends.
 LogState& State() {
   static LogState* state = new LogState;
   return *state;
+}
+
+void ForgetPidInChild() { State().realpid = 0; }
+
+// Every line carries the process id: ask the system once, and again after a fork.
+int RealPid() {
+  LogState& st = State();
+  if (st.realpid == 0) {
+    static const bool watched = pthread_atfork(nullptr, nullptr, ForgetPidInChild) == 0;
+    const int pid = static_cast<int>(getpid());
+    if (!watched) return pid;
+    st.realpid = pid;
+  }
+  return st.realpid;
+}
+
+// Writes the collected lines of one file. A child process that inherited
+// them from its parent drops them: they are the parent's to write.
+void WritePending(CsLogFile& file) {
+  if (file.pending.empty()) return;
+  FILE* out = file.Stream();
+  if (out != nullptr && State().collector == RealPid()) {
+    const int fd = fileno(out);
+    const char* p = file.pending.data();
+    size_t left = file.pending.size();
+    while (left > 0) {
+      const ssize_t n = ::write(fd, p, left);
+      if (n < 0 && errno == EINTR) continue;
+      if (n <= 0) break;
+      p += n;
+      left -= static_cast<size_t>(n);
+    }
+  }
+  file.pending.clear();
+  // A burst need not keep its memory for good.
+  if (file.pending.capacity() > (256u << 10)) file.pending.shrink_to_fit();
+}
+
+void WriteAllPending() {
+  for (const auto& f : State().csfiles) WritePending(*f);
+}
+
+
+// At exit nothing may stay behind; anything logged later goes out at once.
+void WritePendingAtExit() {
+  State().collecting = false;
+  WriteAllPending();
 }
 
 OmUniString ResolvedPath(const OmUniString& pattern) {
@@ -70,6 +125,7 @@ OmUniString ResolvedPath(const OmUniString& pattern) {
 
 bool OpenFile(CsLogFile& file) {
   if (file.kind == CsLogFile::kStdErr) return true;
+  WritePending(file);
   file.stream.reset();
   std::string path = ResolvedPath(file.pattern).AsUtf8();
   FILE* f = fopen(path.c_str(), "a");
@@ -144,6 +200,7 @@ void OmLog::InitLogs(OmLog* logger, const OmUniString& directory) {
 bool OmLog::SetupCSFilters(const std::vector<OmUniString>& clauses) {
   LogState& st = State();
   st.cslookup.assign(NumLogs(), CsLogAction());
+  WriteAllPending();
   st.csfiles.clear();
 
   const char* const* categories = MessageStrings();
@@ -235,6 +292,10 @@ void OmLog::CserverLog(unsigned n, const OmUniString& text) {
       }
       line = &plain;
     }
+    if (st.collecting && file->kind != CsLogFile::kStdErr) {
+      file->pending += *line;
+      continue;
+    }
     fwrite(line->data(), 1, line->size(), out);
     fflush(out);
   }
@@ -242,8 +303,17 @@ void OmLog::CserverLog(unsigned n, const OmUniString& text) {
 
 void OmLog::Flush() {
   for (const auto& f : State().csfiles) {
+    WritePending(*f);
     if (FILE* out = f->Stream()) fflush(out);
   }
+}
+
+void OmLog::SetCollecting(bool on) {
+  LogState& st = State();
+  if (!on) WriteAllPending();
+  static const bool registered = std::atexit(WritePendingAtExit) == 0;
+  st.collecting = on && registered;
+  st.collector = RealPid();
 }
 
 bool OmLog::ReOpen() {
@@ -257,7 +327,10 @@ bool OmLog::ReOpen() {
 void OmLog::HaveForked() {
   // Files are named with the process id when opened, so the next ReOpen or
   // set-up in the child picks up its own id.
-  for (const auto& f : State().csfiles) f->stream.reset();
+  for (const auto& f : State().csfiles) {
+    WritePending(*f);
+    f->stream.reset();
+  }
 }
 
 const char* OmLog::GetStdErrStr() { return kStdErrDestination; }
@@ -265,8 +338,8 @@ const char* OmLog::GetStdErrStr() { return kStdErrDestination; }
 void OmLog::SetPid(int pid) { State().mypid = pid; }
 
 int OmLog::Pid() {
-  int pid = State().mypid;
-  return pid != 0 ? pid : static_cast<int>(getpid());
+  const int pid = State().mypid;
+  return pid != 0 ? pid : RealPid();
 }
 
 const OmUniString& OmLog::LogDirectory() { return State().logdir; }

@@ -35,7 +35,13 @@ class OmLog {
   bool CsGen(unsigned n) const;
   // Counts the message and writes it to every destination of n.
   void CserverLog(unsigned n, const OmUniString& text);
+  // Writes what has been collected (one write per file) and flushes every stream.
   void Flush();
+  // While on, the lines for log files are collected in memory and written
+  // by Flush(), each file's in one system call; standard error is still
+  // written at once. The owner must call Flush() before the process waits.
+  // What is still collected at exit is written then.
+  static void SetCollecting(bool on);
   bool ReOpen();
   void HaveForked();
 

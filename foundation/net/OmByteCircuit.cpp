@@ -7,16 +7,15 @@
 #include "foundation/event/OmEventLoop.h"
 
 OmByteCircuit::OmByteCircuit(OmEventLoop& loop)
-    : loop_(loop),
-      readCallback_(std::make_unique<CircuitCallback>(this, &OmByteCircuit::readCB)),
-      writeCallback_(std::make_unique<CircuitCallback>(this, &OmByteCircuit::writeCB)) {}
+    : loop_(loop), t_(std::make_unique<Transfer>(this)) {}
 
 OmByteCircuit::~OmByteCircuit() {
   if (readWant_ > 0) RemoveReadInterest();
   RemoveWriteInterest();
+  if (t_ == nullptr) return;
   // A descriptor handed over with close-after-send belongs to the circuit
   // until it has been sent.
-  for (const Message& m : queue_) {
+  for (const Message& m : t_->queue) {
     if (m.type == Descriptor && m.closeAfter) ::close(m.fd);
   }
 }
@@ -38,7 +37,7 @@ int OmByteCircuit::Read(void* buf, long len, long& done) {
 int OmByteCircuit::WantRead() {
   if (++readWant_ == 1 && readFile_ != nullptr && readFile_->Fd() >= 0) {
     readFd_ = readFile_->Fd();
-    loop_.AddFileEvent(static_cast<unsigned>(readFd_), true, false, readCallback_.get());
+    loop_.AddFileEvent(static_cast<unsigned>(readFd_), true, false, &t_->readCallback);
   }
   return readWant_;
 }
@@ -51,54 +50,71 @@ int OmByteCircuit::StopRead() {
 
 void OmByteCircuit::RemoveReadInterest() {
   if (readFd_ < 0) return;
-  loop_.RemoveFileEvent(static_cast<unsigned>(readFd_), true, false, readCallback_.get());
+  // The loop does not compare the callback when withdrawing.
+  loop_.RemoveFileEvent(static_cast<unsigned>(readFd_), true, false, nullptr);
   readFd_ = -1;
 }
 
 void OmByteCircuit::ReadMore(unsigned long n) {
-  incoming_.Reserve(incoming_.Length() + requested_ + n);
-  requested_ += n;
+  t_->incoming.Reserve(t_->incoming.Length() + t_->requested + n);
+  t_->requested += n;
 }
 
 OmByteBuffer OmByteCircuit::TakeIncoming() {
-  OmByteBuffer taken(std::move(incoming_));
-  incoming_ = OmByteBuffer();
-  requested_ = 0;
-  arrived_ = 0;
+  OmByteBuffer taken(std::move(t_->incoming));
+  t_->incoming = OmByteBuffer();
+  t_->requested = 0;
+  t_->arrived = 0;
   return taken;
 }
 
 void OmByteCircuit::readCB(OmCallback<OmEvent::cbdispatch>* /*cb*/,
                            OmEvent::cbdispatch /*reason*/) {
+  if (t_ == nullptr) return;
+  ++handlerDepth_;
+  ReadPass();
+  LeaveHandler();
+}
+
+void OmByteCircuit::LeaveHandler() {
+  if (--handlerDepth_ > 0 || !retireWhenDone_ || t_ == nullptr) return;
+  if (readWant_ == 0 && writeClosed_ && !writeRegistered_ && t_->queue.IsEmpty()) {
+    // Also ends the callback that may be dispatching this very handler;
+    // nothing of it is used once the handler returns.
+    t_.reset();
+  }
+}
+
+void OmByteCircuit::ReadPass() {
   for (;;) {
     if (receiveFD_ && !ReceiveDescriptor()) return;
 
-    if (requested_ == 0) {
-      ReadAvail(incoming_);
-      if (requested_ == 0) return;
+    if (t_->requested == 0) {
+      ReadAvail(t_->incoming);
+      if (t_->requested == 0) return;
     }
 
-    const unsigned long have = incoming_.Length();
-    incoming_.Reserve(have + requested_);
-    unsigned char* space = incoming_.MutableData() + have;
+    const unsigned long have = t_->incoming.Length();
+    t_->incoming.Reserve(have + t_->requested);
+    unsigned char* space = t_->incoming.MutableData() + have;
     long done = 0;
-    switch (Read(space, static_cast<long>(requested_), done)) {
+    switch (Read(space, static_cast<long>(t_->requested), done)) {
       case OmFile::ioPartial:
         if (done > 0) {
           const unsigned long got = static_cast<unsigned long>(done);
-          incoming_.SetLength(have + got);
-          requested_ -= got;
-          arrived_ += got;
+          t_->incoming.SetLength(have + got);
+          t_->requested -= got;
+          t_->arrived += got;
         }
         return;
       case OmFile::ioComplete:
         // All requested bytes are in: go round again to hand them over.
-        incoming_.SetLength(have + requested_);
-        requested_ = 0;
-        arrived_ = 0;
+        t_->incoming.SetLength(have + t_->requested);
+        t_->requested = 0;
+        t_->arrived = 0;
         break;
       case OmFile::ioEndOfFile:
-        EndOfFile(arrived_ != 0);
+        EndOfFile(t_->arrived != 0);
         return;
       default:
         ReadError();
@@ -145,7 +161,7 @@ void OmByteCircuit::RecoverFromReadError() {
       ::close(info.fd);
       break;
     case OmFile::ioEndOfFile:
-      EndOfFile(arrived_ != 0);
+      EndOfFile(t_->arrived != 0);
       break;
     default:
       break;
@@ -158,9 +174,9 @@ void OmByteCircuit::Write(const OmByteBuffer& data, bool now) {
   m.type = Data;
   m.buffer = data;
   m.remaining = data.Length();
-  queue_.Append(std::move(m));
+  t_->queue.Append(std::move(m));
   if (now) {
-    writeCB(writeCallback_.get(), OmEvent::fired);
+    writeCB(&t_->writeCallback, OmEvent::fired);
   } else {
     AddWriteInterest();
   }
@@ -171,7 +187,7 @@ void OmByteCircuit::SendFileDescriptor(int fd, bool closeAfter) {
   m.type = Descriptor;
   m.fd = fd;
   m.closeAfter = closeAfter;
-  queue_.Append(std::move(m));
+  t_->queue.Append(std::move(m));
   AddWriteInterest();
 }
 
@@ -179,23 +195,23 @@ void OmByteCircuit::WantWrite() { AddWriteInterest(); }
 
 void OmByteCircuit::StopWrite(bool now) {
   if (now) {
-    for (const Message& m : queue_) {
+    for (const Message& m : t_->queue) {
       if (m.type == Descriptor && m.closeAfter) ::close(m.fd);
     }
-    queue_.Clear();
+    t_->queue.Clear();
     RemoveWriteInterest();
     return;
   }
   Message m;
   m.type = CloseMarker;
-  queue_.Append(std::move(m));
-  if (queue_.Length() == 1) writeCB(writeCallback_.get(), OmEvent::fired);
+  t_->queue.Append(std::move(m));
+  if (t_->queue.Length() == 1) writeCB(&t_->writeCallback, OmEvent::fired);
 }
 
 void OmByteCircuit::AddWriteInterest() {
   if (writeRegistered_ || writeFile_ == nullptr || writeFile_->Fd() < 0) return;
   if (loop_.AddFileEvent(static_cast<unsigned>(writeFile_->Fd()), false, true,
-                         writeCallback_.get())) {
+                         &t_->writeCallback)) {
     writeRegistered_ = true;
     writeFd_ = writeFile_->Fd();
   }
@@ -203,15 +219,22 @@ void OmByteCircuit::AddWriteInterest() {
 
 void OmByteCircuit::RemoveWriteInterest() {
   if (!writeRegistered_) return;
-  loop_.RemoveFileEvent(static_cast<unsigned>(writeFd_), false, true, writeCallback_.get());
+  loop_.RemoveFileEvent(static_cast<unsigned>(writeFd_), false, true, nullptr);
   writeRegistered_ = false;
   writeFd_ = -1;
 }
 
 void OmByteCircuit::writeCB(OmCallback<OmEvent::cbdispatch>* /*cb*/,
                             OmEvent::cbdispatch /*reason*/) {
+  if (t_ == nullptr) return;
+  ++handlerDepth_;
+  WritePass();
+  LeaveHandler();
+}
+
+void OmByteCircuit::WritePass() {
   if (WriteAvail()) return;
-  if (queue_.IsEmpty()) {
+  if (t_->queue.IsEmpty()) {
     if (writeRegistered_) StopWrite(true);
     return;
   }
@@ -220,14 +243,15 @@ void OmByteCircuit::writeCB(OmCallback<OmEvent::cbdispatch>* /*cb*/,
     return;
   }
 
-  while (!queue_.IsEmpty()) {
-    Message& m = queue_.First();
+  while (!t_->queue.IsEmpty()) {
+    Message& m = t_->queue.First();
     long done = 0;
     int result = OmFile::ioError;
     if (m.type == CloseMarker) {
       RemoveWriteInterest();
       writeFile_->Close();
-      queue_.RemoveAt(0);
+      writeClosed_ = true;
+      t_->queue.RemoveAt(0);
       WriteStopped();
       continue;
     }
@@ -252,25 +276,27 @@ void OmByteCircuit::writeCB(OmCallback<OmEvent::cbdispatch>* /*cb*/,
       return;
     }
     if (m.type == Descriptor && m.closeAfter) ::close(m.fd);
-    queue_.RemoveAt(0);
+    t_->queue.RemoveAt(0);
   }
   RemoveWriteInterest();
 }
 
 OmByteCircuit::Statistics* OmByteCircuit::GetStatistics() {
-  statistics_ = Statistics();
-  for (const Message& m : queue_) {
+  if (t_->statistics == nullptr) t_->statistics = std::make_unique<Statistics>();
+  Statistics& statistics = *t_->statistics;
+  statistics = Statistics();
+  for (const Message& m : t_->queue) {
     SMessage s;
     s.type = m.type;
     s.length = m.type == Data ? m.remaining : 0;
     if (m.type == Descriptor) s.flag = m.closeAfter;
-    statistics_.messages.push_back(s);
-    statistics_.queuedBytes += s.length;
+    statistics.messages.push_back(s);
+    statistics.queuedBytes += s.length;
   }
-  statistics_.queuedMessages = queue_.Length();
-  statistics_.incomingBytes = incoming_.Length();
-  statistics_.requested = requested_;
-  statistics_.readWant = readWant_;
-  statistics_.writeRegistered = writeRegistered_;
-  return &statistics_;
+  statistics.queuedMessages = t_->queue.Length();
+  statistics.incomingBytes = t_->incoming.Length();
+  statistics.requested = t_->requested;
+  statistics.readWant = readWant_;
+  statistics.writeRegistered = writeRegistered_;
+  return t_->statistics.get();
 }

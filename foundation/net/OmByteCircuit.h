@@ -87,8 +87,8 @@ class OmByteCircuit {
   Statistics* GetStatistics();
 
   int ReadWantCount() const { return readWant_; }
-  unsigned long Requested() const { return requested_; }
-  size_t QueuedMessages() const { return queue_.Length(); }
+  unsigned long Requested() const { return t_ != nullptr ? t_->requested : 0; }
+  size_t QueuedMessages() const { return t_ != nullptr ? t_->queue.Length() : 0; }
   bool IsWriteRegistered() const { return writeRegistered_; }
   bool InReadErrorRecovery() const { return readErrorRecovery_; }
 
@@ -99,12 +99,36 @@ class OmByteCircuit {
   OmFile* WriteFile() const { return writeFile_; }
   OmEventLoop& Loop() const { return loop_; }
 
+  // Once nothing is wanted to read and the write file has been closed after
+  // everything queued, the circuit frees what reading and writing need, at
+  // the end of the handler that finished it. A circuit that waits a while
+  // for its deletion then keeps only its own members; it must not be used
+  // again except to be destroyed.
+  void RetireWhenDone() { retireWhenDone_ = true; }
+
   void readCB(OmCallback<OmEvent::cbdispatch>* cb, OmEvent::cbdispatch reason);
   void writeCB(OmCallback<OmEvent::cbdispatch>* cb, OmEvent::cbdispatch reason);
 
  private:
   using CircuitCallback = OmSimpleCallback<OmEvent::cbdispatch, OmByteCircuit>;
 
+  // What reading and writing need while the circuit is in use.
+  struct Transfer {
+    explicit Transfer(OmByteCircuit* c)
+        : readCallback(c, &OmByteCircuit::readCB), writeCallback(c, &OmByteCircuit::writeCB) {}
+    CircuitCallback readCallback;
+    CircuitCallback writeCallback;
+    OmDList<Message> queue;
+    OmByteBuffer incoming;
+    unsigned long requested = 0;
+    unsigned long arrived = 0;  // bytes of the outstanding request received so far
+    std::unique_ptr<Statistics> statistics;  // made by the first GetStatistics
+  };
+
+  void ReadPass();
+  void WritePass();
+  // Ends a handler; the outermost one retires a circuit that is done.
+  void LeaveHandler();
   // Returns false when the read handler should stop here.
   bool ReceiveDescriptor();
   void RecoverFromReadError();
@@ -115,19 +139,16 @@ class OmByteCircuit {
   OmFile* readFile_ = nullptr;
   OmFile* writeFile_ = nullptr;
   OmEventLoop& loop_;
-  std::unique_ptr<CircuitCallback> readCallback_;
-  std::unique_ptr<CircuitCallback> writeCallback_;
+  std::unique_ptr<Transfer> t_;  // null once retired
   int readWant_ = 0;
   int readFd_ = -1;   // descriptor the read interest was registered for
-  bool writeRegistered_ = false;
   int writeFd_ = -1;  // descriptor the write interest was registered for
+  int handlerDepth_ = 0;
+  bool writeRegistered_ = false;
   bool readErrorRecovery_ = false;
-  OmDList<Message> queue_;
-  OmByteBuffer incoming_;
   bool receiveFD_ = false;
-  unsigned long requested_ = 0;
-  unsigned long arrived_ = 0;  // bytes of the outstanding request received so far
-  Statistics statistics_;
+  bool writeClosed_ = false;
+  bool retireWhenDone_ = false;
 };
 
 #endif  // QUELM_FOUNDATION_NET_OMBYTECIRCUIT_H_

@@ -102,6 +102,19 @@ bool OmSocket::Listen(unsigned backlog) {
   return true;
 }
 
+OmStatus::Value OmSocket::AcceptFrom(const OmSocket& listening, int flags) {
+  if (fd_ >= 0) Close();
+  fd_ = ::accept4(listening.Fd(), nullptr, nullptr, flags);
+  if (fd_ < 0) {
+    OmOSStream args;
+    args << listening.Fd() << ",0,0";
+    Record(errno, "accept", args.Str());
+    return OmStatus::Failure;
+  }
+  kind_ = listening.GetKind();
+  return OmStatus::Success;
+}
+
 OmStatus::Value OmSocket::AcceptFrom(int fd) {
   if (fd_ >= 0) Close();
   fd_ = ::accept(fd, nullptr, nullptr);

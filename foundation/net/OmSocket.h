@@ -29,6 +29,10 @@ class OmSocket : public OmFile {
   bool Listen(unsigned backlog);
   // Takes the next connection waiting on the listening descriptor fd.
   OmStatus::Value AcceptFrom(int fd);
+  // The same from a listening socket of this library, whose kind the new
+  // connection shares; flags as for accept4 (SOCK_NONBLOCK, SOCK_CLOEXEC)
+  // set its state in the same call.
+  OmStatus::Value AcceptFrom(const OmSocket& listening, int flags);
   // Creates a stream socket first when there is none. A non-blocking connect
   // that is under way fails with EINPROGRESS; ConnectionComplete follows it up.
   bool Connect(const OmSocketAddress& addr);

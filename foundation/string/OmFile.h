@@ -68,8 +68,8 @@ class OmFile {
   int TransferResult(long n, long len, long& done, bool reading);
 
   int fd_ = -1;
+  Kind kind_ = kFile;  // beside fd_: no padding in every connection's two files
   OmUnixError error_;
-  Kind kind_ = kFile;
 };
 
 #endif  // QUELM_FOUNDATION_STRING_OMFILE_H_
