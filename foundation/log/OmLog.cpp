@@ -107,7 +107,6 @@ void WriteAllPending() {
   for (const auto& f : State().csfiles) WritePending(*f);
 }
 
-
 // At exit nothing may stay behind; anything logged later goes out at once.
 void WritePendingAtExit() {
   State().collecting = false;
