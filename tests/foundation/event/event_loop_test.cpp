@@ -51,23 +51,6 @@ class EventLoopTest : public ::testing::Test {
   std::vector<int> fds_;
 };
 
-TEST_F(EventLoopTest, TimeoutsFireEarliestFirstOnePerTurn) {
-  Probe a("a", &log_), b("b", &log_), c("c", &log_), twin("twin", &log_);
-  loop_.AddTimeoutEvent(kStart.PlusSeconds(3), &c);
-  loop_.AddTimeoutEvent(OmTimeVal(kStart.seconds + 1, 999999), &b);
-  loop_.AddTimeoutEvent(kStart.PlusSeconds(1), &a);
-  loop_.AddTimeoutEvent(kStart.PlusSeconds(3), &twin);  // equal times still take two turns
-  env_.now = kStart.PlusSeconds(10);
-
-  for (size_t turn = 1; turn <= 4; ++turn) {
-    loop_.RunOneTurn();
-    EXPECT_EQ(turn, log_.size());
-  }
-  std::sort(log_.begin() + 2, log_.end());
-  EXPECT_EQ(Log({"a", "b", "c", "twin"}), log_);
-  EXPECT_EQ(0u, loop_.TimeoutCount());
-}
-
 TEST_F(EventLoopTest, RemoveTimeoutNeedsTimeAndCallback) {
   Probe mine("mine", &log_), other("other", &log_);
   bool listedDuringDispatch = false;

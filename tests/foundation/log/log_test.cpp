@@ -155,15 +155,4 @@ TEST_F(LogTest, FailingOpenIsReported) {
   EXPECT_NE(File("ok.log").find("still logged"), std::string::npos);
 }
 
-TEST_F(LogTest, ReOpenAfterRotation) {
-  ASSERT_TRUE(Setup({"*/*/*:r.log"}));
-  logger_.CserverLog(kInfo, "before");
-  std::filesystem::rename(Path("r.log"), Path("r.log.1"));
-  EXPECT_TRUE(logger_.ReOpen());
-  logger_.CserverLog(kInfo, "after");
-  EXPECT_NE(File("r.log.1").find("before"), std::string::npos);
-  EXPECT_NE(File("r.log").find("after"), std::string::npos);
-  EXPECT_EQ(OpenDescriptorsOf(Path("r.log.1")).size(), 0u);
-}
-
 }  // namespace
