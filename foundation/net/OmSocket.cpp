@@ -227,39 +227,28 @@ bool ToInet(const sockaddr_storage& storage, OmInetAddr& addr) {
 
 }  // namespace
 
-bool OmSocket::RemoteAddress(OmInetAddr& addr) {
+// getpeername and getsockname share their signature and their failures.
+bool OmSocket::NameOf(int (*call)(int, sockaddr*, socklen_t*), const char* callName,
+                      OmInetAddr& addr) {
   sockaddr_storage storage;
   socklen_t len = sizeof storage;
   std::memset(&storage, 0, sizeof storage);
   OmOSStream args;
   args << fd_;
-  if (::getpeername(fd_, reinterpret_cast<sockaddr*>(&storage), &len) != 0) {
-    Record(errno, "getpeername", args.Str());
+  if (call(fd_, reinterpret_cast<sockaddr*>(&storage), &len) != 0) {
+    Record(errno, callName, args.Str());
     return false;
   }
   if (!ToInet(storage, addr)) {
-    Record(EAFNOSUPPORT, "getpeername", args.Str());
+    Record(EAFNOSUPPORT, callName, args.Str());
     return false;
   }
   return true;
 }
 
-bool OmSocket::LocalAddress(OmInetAddr& addr) {
-  sockaddr_storage storage;
-  socklen_t len = sizeof storage;
-  std::memset(&storage, 0, sizeof storage);
-  OmOSStream args;
-  args << fd_;
-  if (::getsockname(fd_, reinterpret_cast<sockaddr*>(&storage), &len) != 0) {
-    Record(errno, "getsockname", args.Str());
-    return false;
-  }
-  if (!ToInet(storage, addr)) {
-    Record(EAFNOSUPPORT, "getsockname", args.Str());
-    return false;
-  }
-  return true;
-}
+bool OmSocket::RemoteAddress(OmInetAddr& addr) { return NameOf(::getpeername, "getpeername", addr); }
+
+bool OmSocket::LocalAddress(OmInetAddr& addr) { return NameOf(::getsockname, "getsockname", addr); }
 
 bool OmSocket::SetIntOption(int level, const char* levelName, int option,
                             const char* optionName, int value) {

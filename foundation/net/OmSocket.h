@@ -1,6 +1,8 @@
 #ifndef QUELM_FOUNDATION_NET_OMSOCKET_H_
 #define QUELM_FOUNDATION_NET_OMSOCKET_H_
 
+#include <sys/socket.h>
+
 #include "foundation/net/OmInetAddr.h"
 #include "foundation/net/OmSocketAddress.h"
 #include "foundation/string/OmFile.h"
@@ -64,6 +66,7 @@ class OmSocket : public OmFile {
                     int value);
   int GetIntOption(int level, const char* levelName, int option, const char* optionName);
   void Record(int err, const char* call, const OmUniString& args) { error_.Set(err, call, args); }
+  bool NameOf(int (*call)(int, sockaddr*, socklen_t*), const char* callName, OmInetAddr& addr);
 };
 
 #endif  // QUELM_FOUNDATION_NET_OMSOCKET_H_
