@@ -147,7 +147,7 @@ TEST_F(CommandTest, QuelmloadctlConversationAndLoadPackets) {
   Ctl changed({"listen", "--port", "0", "--count", "1", "--timeout", "30000"});
   Ctl timed({"listen", "--port", "0", "--count", "1", "--pretty", "--timeout", "30000"});
   const int changedPort = ListenPort(changed), timedPort = ListenPort(timed);
-  ASSERT_NE(changedPort * timedPort, 0) << changed.Err() << timed.Err();
+  ASSERT_TRUE(changedPort != 0 && timedPort != 0) << changed.Err() << timed.Err();
   EXPECT_EQ(run({"create", "--id", "1", "--subscriber", "127.0.0.1:" + std::to_string(changedPort),
                  "--stat", "cpu,vmem", "--percentchange", "30", "--replyfreq", "60000"}).status, 0);
   EXPECT_EQ(run({"create", "--id", "2", "--subscriber", "127.0.0.1:" + std::to_string(timedPort),

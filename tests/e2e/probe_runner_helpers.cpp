@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <poll.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -64,6 +65,8 @@ void ProbeRunner::Start() {
   status_ = -1;
   pid_ = fork();
   if (pid_ == 0) {
+    // A test that dies (a sanitizer's abort, say) takes its probe with it.
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
     // Keep the probe's own standard error out of the test output.
     if (FILE* err = fopen((dir_ + "/stderr.txt").c_str(), "w")) dup2(fileno(err), 2);
     closefrom(3);  // nothing of the test process leaks into the probe
