@@ -96,9 +96,14 @@ Bootstrap::Bootstrap(const OmUniString& dir, unsigned procs)
   for (SettingKey::Id id : {SettingKey::MaxVirtualMemory, SettingKey::MaxPhysMemory, SettingKey::MultiProcessorFactor}) {
     kSettingKeys[id].set(values, GetUint(id));
   }
-  for (SettingKey::Id id : {SettingKey::ToolBufferLimit, SettingKey::ToolProcessGroup, SettingKey::ToolRestartBackoff,
-                            SettingKey::ToolStallIntervals, SettingKey::SpeedRecalcInterval}) {
-    kSettingKeys[id].set(values, GetOptionalUint(id));
+  for (unsigned id = 0; id < SettingKey::Count; ++id) {
+    const SettingKey& key = kSettingKeys[id];
+    if (!key.optional) continue;
+    if (key.number != nullptr) {
+      key.set(values, GetOptionalUint(static_cast<SettingKey::Id>(id)));
+    } else {
+      key.set(values, GetOptionalString(static_cast<SettingKey::Id>(id)));
+    }
   }
   Settings::applySampleRateRule(values.sampleRate, values.windowSize);
 }
@@ -131,6 +136,16 @@ uint32_t Bootstrap::GetOptionalUint(SettingKey::Id id) {
   return key.defaultNumber;
 }
 
+OmUniString Bootstrap::GetOptionalString(SettingKey::Id id) {
+  const SettingKey& key = kSettingKeys[id];
+  const OmUniString def(key.defaultText);
+  const OmUniString* text = props.Get(keyName(id));
+  if (text == nullptr) return def;
+  if (key.validText == nullptr || key.validText(*text)) return *text;
+  LogStringAttrBadValue(keyName(id), *text, def);
+  return def;
+}
+
 OmUniString Bootstrap::GetString(SettingKey::Id id) {
   const OmUniString* text = props.Get(keyName(id));
   if (text != nullptr) return *text;
@@ -151,11 +166,20 @@ bool Bootstrap::setPort(unsigned p) {
   return true;
 }
 
+namespace {
+
+bool isDefault(const SettingKey& key, const Settings& values) {
+  if (key.number != nullptr) return key.fileValue(values) == key.defaultNumber;
+  return values.*key.text == OmUniString(key.defaultText);
+}
+
+}  // namespace
+
 bool Bootstrap::setConfig() {
   for (const SettingKey& key : kSettingKeys) {
     const OmUniString name(key.name);
     // A file without an optional key at its default is written as it was.
-    if (key.optional && props.Get(name) == nullptr && key.fileValue(values) == key.defaultNumber) continue;
+    if (key.optional && props.Get(name) == nullptr && isDefault(key, values)) continue;
     if (key.number != nullptr) {
       props.Put(name, OmUniString::CreateFromUnsigned(key.fileValue(values)));
     } else {

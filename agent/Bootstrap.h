@@ -57,6 +57,7 @@ class Bootstrap {
   // An optional key: silent when missing, the default when bad.
   uint32_t GetOptionalUint(SettingKey::Id id);
   OmUniString GetString(SettingKey::Id id);
+  OmUniString GetOptionalString(SettingKey::Id id);
 
   OmUniString directory;
   int32_t processors;

@@ -183,6 +183,10 @@ const MessageEntry kMessageCatalogue[kMessageCount] = {
      "The loadtool (sar/iostat/vmstat) delivered no data for {1} seconds.\n"
      "The loadtool has been stopped and will be restarted; this is not logged again until a run of the loadtool ends normally.\n"
      "Check that the tool named by probepath in the quelmloadprobe.properties file prints a sample every sample interval."},
+    {47, "quelmloadprobe/initialize/error",  // LogStringAttrBadValue
+     "The attribute {1} has the value {2} which is invalid. The built-in default value {3} will be used instead.\n"
+     "The most likely cause is incorrect configuration.\n"
+     "Correct the configuration in the quelmloadprobe.properties file and restart the quelm loadprobe."},
 
 };
 
@@ -234,6 +238,7 @@ void LogPathNotDirectory(const OmUniString& a1, const OmUniString& a2, const OmU
 void LogScalarAttrNonExistant(const OmUniString& a1, OmScalar<int> a2) { Log(3, a1, a2); }
 void LogStringAttrNonExistant(const OmUniString& a1, const OmUniString& a2) { Log(4, a1, a2); }
 void LogScalarAttrBadValue(const OmUniString& a1, OmScalar<int> a2, OmScalar<int> a3) { Log(5, a1, a2, a3); }
+void LogStringAttrBadValue(const OmUniString& a1, const OmUniString& a2, const OmUniString& a3) { Log(47, a1, a2, a3); }
 void LogStarted() { Log(6); }
 void LogStopped(OmScalar<int> a1) { Log(7, a1); }
 void LogExitSignal(const OmUniString& a1) { Log(8, a1); }

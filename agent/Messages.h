@@ -13,7 +13,7 @@ struct MessageEntry {
   const char* format;    // {1}, {2}, ... stand for the arguments in order
 };
 
-inline constexpr unsigned kMessageCount = 47;
+inline constexpr unsigned kMessageCount = 48;
 extern const MessageEntry kMessageCatalogue[kMessageCount];
 
 void LogPropsNotFound(const OmUniString& a1);
@@ -22,6 +22,7 @@ void LogPathNotDirectory(const OmUniString& a1, const OmUniString& a2, const OmU
 void LogScalarAttrNonExistant(const OmUniString& a1, OmScalar<int> a2);
 void LogStringAttrNonExistant(const OmUniString& a1, const OmUniString& a2);
 void LogScalarAttrBadValue(const OmUniString& a1, OmScalar<int> a2, OmScalar<int> a3);
+void LogStringAttrBadValue(const OmUniString& a1, const OmUniString& a2, const OmUniString& a3);
 void LogStarted();
 void LogStopped(OmScalar<int> a1);
 void LogExitSignal(const OmUniString& a1);

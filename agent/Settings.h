@@ -71,6 +71,8 @@ struct SettingKey {
   // file without it logs what it always did) and the largest good value.
   bool optional;
   uint32_t maxNumber;
+  // An optional text key's check of its value; null takes any text.
+  bool (*validText)(const OmUniString&) = nullptr;
 
   // Stores a value as read from the file.
   void set(Settings& settings, uint32_t fileValue) const { settings.*number = fileValue << shift; }
