@@ -5,6 +5,8 @@
 #include "agent/Globals.h"
 #include "agent/Logging.h"
 #include "agent/Messages.h"
+#include "agent/RunAs.h"
+#include "foundation/string/OmCodeset.h"
 #include "foundation/string/OmFile.h"
 
 const OmUniString Bootstrap::bootstrapFile("/quelmloadbalancing.properties");
@@ -51,6 +53,16 @@ Bootstrap::Bootstrap(const OmUniString& dir, unsigned procs)
     return;
   }
 
+  // The file names its own character set. Read as ASCII first, which every
+  // set usable for the file agrees with, to find it; then read in it.
+  const OmUniString* named = props.Get(keyName(SettingKey::PropertiesEncoding));
+  const OmUniString encodingName = named != nullptr ? *named : OmUniString();
+  if (named != nullptr && kSettingKeys[SettingKey::PropertiesEncoding].validText(encodingName)) {
+    encoding = OmCodeset::Find(encodingName);
+    props.Clear();
+    props.Load(path, encoding);
+  }
+
   // The log set-up needs the log directory and filter first; complaints about
   // them are reported once it exists.
   const OmUniString* logDir = props.Get(keyName(SettingKey::LogDirectory));
@@ -67,6 +79,7 @@ Bootstrap::Bootstrap(const OmUniString& dir, unsigned procs)
 
   bootLogger = new Logging(values.logDirectory, values.logFilter);
 
+  if (props.BadLine() != 0) LogPropsMalformed(path, OmUniString(encoding->Name()), props.BadLine());
   const OmUniString defaultDir(kSettingKeys[SettingKey::LogDirectory].defaultText);
   if (logDir == nullptr) LogStringAttrNonExistant(keyName(SettingKey::LogDirectory), defaultDir);
   if (badLogDir != nullptr) LogPathNotDirectory(*badLogDir, defaultDir, keyName(SettingKey::LogDirectory));
@@ -105,7 +118,10 @@ Bootstrap::Bootstrap(const OmUniString& dir, unsigned procs)
       key.set(values, GetOptionalString(static_cast<SettingKey::Id>(id)));
     }
   }
+  // Even when its own line was unreadable, the file was read in that set.
+  if (encoding != nullptr) values.propertiesEncoding = encodingName;
   Settings::applySampleRateRule(values.sampleRate, values.windowSize);
+  resolveRunAs(values);
 }
 
 uint32_t Bootstrap::GetUint(SettingKey::Id id) {
@@ -186,5 +202,5 @@ bool Bootstrap::setConfig() {
       props.Put(name, values.*key.text);
     }
   }
-  return props.Save(directory + bootstrapFile, "Written by quelmloadprobe");
+  return props.Save(directory + bootstrapFile, "Written by quelmloadprobe", encoding);
 }

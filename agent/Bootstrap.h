@@ -11,6 +11,8 @@
 // command line into the probe's Settings. Missing or bad values fall back to
 // their defaults with a logged message; nothing here stops the probe. The
 // key names and defaults live in kSettingKeys; the constants below name them.
+class OmCodeset;
+
 class Bootstrap {
  public:
   static const OmUniString bootstrapFile;
@@ -63,6 +65,9 @@ class Bootstrap {
   int32_t processors;
   OmProperties props;
   Settings values;
+  // The file's own character set when it names one (null: read as US-ASCII,
+  // leniently); the configuration is written back in it too.
+  const OmCodeset* encoding = nullptr;
 };
 
 #endif  // QUELM_AGENT_BOOTSTRAP_H_

@@ -187,7 +187,18 @@ const MessageEntry kMessageCatalogue[kMessageCount] = {
      "The attribute {1} has the value {2} which is invalid. The built-in default value {3} will be used instead.\n"
      "The most likely cause is incorrect configuration.\n"
      "Correct the configuration in the quelmloadprobe.properties file and restart the quelm loadprobe."},
-
+    {48, "quelmloadprobe/initialize/error",  // LogPropsMalformed
+     "Line {3} of the properties file {1} is not valid {2} text. That line, and any further line that is not valid {2}, has been ignored; the built-in defaults will be used for the attributes they held.\n"
+     "The most likely cause is that the file was saved in another character set than the attribute varosa.config.quelmloadbalancing.propertiesencoding names.\n"
+     "Save the file as {2}, or correct that attribute in the quelmloadprobe.properties file, and restart the quelm loadprobe."},
+    {49, "quelmloadprobe/initialize/error",  // LogRunAsFail
+     "The quelm loadprobe cannot run as the user {1}: {2}. It keeps running as the user that started it.\n"
+     "The most likely cause is incorrect configuration.\n"
+     "Correct the user and group attributes in the quelmloadprobe.properties file, or start the quelm loadprobe as root, and restart the quelm loadprobe."},
+    {50, "quelmloadprobe/initialize/error",  // LogRunAsFolder
+     "The user {2}, whom the quelm loadprobe runs as, cannot write in the folder {1}: {3}\n"
+     "The most likely cause is incorrect installation.\n"
+     "Give the folder {1} to the user {2} (or let the user write in it) and restart the quelm loadprobe."},
 };
 
 namespace {
@@ -280,3 +291,6 @@ void LogSpeedRecalculated(OmScalar<int> a1, OmScalar<int> a2, OmScalar<int> a3) 
 void LogToolBufferLimit(OmScalar<unsigned int> a1) { Log(44, a1); }
 void LogToolEndedAtOnce(OmScalar<unsigned int> a1, OmScalar<unsigned int> a2) { Log(45, a1, a2); }
 void LogToolStalled(OmScalar<unsigned int> a1) { Log(46, a1); }
+void LogPropsMalformed(const OmUniString& a1, const OmUniString& a2, OmScalar<unsigned int> a3) { Log(48, a1, a2, a3); }
+void LogRunAsFail(const OmUniString& a1, const OmUniString& a2) { Log(49, a1, a2); }
+void LogRunAsFolder(const OmUniString& a1, const OmUniString& a2, const OmUniString& a3) { Log(50, a1, a2, a3); }

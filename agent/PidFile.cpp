@@ -14,3 +14,7 @@ PidFile::PidFile(const OmUniString& pidDirectory)
 PidFile::~PidFile() {
   if (created) unlink(name.AsUtf8().c_str());
 }
+
+bool PidFile::handTo(unsigned uid, unsigned gid) const {
+  return created && chown(name.AsUtf8().c_str(), uid, gid) == 0;
+}

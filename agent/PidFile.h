@@ -13,7 +13,8 @@ class PidFile {
   ~PidFile();
   PidFile(const PidFile&) = delete;
   PidFile& operator=(const PidFile&) = delete;
-
+  // Gives the file to the user the probe goes on as, who must remove it.
+  bool handTo(unsigned uid, unsigned gid) const;
 
  private:
   OmUniString name;

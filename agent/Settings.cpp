@@ -1,5 +1,17 @@
 #include "agent/Settings.h"
 
+#include "foundation/properties/OmProperties.h"
+#include "foundation/string/OmCodeset.h"
+
+namespace {
+
+bool usableEncoding(const OmUniString& name) {
+  const OmCodeset* codeset = OmCodeset::Find(name);
+  return codeset != nullptr && OmProperties::Usable(*codeset);
+}
+
+}  // namespace
+
 #define QUELM_KEY "varosa.config.quelmloadbalancing."
 
 const SettingKey kSettingKeys[SettingKey::Count] = {
@@ -28,6 +40,9 @@ const SettingKey kSettingKeys[SettingKey::Count] = {
     {QUELM_KEY "toolrestartbackoff", &Settings::toolRestartBackoff, nullptr, 0, nullptr, 0, true, 1},
     {QUELM_KEY "toolstallintervals", &Settings::toolStallIntervals, nullptr, 0, nullptr, 0, true, UINT32_MAX},
     {QUELM_KEY "speedrecalcinterval", &Settings::speedRecalcInterval, nullptr, 0, nullptr, 0, true, UINT32_MAX},
+    {QUELM_KEY "propertiesencoding", nullptr, &Settings::propertiesEncoding, 0, "US-ASCII", 0, true, 0, &usableEncoding},
+    {QUELM_KEY "user", nullptr, &Settings::user, 0, "", 0, true, 0},
+    {QUELM_KEY "group", nullptr, &Settings::group, 0, "", 0, true, 0},
 };
 
 #undef QUELM_KEY

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 
+#include "foundation/process/OmUnixUser.h"
 #include "foundation/string/OmUniString.h"
 
 // The configuration the probe runs with. Bootstrap builds it once from the
@@ -28,6 +29,14 @@ struct Settings {
   uint32_t toolRestartBackoff;   // 1: at most one start a sample interval
   uint32_t toolStallIntervals;   // sample intervals without data before a restart
   uint32_t speedRecalcInterval;  // seconds between speed recalculations
+  OmUniString propertiesEncoding;  // the character set the file itself is in
+  // Started as root, the probe serves as this user (and group) once its pid
+  // file is written, and its tool runs as them throughout; empty: as started.
+  OmUniString user;
+  OmUniString group;
+  // The two looked up (runAsUser below): set only when the switch can be made.
+  bool runAs = false;
+  OmUnixUser runAsUser;
 
   Settings();
 
@@ -58,6 +67,9 @@ struct SettingKey {
     ToolRestartBackoff,
     ToolStallIntervals,
     SpeedRecalcInterval,
+    PropertiesEncoding,
+    User,
+    Group,
     Count
   };
 

@@ -7,6 +7,7 @@
 #include "agent/Messages.h"
 #include "agent/PidFile.h"
 #include "agent/ProcessExit.h"
+#include "agent/RunAs.h"
 #include "agent/Settings.h"
 #include "command/Listener.h"
 #include "foundation/event/OmEventLoop.h"
@@ -72,6 +73,7 @@ int probeMain(int argc, char** argv) {
   if (!myListener->startListener(static_cast<int>(settings.port))) return 1;
 
   myPidFile = new PidFile(settings.pidDirectory);
+  becomeRunAsUser(settings);
 
   static OmStaticCallback<OmEvent::cbdispatch> flushLogsCallback(&flushLogsCB);
   OmLog::SetCollecting(true);

@@ -119,6 +119,9 @@ int ChildManager::forkChild() {
   forkParams.argv = argv.data();
   forkParams.exitCallback = &deadkidCallback;
   forkParams.newProcessGroup = mySettings->toolProcessGroup != 0;
+  // Once the probe itself has become the user, the tool inherits it; until
+  // then (the first start) the fork takes it on.
+  if (mySettings->runAs && geteuid() == 0) forkParams.SetUser(mySettings->runAsUser);
 
   for (int attempt = 0; attempt < kForkAttempts; ++attempt) {
     if (pr.Fork(forkParams)) {

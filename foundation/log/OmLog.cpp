@@ -363,3 +363,11 @@ OmUniString OmLog::EscapeStructured(const OmUniString& text) {
 void OmLog::SetProcInfo(const OmUniString& info) { State().procinfo = info; }
 
 const OmUniString& OmLog::ProcInfo() { return State().procinfo; }
+
+bool OmLog::HandFilesTo(unsigned uid, unsigned gid) {
+  bool ok = true;
+  for (const auto& f : State().csfiles) {
+    if (f->stream && fchown(fileno(f->stream.get()), uid, gid) != 0) ok = false;
+  }
+  return ok;
+}

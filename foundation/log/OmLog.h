@@ -58,6 +58,10 @@ class OmLog {
 
   static void SetProcInfo(const OmUniString& info);
   static const OmUniString& ProcInfo();
+
+  // Gives the open log files to the user a process goes on as, so that it
+  // can open them again; false if any could not be given.
+  static bool HandFilesTo(unsigned uid, unsigned gid);
 };
 
 #endif  // QUELM_FOUNDATION_LOG_OMLOG_H_

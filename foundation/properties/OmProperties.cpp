@@ -1,9 +1,12 @@
 #include "foundation/properties/OmProperties.h"
 
+#include <algorithm>
 #include <cstdlib>
+#include <string>
 #include <memory>
 #include <vector>
 
+#include "foundation/string/OmCodeset.h"
 #include "foundation/string/OmFile.h"
 #include "foundation/string/OmTimeVal.h"
 
@@ -31,40 +34,90 @@ void AppendHex4(OmUniString& out, OmUniString::Unit u) {
   }
 }
 
+// Whether the set has a form for the unit on its own (a lone surrogate has none).
+bool Holds(const OmCodeset* codeset, OmUniString::Unit u) {
+  if (codeset == nullptr) return false;
+  OmUniString one;
+  one.Append(u);
+  OmByteBuffer bytes;
+  OmCodesetError err;
+  return one.AsCodeset(*codeset, bytes, err);
+}
+
 }  // namespace
 
 OmProperties::OmProperties() : table_(4, 0) {}
 
-bool OmProperties::Load(const OmUniString& path) {
+bool OmProperties::Load(const OmUniString& path, const OmCodeset* codeset) {
   OmByteBuffer bytes;
   if (!OmFile::ReadFile(path.AsUtf8().c_str(), bytes)) return false;
-  OmUniString text = OmUniString::CreateFrom(bytes, OmEncoding::USASCII);
-
-  std::vector<OmUniString> lines;
-  Split(text, lines, '\n');
-  for (const OmUniString& line : lines) {
-    long eq = line.Search('=');
-    if (eq < 0) continue;
-    if (line[0] == '#') continue;
-    OmUniString key = line.SubString(0, static_cast<unsigned long>(eq));
-    Put(key, unescapeValue(line.SubString(static_cast<unsigned long>(eq) + 1)));
+  badLine_ = 0;
+  if (codeset == nullptr) {
+    OmUniString text = OmUniString::CreateFrom(bytes, OmEncoding::USASCII);
+    std::vector<OmUniString> lines;
+    Split(text, lines, '\n');
+    for (const OmUniString& line : lines) AddLine(line);
+    return true;
+  }
+  // Line by line, so that one bad line costs only its own entry. In every
+  // usable set a line feed byte is a line feed, and a line starts in the
+  // set's initial state.
+  const unsigned char* b = bytes.Data();
+  const unsigned long n = bytes.Length();
+  OmUniString line;
+  OmCodesetError err;
+  for (unsigned long start = 0, number = 1; start <= n; ++number) {
+    unsigned long end = start;
+    while (end < n && b[end] != '\n') ++end;
+    if (OmUniString::CreateFrom(b + start, end - start, *codeset, line, err)) {
+      AddLine(line);
+    } else if (badLine_ == 0) {
+      badLine_ = number;
+    }
+    start = end + 1;
   }
   return true;
 }
 
-bool OmProperties::Save(const OmUniString& path, const OmUniString& header) const {
+void OmProperties::AddLine(const OmUniString& line) {
+  long eq = line.Search('=');
+  if (eq < 0) return;
+  if (line[0] == '#') return;
+  OmUniString key = line.SubString(0, static_cast<unsigned long>(eq));
+  Put(key, unescapeValue(line.SubString(static_cast<unsigned long>(eq) + 1)));
+}
+
+bool OmProperties::Usable(const OmCodeset& codeset) {
+  std::string ascii = "\t\n\r";
+  for (char c = ' '; c < 127; ++c) ascii += c;
+  const OmUniString text(ascii.c_str());
+  OmByteBuffer bytes;
+  OmUniString back;
+  OmCodesetError err;
+  return text.AsCodeset(codeset, bytes, err) && bytes.Length() == ascii.size() &&
+         std::equal(ascii.begin(), ascii.end(), bytes.Data()) &&
+         OmUniString::CreateFrom(ascii.data(), ascii.size(), codeset, back, err) && back == text;
+}
+
+bool OmProperties::Save(const OmUniString& path, const OmUniString& header,
+                        const OmCodeset* codeset) const {
   OmUniString text("# written by props\n# ");
   text += escapeString(header, kComment);
   text += "\n\n# Written at: ";
   text += OmTimeVal::now().AsRFC1123();
   text += "\n\n";
-  table_.ForEach([&text](const OmProperty& p) {
+  table_.ForEach([&text, codeset](const OmProperty& p) {
     text += p.key;
     text.Append('=');
-    text += escapeString(p.value, kValue);
+    text += escapeString(p.value, kValue, codeset);
     text.Append('\n');
   });
-  return OmFile::WriteFile(path.AsUtf8().c_str(), text.AsEncoding(OmEncoding::USASCII));
+  if (codeset == nullptr) {
+    return OmFile::WriteFile(path.AsUtf8().c_str(), text.AsEncoding(OmEncoding::USASCII));
+  }
+  OmByteBuffer bytes;
+  OmCodesetError err;
+  return text.AsCodeset(*codeset, bytes, err) && OmFile::WriteFile(path.AsUtf8().c_str(), bytes);
 }
 
 const OmUniString* OmProperties::Get(const OmUniString& key) const {
@@ -84,7 +137,8 @@ void OmProperties::Remove(const OmUniString& key) { table_.Remove(key); }
 
 unsigned OmProperties::Length() const { return table_.Length(); }
 
-OmUniString OmProperties::escapeString(const OmUniString& text, EscapeMode mode) {
+OmUniString OmProperties::escapeString(const OmUniString& text, EscapeMode mode,
+                                       const OmCodeset* codeset) {
   OmUniString out;
   for (unsigned long i = 0; i < text.Length(); ++i) {
     OmUniString::Unit u = text[i];
@@ -94,6 +148,8 @@ OmUniString OmProperties::escapeString(const OmUniString& text, EscapeMode mode)
       out += "\\r";
     } else if (u == '\t') {
       out += "\\t";
+    } else if (u >= 128 && Holds(codeset, u)) {
+      out.Append(u);
     } else if (u < 32 || u >= 128) {
       out += "\\u";
       AppendHex4(out, u);
