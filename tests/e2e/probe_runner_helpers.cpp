@@ -57,6 +57,8 @@ void ProbeRunner::Start() {
   std::string config = ReadFile(QUELM_SOURCE_DIR "/config/quelmloadbalancing.properties.sample");
   for (const auto& [key, value] : props_) {
     const std::string line = "\nvarosa.config.quelmloadbalancing." + key + "=";
+    // Keys the sample has only as comments are added.
+    if (config.find(line) == std::string::npos) config += line + value + "\n";
     config = std::regex_replace(config, std::regex(line + "[^\n]*"), line + value);
   }
   WriteFile(dir_ + "/quelmloadbalancing.properties", config);
