@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "foundation/properties/OmProperties.h"
+#include "foundation/string/OmCodeset.h"
 #include "foundation/string/OmUniString.h"
 
 namespace {
@@ -124,6 +125,29 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const OmUniString* got = again.Get(savedKey(key));
     check(got != nullptr);
     if (saved.size() == expected.size() && valueRoundTrips(value)) check(*got == value);
+  }
+
+  // Read as UTF-8, the valid lines' entries are written back as they stand
+  // and read again unchanged, with nothing reported as malformed.
+  const OmCodeset& utf8 = OmCodeset::For(OmEncoding::UTF8);
+  OmProperties strict, reread;
+  check(strict.Load(OmUniString(in.c_str()), &utf8));
+  check(strict.Save(OmUniString(out.c_str()), OmUniString("fuzz"), &utf8));
+  check(reread.Load(OmUniString(out.c_str()), &utf8) && reread.BadLine() == 0);
+  check(reread.Length() == strict.Length());
+  for (size_t start = 0, end = 0; start <= size; start = end + 1) {
+    for (end = start; end < size && data[end] != '\n';) ++end;
+    OmUniString line;
+    OmCodesetError err;
+    const bool valid = OmUniString::CreateFrom(data + start, end - start, utf8, line, err);
+    const long eq = valid ? line.Search('=') : -1;
+    if (eq < 0 || line[0] == '#') continue;
+    const OmUniString* value = strict.Get(line.SubString(0, static_cast<unsigned long>(eq)));
+    if (value == nullptr || value->Search('\\') >= 0) continue;
+    const OmUniString::Unit last = value->IsEmpty() ? 'x' : (*value)[value->Length() - 1];
+    if (last < 32 && last != '\n' && last != '\r' && last != '\t') continue;
+    const OmUniString* back = reread.Get(line.SubString(0, static_cast<unsigned long>(eq)));
+    check(back != nullptr && *back == *value);
   }
 
   check(!props.Load(OmUniString((tempDir() + "/missing").c_str())));
