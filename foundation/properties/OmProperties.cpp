@@ -2,8 +2,8 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <string>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "foundation/string/OmCodeset.h"
@@ -60,8 +60,9 @@ bool OmProperties::Load(const OmUniString& path, const OmCodeset* codeset) {
     return true;
   }
   // Line by line, so that one bad line costs only its own entry. In every
-  // usable set a line feed byte is a line feed, and a line starts in the
-  // set's initial state.
+  // usable set a line feed byte is a line feed, a "#" byte is "#", and a
+  // line starts in the set's initial state. Comments are never read, so
+  // what they hold is not reported.
   const unsigned char* b = bytes.Data();
   const unsigned long n = bytes.Length();
   OmUniString line;
@@ -71,7 +72,7 @@ bool OmProperties::Load(const OmUniString& path, const OmCodeset* codeset) {
     while (end < n && b[end] != '\n') ++end;
     if (OmUniString::CreateFrom(b + start, end - start, *codeset, line, err)) {
       AddLine(line);
-    } else if (badLine_ == 0) {
+    } else if (badLine_ == 0 && b[start] != '#') {
       badLine_ = number;
     }
     start = end + 1;

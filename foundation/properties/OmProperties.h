@@ -20,7 +20,7 @@ class OmProperties {
   // Adds the file's entries; false only when the file cannot be read.
   // Without a codeset the bytes are read as US-ASCII, leniently. With one
   // they are read strictly: a line that is not valid in it is skipped, and
-  // BadLine() tells the first such line.
+  // BadLine() tells the first such line (comments aside).
   bool Load(const OmUniString& path, const OmCodeset* codeset = nullptr);
   // The first line (from 1) the last Load skipped as malformed; 0 for none.
   unsigned long BadLine() const { return badLine_; }
