@@ -106,6 +106,11 @@ bool OmEventLoop::AddTimeoutEvent(const OmTimeVal& when, OmEventCallback* cb) {
   return true;
 }
 
+bool OmEventLoop::AddBatchedTimeoutEvent(const OmTimeVal& when, OmEventCallback* cb) {
+  timeouts_.Insert(cb, when, true);
+  return true;
+}
+
 bool OmEventLoop::RemoveTimeoutEvent(const OmTimeVal& when, OmEventCallback* cb) {
   const long i = timeouts_.Find(when, cb);
   if (i < 0) return false;
@@ -192,6 +197,17 @@ void OmEventLoop::FireFirstTimeout() {
   // fired twice in one turn.
   const OmEventTimeout entry = timeouts_.TakeFirst();
   if (entry.callback != nullptr) entry.callback->Dispatch(OmEvent::fired);
+  if (timeouts_.IsEmpty() || !timeouts_[0].batched) return;
+  const OmTimeVal now = OmTimeVal::now();
+  for (size_t n = 1; n < kMaxBatch && !timeouts_.IsEmpty(); ++n) {
+    const OmEventTimeout& next = timeouts_[0];
+    if (!next.batched || now.seconds < next.time.seconds ||
+        (now.seconds == next.time.seconds && now.microseconds < next.time.microseconds)) {
+      return;
+    }
+    const OmEventTimeout due = timeouts_.TakeFirst();
+    if (due.callback != nullptr) due.callback->Dispatch(OmEvent::fired);
+  }
 }
 
 void OmEventLoop::ReportPollFailure(int err, int wait) {

@@ -12,6 +12,8 @@
 struct OmEventTimeout {
   OmEventCallback* callback;
   OmTimeVal time;
+  // May fire in the same turn as the due entry before it; see OmEventLoop.
+  bool batched = false;
   int SortFunction(const OmEventTimeout& other) const;
 };
 
@@ -25,7 +27,7 @@ struct OmEventTimeout {
 // common case of a deferred deletion.
 class OmTimeoutList {
  public:
-  void Insert(OmEventCallback* cb, const OmTimeVal& when);
+  void Insert(OmEventCallback* cb, const OmTimeVal& when, bool batched = false);
   size_t Length() const { return items_.size(); }
   bool IsEmpty() const { return items_.empty(); }
   // Position 0 is the earliest.
