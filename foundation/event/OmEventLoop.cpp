@@ -198,13 +198,11 @@ void OmEventLoop::FireFirstTimeout() {
   const OmEventTimeout entry = timeouts_.TakeFirst();
   if (entry.callback != nullptr) entry.callback->Dispatch(OmEvent::fired);
   if (timeouts_.IsEmpty() || !timeouts_[0].batched) return;
+  // Those the next turn would fire without waiting (due within the wait's
+  // millisecond) fire now instead.
   const OmTimeVal now = OmTimeVal::now();
   for (size_t n = 1; n < kMaxBatch && !timeouts_.IsEmpty(); ++n) {
-    const OmEventTimeout& next = timeouts_[0];
-    if (!next.batched || now.seconds < next.time.seconds ||
-        (now.seconds == next.time.seconds && now.microseconds < next.time.microseconds)) {
-      return;
-    }
+    if (!timeouts_[0].batched || WaitMilliseconds(now) != 0) return;
     const OmEventTimeout due = timeouts_.TakeFirst();
     if (due.callback != nullptr) due.callback->Dispatch(OmEvent::fired);
   }

@@ -42,8 +42,9 @@ class OmEventLoop : public OmEventLoopBase {
   bool RemoveTimeoutEvent(const OmTimeVal& when, OmEventCallback* cb) override;
   // A timeout of a kind that comes in crowds (one per subscriber, say): when
   // the entry fired in a turn is followed in the list by batched entries that
-  // are due already, they fire in the same turn, in list order, up to
-  // kMaxBatch of them. The order of all timeouts stays that of the list; only
+  // the next turn would fire without waiting (due, or due within the wait's
+  // millisecond), they fire in the same turn, in list order, up to kMaxBatch
+  // of them. The order of all timeouts stays that of the list; only
   // fewer turns are needed, so a crowd keeps up with its due times while
   // descriptors are busy. Removed with RemoveTimeoutEvent as usual.
   bool AddBatchedTimeoutEvent(const OmTimeVal& when, OmEventCallback* cb);
