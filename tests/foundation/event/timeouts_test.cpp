@@ -87,4 +87,31 @@ TEST(TimeoutListTest, DescriptorReadyEveryTurnDoesNotStarveADueTimeout) {
   close(sv[1]);
 }
 
+TEST(TimeoutListTest, BatchedTimeoutsRideAlongInListOrderUntilOneIsNotDueOrNotBatched) {
+  const OmTimeVal start(1000000, 0);
+  FakeEnv env(start);
+  OmEventLoop loop(nullptr);
+  Log log;
+  Probe plain("plain", &log), a("a", &log), b("b", &log), soon("soon", &log), other("other", &log),
+      c("c", &log), late("late", &log);
+  loop.AddTimeoutEvent(start, &plain);
+  loop.AddBatchedTimeoutEvent(OmTimeVal(start.seconds, 2), &b);
+  loop.AddBatchedTimeoutEvent(OmTimeVal(start.seconds, 1), &a);
+  loop.AddBatchedTimeoutEvent(OmTimeVal(start.seconds, 900), &soon);  // within the millisecond
+  loop.AddTimeoutEvent(OmTimeVal(start.seconds, 950), &other);
+  loop.AddBatchedTimeoutEvent(OmTimeVal(start.seconds, 960), &c);
+  loop.AddBatchedTimeoutEvent(start.PlusSeconds(1), &late);
+  a.action = [&](OmEvent::cbdispatch) { loop.RemoveTimeoutEvent(OmTimeVal(start.seconds, 2), &b); };
+
+  // A handler's removal of a later entry holds; a plain entry ends the batch
+  // and starts the next turn's.
+  const Log expected[] = {{"plain", "a", "b:removed", "soon"}, {"other", "c"}};
+  for (const Log& turn : expected) {
+    log.clear();
+    loop.RunOneTurn();
+    EXPECT_EQ(turn, log);
+  }
+  EXPECT_EQ(1u, loop.TimeoutCount());
+}
+
 }  // namespace
