@@ -197,12 +197,12 @@ void OmEventLoop::FireFirstTimeout() {
   // fired twice in one turn.
   const OmEventTimeout entry = timeouts_.TakeFirst();
   if (entry.callback != nullptr) entry.callback->Dispatch(OmEvent::fired);
-  if (timeouts_.IsEmpty() || !timeouts_[0].batched) return;
+  if (timeouts_.IsEmpty() || !timeouts_.Batched(0)) return;
   // Those the next turn would fire without waiting (due within the wait's
   // millisecond) fire now instead.
   const OmTimeVal now = OmTimeVal::now();
   for (size_t n = 1; n < kMaxBatch && !timeouts_.IsEmpty(); ++n) {
-    if (!timeouts_[0].batched || WaitMilliseconds(now) != 0) return;
+    if (!timeouts_.Batched(0) || WaitMilliseconds(now) != 0) return;
     const OmEventTimeout due = timeouts_.TakeFirst();
     if (due.callback != nullptr) due.callback->Dispatch(OmEvent::fired);
   }

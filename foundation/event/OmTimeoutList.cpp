@@ -26,7 +26,7 @@ size_t OmTimeoutList::LowerBound(const OmTimeVal& when) const {
 }
 
 void OmTimeoutList::Insert(OmEventCallback* cb, const OmTimeVal& when, bool batched) {
-  const Item item{{cb, when, batched}, nextSerial_++};
+  const Item item{{cb, when}, nextSerial_++, batched};
   const size_t at = LowerBound(when);
   const bool tie = at < items_.size() && Same(items_[at], item);
   ++mods_;
