@@ -94,19 +94,14 @@ TEST(TimeoutListTest, BatchedTimeoutsRideAlongInListOrderUntilOneIsNotDueOrNotBa
   Log log;
   Probe plain("plain", &log), a("a", &log), b("b", &log), soon("soon", &log), other("other", &log),
       c("c", &log), late("late", &log);
+  const auto at = [&](long us) { return OmTimeVal(start.seconds, static_cast<uint32_t>(us)); };
   loop.AddTimeoutEvent(start, &plain);
-  loop.AddBatchedTimeoutEvent(OmTimeVal(start.seconds, 2), &b);
-  loop.AddBatchedTimeoutEvent(OmTimeVal(start.seconds, 1), &a);
-  loop.AddBatchedTimeoutEvent(OmTimeVal(start.seconds, 900), &soon);  // within the millisecond
-  loop.AddTimeoutEvent(OmTimeVal(start.seconds, 950), &other);
-  loop.AddBatchedTimeoutEvent(OmTimeVal(start.seconds, 960), &c);
-  loop.AddBatchedTimeoutEvent(start.PlusSeconds(1), &late);
-  a.action = [&](OmEvent::cbdispatch) { loop.RemoveTimeoutEvent(OmTimeVal(start.seconds, 2), &b); };
-
-  // A handler's removal of a later entry holds; a plain entry ends the batch
-  // and starts the next turn's.
-  const Log expected[] = {{"plain", "a", "b:removed", "soon"}, {"other", "c"}};
-  for (const Log& turn : expected) {
+  for (auto [us, cb] : {std::pair{2L, &b}, {1L, &a}, {900L, &soon}, {960L, &c}, {2000000L, &late}}) {
+    loop.AddBatchedTimeoutEvent(us < 1000000 ? at(us) : start.PlusSeconds(2), cb);
+  }
+  loop.AddTimeoutEvent(at(950), &other);  // plain: ends a batch, starts the next turn's
+  a.action = [&](OmEvent::cbdispatch) { loop.RemoveTimeoutEvent(at(2), &b); };
+  for (const Log& turn : {Log{"plain", "a", "b:removed", "soon"}, Log{"other", "c"}}) {
     log.clear();
     loop.RunOneTurn();
     EXPECT_EQ(turn, log);
