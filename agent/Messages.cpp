@@ -210,6 +210,8 @@ bool Wanted(unsigned n) {
 
 OmUniString Text(const OmUniString& s) { return s; }
 
+OmUniString Text(const OmInetAddr& a) { return a.AsString(true); }
+
 template <typename T>
 OmUniString Text(OmScalar<T> v) {
   OmOSStream s;
@@ -235,10 +237,10 @@ void Emit(unsigned n, std::initializer_list<OmUniString> args) {
   OmLog::Current()->CserverLog(n, s.Str());
 }
 
-// The text is built only when the log library wants the message at all.
+// The text is built only when some log file takes the message.
 template <typename... Args>
 void Log(unsigned n, const Args&... args) {
-  if (Wanted(n)) Emit(n, {Text(args)...});
+  if (Wanted(n) && OmLog::Current()->Admit(n)) Emit(n, {Text(args)...});
 }
 
 }  // namespace
@@ -276,7 +278,7 @@ void LogBindFailed(OmScalar<unsigned int> a1, const OmUniString& a2) { Log(28, a
 void LogListenFailed(OmScalar<unsigned int> a1, const OmUniString& a2) { Log(29, a1, a2); }
 void LogBadCommand(OmScalar<unsigned int> a1, const OmUniString& a2) { Log(30, a1, a2); }
 void LogResponderBindFailed(const OmUniString& a1) { Log(31, a1); }
-void LogLoadPacketSent(const OmUniString& a1, const OmUniString& a2) { Log(32, a1, a2); }
+void LogLoadPacketSent(const OmUniString& a1, const OmInetAddr& a2) { Log(32, a1, a2); }
 void LogLoadSent(OmScalar<unsigned int> a1, const OmUniString& a2) { Log(33, a1, a2); }
 void LogLoadPacketFail(const OmUniString& a1, const OmUniString& a2, const OmUniString& a3, OmScalar<unsigned int> a4) { Log(34, a1, a2, a3, a4); }
 void LogCommandMissing() { Log(35); }

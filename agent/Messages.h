@@ -2,6 +2,7 @@
 #define QUELM_AGENT_MESSAGES_H_
 
 #include "foundation/string/OmOSStream.h"
+#include "foundation/net/OmInetAddr.h"
 #include "foundation/string/OmUniString.h"
 
 // The probe's message catalogue: one row per message, and one function per
@@ -49,7 +50,7 @@ void LogBindFailed(OmScalar<unsigned int> a1, const OmUniString& a2);
 void LogListenFailed(OmScalar<unsigned int> a1, const OmUniString& a2);
 void LogBadCommand(OmScalar<unsigned int> a1, const OmUniString& a2);
 void LogResponderBindFailed(const OmUniString& a1);
-void LogLoadPacketSent(const OmUniString& a1, const OmUniString& a2);
+void LogLoadPacketSent(const OmUniString& a1, const OmInetAddr& a2);
 void LogLoadSent(OmScalar<unsigned int> a1, const OmUniString& a2);
 void LogLoadPacketFail(const OmUniString& a1, const OmUniString& a2, const OmUniString& a3, OmScalar<unsigned int> a4);
 void LogCommandMissing();

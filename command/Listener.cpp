@@ -116,7 +116,9 @@ void Listener::DeleteRequestCircuit(RequestCircuit* rc) {
   auto* cb = new OmCallbackWithData<OmEvent::cbdispatch, Listener, RequestCircuit*>(
       this, &Listener::deleteCB, rc);
   pendingDeletes.push_back({when, cb});
-  loop.AddTimeoutEvent(when, cb);
+  // One a request: under load they ride along with the turns the requests
+  // make rather than each waking the loop.
+  loop.AddBatchedTimeoutEvent(when, cb);
 }
 
 void Listener::deleteCB(OmEventCallback* cb, OmEvent::cbdispatch, RequestCircuit* rc) {

@@ -2,6 +2,7 @@
 #define QUELM_HOSTS_RESPONDER_H_
 
 #include <cstdint>
+#include <string>
 
 #include "foundation/net/OmInetAddr.h"
 #include "foundation/net/OmSocket.h"
@@ -26,9 +27,6 @@ class Responder {
   OmStatus::Value sendLoadPacket(unsigned timestamp, const OmUniString& text, unsigned id,
                                  StatsPacket* stats, unsigned flags, const OmInetAddr& dest,
                                  const OmUniString& hostName);
-  // One datagram of the packet's ASCII bytes; a partial write is a failure.
-  OmStatus::Value sendPacket(const OmOSStream& packet, const OmInetAddr& dest,
-                             const OmUniString& hostName);
 
   // Which entries the VMEM flag selects: a load packet's vmem is followed by
   // the configured maxima, physical memory and swapping; a reply's stands alone.
@@ -39,7 +37,12 @@ class Responder {
                          int64_t bogomips, StatsEntries entries);
 
  private:
+  // One datagram of the packet's bytes; a partial write is a failure.
+  OmStatus::Value sendPacket(const std::string& packet, const OmInetAddr& dest,
+                             const OmUniString& hostName);
+
   OmSocket socket;
+  std::string packet;  // kept for its capacity: one packet is built at a time
 };
 
 #endif  // QUELM_HOSTS_RESPONDER_H_

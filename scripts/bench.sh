@@ -7,7 +7,9 @@
 #     with the probe's peak RSS; (b) the probe with the default log filter
 #     against nginx with its access log;
 #   - subscribers: processor time per second and RSS with 1,000 and 10,000
-#     subscribed hosts (reply frequency 10 s, errors-only log filter), the
+#     subscribed hosts (reply frequency 10 s, errors-only log filter, and
+#     1,000 with the default one; a fake tool at 90 % idle: a busy server,
+#     whose runs end in no speed estimate), the
 #     round trip of the 100th and the 10,000th create, and the load packets
 #     delivered while clients flood the probe with gets (10,000 hosts);
 #   - sustained load: gets back to back for a minute with a fake measuring
@@ -18,7 +20,7 @@
 #     close or reset before the reply; and, in a private network namespace
 #     with an Ethernet-sized MTU, large replies to slow or vanishing clients.
 # Everything talks to 127.0.0.1 only; every run is bounded in time or count.
-# Takes about 11 minutes on 2 cores (plus the builds). LOAD_SECONDS,
+# Takes about 12 minutes on 2 cores (plus the builds). LOAD_SECONDS,
 # IDLE_SECONDS, FANOUT_SECONDS, FLOOD_SECONDS and SUSTAIN_SECONDS shorten
 # or lengthen the runs.
 set -euo pipefail
@@ -249,54 +251,17 @@ done
 row "probe peak RSS during (a), errors-only log filter" "$peak_a KiB" \
   "during (b), default log filter: $peak_b KiB"
 
-# --- 2. Subscribers ------------------------------------------------------------
-# Errors-only log filter: the default one writes a line per packet sent.
-probe_logfilter=$ERRORS_ONLY
-subscribers_row() {  # subscribers_row LABEL LINE
-  row "$1" "$(value cpu_ms_per_s "$2") ms CPU per s" \
-    "RSS $(value rss_kib "$2") KiB (peak $(value hwm_kib "$2") KiB); $(value pps "$2") packets/s of \
-$(value expected_pps "$2") expected, $(value well_formed "$2") of $(value datagrams "$2") well formed; \
-$(value created "$2") created in $(value create_s "$2") s; log +$(value log_bytes_per_s "$2") B/s"
-}
-echo "1,000 subscribers (${FANOUT_SECONDS} s after half a reply period)..." >&2
-start_probe subs1000 "/usr/bin/vmstat -n"
-line=$("$qb" fanout --port "$probe_port" --pid "$probe_pid" --hosts 1000 \
-       --seconds "$FANOUT_SECONDS" --logdir "$probe_dir/logs")
-subscribers_row "1,000 subscribers, reply frequency 10 s" "$line"
-big=$("$qb" get --port "$probe_port" | wc -c)
-line=$("$qb" load --port "$probe_port" --conns 1 --seconds 5 --pid "$probe_pid" \
-       --logdir "$probe_dir/logs")
-load_row "get with 1,000 hosts ($big bytes), 1 client" "$line"
-line=$("$qb" early --port "$probe_port" --pid "$probe_pid" --count 200 --conns 8 --mode fin)
-stop_probe
-flood_row "200 gets closed right after sending, 1,000-host reply" "$line" \
-  "exit status $probe_status (92 = stopped by SIGTERM here, 94 = ended by SIGPIPE);"
-
-echo "10,000 subscribers (creates, ${FANOUT_SECONDS} s quiet, ${FLOOD_SECONDS} s get flood)..." >&2
-start_probe subs10000 "/usr/bin/vmstat -n"
-line=$("$qb" fanout --port "$probe_port" --pid "$probe_pid" --hosts 10000 \
-       --seconds "$FANOUT_SECONDS" --logdir "$probe_dir/logs" \
-       --flood-conns 8 --flood-seconds "$FLOOD_SECONDS")
-stop_probe
-subscribers_row "10,000 subscribers, reply frequency 10 s" "$line"
-c100=$(value create_100_ms "$line")
-clast=$(value create_last_ms "$line")
-row "create round trip, 100th and 10,000th" "$c100 ms, $clast ms" \
-  "10,000th / 100th = $(awk -v a="$clast" -v b="$c100" 'BEGIN { printf "%.2f", (b > 0 ? a / b : 0) }'); \
-each the median of the 20 creates up to it, one after the other from 1 client"
-row "load packets during a get flood, 10,000 subscribers, 8 clients" \
-  "$(value flood_pps "$line") packets/s ($(value flood_delivered_pct "$line") % of expected)" \
-  "gets $(value flood_rps "$line")/s, p50 $(value flood_p50_ms "$line") ms, \
-p99 $(value flood_p99_ms "$line") ms; probe CPU $(value flood_cpu_pct "$line") %; alive $(value alive "$line")"
-
-# --- 3. Sustained load ---------------------------------------------------------
 # Fake tools: vmstat-like output without column names, two header lines, then
-# lines of 16 numbers every 0.2 s; each run ends after a second and is started
-# again. fake reports 98 % idle; above 94 % every run ends in a new speed
-# estimate, a second of busy loop, so the sustained case uses fake_busy, at
-# 90 % idle, which leaves the event loop to the clients.
+# lines of 16 numbers. fake and fake_busy print a line every 0.2 s and end
+# after a second, to be started again: fake reports 98 % idle, and above 94 %
+# every run ends in a new speed estimate, a second of busy loop, so the
+# sustained case uses fake_busy, at 90 % idle, which leaves the event loop to
+# the clients. fake_steady follows its rate and count arguments as vmstat does
+# at 90 % idle: a busy server, whose runs never end in a speed estimate, so
+# the subscriber cases measure the packets and not the estimate.
 fake=$work/faketool
 fake_busy=$work/faketool-busy
+fake_steady=$work/faketool-steady
 for tool in "$fake:98" "$fake_busy:90"; do
   cat >"${tool%:*}" <<EOF
 #!/bin/sh
@@ -309,6 +274,67 @@ done
 EOF
   chmod 755 "${tool%:*}"
 done
+cat >"$fake_steady" <<'EOF'
+#!/bin/sh
+echo 'procs memory swap io system cpu'
+echo 'r b swpd free buff cache si so bi bo in cs us sy id wa'
+i=0
+while [ "$i" -lt "${2:-4}" ]; do
+  echo ' 0  0      0 812345  10000 200000    0    0     0     1   50   80  5  5 90  0'
+  i=$((i + 1))
+  [ "$i" -lt "${2:-4}" ] && sleep "${1:-5}"
+done
+EOF
+chmod 755 "$fake_steady"
+
+# --- 2. Subscribers ------------------------------------------------------------
+# Errors-only log filter: the default one writes a line per packet sent (one
+# row below measures that too). The tool is fake_steady: a busy server.
+probe_logfilter=$ERRORS_ONLY
+subscribers_row() {  # subscribers_row LABEL LINE
+  row "$1" "$(value cpu_ms_per_s "$2") ms CPU per s" \
+    "RSS $(value rss_kib "$2") KiB (peak $(value hwm_kib "$2") KiB); $(value pps "$2") packets/s of \
+$(value expected_pps "$2") expected, $(value well_formed "$2") of $(value datagrams "$2") well formed; \
+$(value created "$2") created in $(value create_s "$2") s; log +$(value log_bytes_per_s "$2") B/s"
+}
+echo "1,000 subscribers (${FANOUT_SECONDS} s after half a reply period)..." >&2
+start_probe subs1000 "$fake_steady"
+line=$("$qb" fanout --port "$probe_port" --pid "$probe_pid" --hosts 1000 \
+       --seconds "$FANOUT_SECONDS" --logdir "$probe_dir/logs")
+subscribers_row "1,000 subscribers, reply frequency 10 s, fake tool at 90 % idle, errors-only log filter" "$line"
+big=$("$qb" get --port "$probe_port" | wc -c)
+line=$("$qb" load --port "$probe_port" --conns 1 --seconds 5 --pid "$probe_pid" \
+       --logdir "$probe_dir/logs")
+load_row "get with 1,000 hosts ($big bytes), 1 client" "$line"
+line=$("$qb" early --port "$probe_port" --pid "$probe_pid" --count 200 --conns 8 --mode fin)
+stop_probe
+flood_row "200 gets closed right after sending, 1,000-host reply" "$line" \
+  "exit status $probe_status (92 = stopped by SIGTERM here, 94 = ended by SIGPIPE);"
+
+echo "10,000 subscribers (creates, ${FANOUT_SECONDS} s quiet, ${FLOOD_SECONDS} s get flood)..." >&2
+start_probe subs10000 "$fake_steady"
+line=$("$qb" fanout --port "$probe_port" --pid "$probe_pid" --hosts 10000 \
+       --seconds "$FANOUT_SECONDS" --logdir "$probe_dir/logs" \
+       --flood-conns 8 --flood-seconds "$FLOOD_SECONDS")
+stop_probe
+subscribers_row "10,000 subscribers, reply frequency 10 s, fake tool at 90 % idle, errors-only log filter" "$line"
+c100=$(value create_100_ms "$line")
+clast=$(value create_last_ms "$line")
+row "create round trip, 100th and 10,000th" "$c100 ms, $clast ms" \
+  "10,000th / 100th = $(awk -v a="$clast" -v b="$c100" 'BEGIN { printf "%.2f", (b > 0 ? a / b : 0) }'); \
+each the median of the 20 creates up to it, one after the other from 1 client"
+row "load packets during a get flood, 10,000 subscribers, 8 clients" \
+  "$(value flood_pps "$line") packets/s ($(value flood_delivered_pct "$line") % of expected)" \
+  "gets $(value flood_rps "$line")/s, p50 $(value flood_p50_ms "$line") ms, \
+p99 $(value flood_p99_ms "$line") ms; probe CPU $(value flood_cpu_pct "$line") %; alive $(value alive "$line")"
+probe_logfilter=""
+start_probe subs1000log "$fake_steady"
+line=$("$qb" fanout --port "$probe_port" --pid "$probe_pid" --hosts 1000 \
+       --seconds "$FANOUT_SECONDS" --logdir "$probe_dir/logs")
+stop_probe
+subscribers_row "1,000 subscribers as above, default log filter (a line a packet)" "$line"
+
+# --- 3. Sustained load ---------------------------------------------------------
 echo "sustained load (${SUSTAIN_SECONDS} s)..." >&2
 start_probe sustain "$fake_busy"
 line=$("$qb" sustain --port "$probe_port" --pid "$probe_pid" --conns 8 --hosts 100 \

@@ -106,6 +106,11 @@ bool OmEventLoop::AddTimeoutEvent(const OmTimeVal& when, OmEventCallback* cb) {
   return true;
 }
 
+bool OmEventLoop::AddBatchedTimeoutEvent(const OmTimeVal& when, OmEventCallback* cb) {
+  timeouts_.Insert(cb, when, true);
+  return true;
+}
+
 bool OmEventLoop::RemoveTimeoutEvent(const OmTimeVal& when, OmEventCallback* cb) {
   const long i = timeouts_.Find(when, cb);
   if (i < 0) return false;
@@ -192,6 +197,15 @@ void OmEventLoop::FireFirstTimeout() {
   // fired twice in one turn.
   const OmEventTimeout entry = timeouts_.TakeFirst();
   if (entry.callback != nullptr) entry.callback->Dispatch(OmEvent::fired);
+  if (timeouts_.IsEmpty() || !timeouts_.Batched(0)) return;
+  // Those the next turn would fire without waiting (due within the wait's
+  // millisecond) fire now instead.
+  const OmTimeVal now = OmTimeVal::now();
+  for (size_t n = 1; n < kMaxBatch && !timeouts_.IsEmpty(); ++n) {
+    if (!timeouts_.Batched(0) || WaitMilliseconds(now) != 0) return;
+    const OmEventTimeout due = timeouts_.TakeFirst();
+    if (due.callback != nullptr) due.callback->Dispatch(OmEvent::fired);
+  }
 }
 
 void OmEventLoop::ReportPollFailure(int err, int wait) {

@@ -40,13 +40,23 @@ class OmEventLoop : public OmEventLoopBase {
   bool AddFileEvent(unsigned fd, bool read, bool write, OmEventCallback* cb) override;
   bool RemoveFileEvent(unsigned fd, bool read, bool write, OmEventCallback* cb) override;
   bool RemoveTimeoutEvent(const OmTimeVal& when, OmEventCallback* cb) override;
+  // A timeout of a kind that comes in crowds (one per subscriber, say): when
+  // the entry fired in a turn is followed in the list by batched entries that
+  // the next turn would fire without waiting (due, or due within the wait's
+  // millisecond), they fire in the same turn, in list order, up to kMaxBatch
+  // of them. The order of all timeouts stays that of the list; only
+  // fewer turns are needed, so a crowd keeps up with its due times while
+  // descriptors are busy. Removed with RemoveTimeoutEvent as usual.
+  bool AddBatchedTimeoutEvent(const OmTimeVal& when, OmEventCallback* cb);
+  static constexpr size_t kMaxBatch = 256;
   bool ShouldContinue() const override { return running_; }
 
   void OpenDevPoll() {}
   void CloseDevPoll() {}
 
   // One turn of the loop: signals; then the ready descriptors, and one
-  // timeout if one was due when the turn began (or the wait ran out).
+  // timeout (with the batched ones due after it) if one was due when the
+  // turn began (or the wait ran out).
   // EnterEventLoop repeats it; tests may drive the loop with it directly.
   void RunOneTurn();
 

@@ -25,8 +25,8 @@ size_t OmTimeoutList::LowerBound(const OmTimeVal& when) const {
   return lo;
 }
 
-void OmTimeoutList::Insert(OmEventCallback* cb, const OmTimeVal& when) {
-  const Item item{{cb, when}, nextSerial_++};
+void OmTimeoutList::Insert(OmEventCallback* cb, const OmTimeVal& when, bool batched) {
+  const Item item{{cb, when}, nextSerial_++, batched};
   const size_t at = LowerBound(when);
   const bool tie = at < items_.size() && Same(items_[at], item);
   ++mods_;

@@ -25,11 +25,13 @@ struct OmEventTimeout {
 // common case of a deferred deletion.
 class OmTimeoutList {
  public:
-  void Insert(OmEventCallback* cb, const OmTimeVal& when);
+  void Insert(OmEventCallback* cb, const OmTimeVal& when, bool batched = false);
   size_t Length() const { return items_.size(); }
   bool IsEmpty() const { return items_.empty(); }
   // Position 0 is the earliest.
   const OmEventTimeout& operator[](size_t i) const { return items_[i].timeout; }
+  // May fire in the same turn as the due entry before it; see OmEventLoop.
+  bool Batched(size_t i) const { return items_[i].batched; }
   OmEventTimeout TakeFirst();
   // The first entry from the front with exactly this time and callback, or -1.
   long Find(const OmTimeVal& when, const OmEventCallback* cb) const;
@@ -42,7 +44,9 @@ class OmTimeoutList {
  private:
   struct Item {
     OmEventTimeout timeout;
-    uint64_t serial;
+    // Packed into one word: an entry a pending request waits on, too.
+    uint64_t serial : 63;
+    uint64_t batched : 1;
   };
   static bool Same(const Item& a, const Item& b) {
     return a.timeout.time.seconds == b.timeout.time.seconds &&

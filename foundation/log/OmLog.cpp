@@ -261,6 +261,12 @@ bool OmLog::CsGen(unsigned n) const {
   return n < st.cslookup.size() && !st.cslookup[n].empty();
 }
 
+bool OmLog::Admit(unsigned n) {
+  if (CsGen(n)) return true;
+  ++State().counter;
+  return false;
+}
+
 void OmLog::CserverLog(unsigned n, const OmUniString& text) {
   LogState& st = State();
   ++st.counter;

@@ -35,6 +35,10 @@ class OmLog {
   bool CsGen(unsigned n) const;
   // Counts the message and writes it to every destination of n.
   void CserverLog(unsigned n, const OmUniString& text);
+  // Whether CserverLog(n, ...) would write anything. When it would not, the
+  // message is counted here just as CserverLog counts it, so that a caller
+  // may leave out building its text and the line numbers stay the same.
+  bool Admit(unsigned n);
   // Writes what has been collected (one write per file) and flushes every stream.
   void Flush();
   // While on, the lines for log files are collected in memory and written

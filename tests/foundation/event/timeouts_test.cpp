@@ -87,4 +87,26 @@ TEST(TimeoutListTest, DescriptorReadyEveryTurnDoesNotStarveADueTimeout) {
   close(sv[1]);
 }
 
+TEST(TimeoutListTest, BatchedTimeoutsRideAlongInListOrderUntilOneIsNotDueOrNotBatched) {
+  const OmTimeVal start(1000000, 0);
+  FakeEnv env(start);
+  OmEventLoop loop(nullptr);
+  Log log;
+  Probe plain("plain", &log), a("a", &log), b("b", &log), soon("soon", &log), other("other", &log),
+      c("c", &log), late("late", &log);
+  const auto at = [&](long us) { return OmTimeVal(start.seconds, static_cast<uint32_t>(us)); };
+  loop.AddTimeoutEvent(start, &plain);
+  for (auto [us, cb] : {std::pair{2L, &b}, {1L, &a}, {900L, &soon}, {960L, &c}, {2000000L, &late}}) {
+    loop.AddBatchedTimeoutEvent(us < 1000000 ? at(us) : start.PlusSeconds(2), cb);
+  }
+  loop.AddTimeoutEvent(at(950), &other);  // plain: ends a batch, starts the next turn's
+  a.action = [&](OmEvent::cbdispatch) { loop.RemoveTimeoutEvent(at(2), &b); };
+  for (const Log& turn : {Log{"plain", "a", "b:removed", "soon"}, Log{"other", "c"}}) {
+    log.clear();
+    loop.RunOneTurn();
+    EXPECT_EQ(turn, log);
+  }
+  EXPECT_EQ(1u, loop.TimeoutCount());
+}
+
 }  // namespace

@@ -137,12 +137,15 @@ TEST_F(LogTest, PlainLineWithRunningCounterInUtf8) {
   const OmUniString::Unit units[] = {'c', 0xe9};
   logger_.CserverLog(kInfo, "first");
   logger_.CserverLog(kUnlisted, "counted, not written");
+  // Turned away unwritten, yet counted as CserverLog would.
+  EXPECT_FALSE(logger_.Admit(kUnlisted));
+  EXPECT_TRUE(logger_.Admit(kInfo));
   logger_.CserverLog(kInfo, OmUniString(units, 2));
-  EXPECT_EQ(OmLog::MessageCount(), before + 3);
+  EXPECT_EQ(OmLog::MessageCount(), before + 4);
   const std::string head = "2001/09/09 01:46:40.123\t (pid 77)\tprog/area/info\t#";
   const std::string tail = "\tKoramet Brelvane((legacy))\n";
   EXPECT_EQ(File("p.log"), head + std::to_string(before + 1) + tail + "first\n" + head +
-                               std::to_string(before + 3) + tail + "c\xc3\xa9\n");
+                               std::to_string(before + 4) + tail + "c\xc3\xa9\n");
 }
 
 TEST_F(LogTest, FailingOpenIsReported) {
