@@ -199,6 +199,10 @@ const MessageEntry kMessageCatalogue[kMessageCount] = {
      "Check the clients of the command port, or raise maxconnections or the open-file limit of the quelm loadprobe."},
     {51, "quelmloadprobe/listener/info",  // LogClientRefused
      "A command connection from {1}, which the clientallow list does not name, has been closed without a reply."},
+    {52, "quelmloadprobe/child/error",  // LogToolStartFailed
+     "The loadtool (sar/iostat/vmstat) could not be started ({1}); it is tried again every {2} seconds while the quelm loadprobe goes on serving.\n"
+     "This is not logged again until a run of the loadtool ends normally.\n"
+     "Kill off unwanted processes, or raise the open-file limit or descriptorreserve of the quelm loadprobe."},
 };
 
 namespace {
@@ -295,3 +299,4 @@ void LogConnectionBroken(const OmUniString& a1) { Log(48, a1); }
 void LogRequestTimedOut(OmScalar<unsigned int> a1) { Log(49, a1); }
 void LogConnectionLimit(OmScalar<unsigned int> a1) { Log(50, a1); }
 void LogClientRefused(const OmUniString& a1) { Log(51, a1); }
+void LogToolStartFailed(const OmUniString& a1, OmScalar<unsigned int> a2) { Log(52, a1, a2); }
