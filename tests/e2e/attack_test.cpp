@@ -56,9 +56,12 @@ const struct Attack {
      }},
     // Held until the probe is at its cap (or out of descriptors) and has started the tool again.
     {"silent connections up to the descriptor limit", kSample + "sleep 1\n", 128, 10, [](ProbeRunner& p) {
-       std::vector<int> silent;
-       for (int i = 0; i < 200; ++i) silent.push_back(Connect(p.port(), SOCK_NONBLOCK));
-       Eventually([&] { return Sockets(p.pid()) >= 112 || p.Log().find("open connections;") != std::string::npos; });
+       std::vector<int> silent;  // in batches of five, each accepted before the next
+       auto full = [&] { return std::regex_search(p.Log(), std::regex("open connections;|Too many open files")); };
+       while (!full() && silent.size() < 400) {
+         for (int i = 0; i < 5; ++i) silent.push_back(Connect(p.port(), SOCK_NONBLOCK));
+         Eventually([&] { return full() || Sockets(p.pid()) >= int(silent.size()); }, 10s);
+       }
        const std::vector<int> before = p.Children();
        Eventually([&] { return !p.Children().empty() && p.Children() != before; }, 60s);
        for (int fd : silent) close(fd);
