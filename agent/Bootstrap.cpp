@@ -120,6 +120,13 @@ Bootstrap::Bootstrap(const OmUniString& dir, unsigned procs)
   }
   // Even when its own line was unreadable, the file was read in that set.
   if (encoding != nullptr) values.propertiesEncoding = encodingName;
+  // Only 0 is a bad port unless asked for more: a larger number would
+  // otherwise be cut to its low 16 bits.
+  if (values.strictPort != 0 && values.port > 65535) {
+    const SettingKey& port = kSettingKeys[SettingKey::Port];
+    LogScalarAttrBadValue(keyName(SettingKey::Port), static_cast<int>(values.port), static_cast<int>(port.defaultNumber));
+    values.port = port.defaultNumber;
+  }
   Settings::applySampleRateRule(values.sampleRate, values.windowSize);
   resolveRunAs(values);
 }

@@ -199,6 +199,22 @@ const MessageEntry kMessageCatalogue[kMessageCount] = {
      "The user {2}, whom the quelm loadprobe runs as, cannot write in the folder {1}: {3}\n"
      "The most likely cause is incorrect installation.\n"
      "Give the folder {1} to the user {2} (or let the user write in it) and restart the quelm loadprobe."},
+    {51, "quelmloadprobe/listener/info",  // LogConnectionBroken
+     "A command client closed or reset its connection before the reply had been sent ({1}).\n"
+     "The reply was dropped; the quelm loadprobe goes on serving other clients.\n"
+     "Check the client if this happens often."},
+    {52, "quelmloadprobe/listener/moreinfo",  // LogRequestTimedOut
+     "A command connection did not deliver a complete request within {1} seconds and has been closed."},
+    {53, "quelmloadprobe/listener/error",  // LogConnectionLimit
+     "The command port has reached its limit of {1} open connections; new connections wait until some of the open ones end.\n"
+     "This is not logged again until the number of open connections has fallen to half the limit.\n"
+     "Check the clients of the command port, or raise maxconnections or the open-file limit of the quelm loadprobe."},
+    {54, "quelmloadprobe/listener/info",  // LogClientRefused
+     "A command connection from {1}, which the clientallow list does not name, has been closed without a reply."},
+    {55, "quelmloadprobe/child/error",  // LogToolStartFailed
+     "The loadtool (sar/iostat/vmstat) could not be started ({1}); it is tried again every {2} seconds while the quelm loadprobe goes on serving.\n"
+     "This is not logged again until a run of the loadtool ends normally.\n"
+     "Kill off unwanted processes, or raise the open-file limit or descriptorreserve of the quelm loadprobe."},
 };
 
 namespace {
@@ -296,3 +312,8 @@ void LogToolStalled(OmScalar<unsigned int> a1) { Log(46, a1); }
 void LogPropsMalformed(const OmUniString& a1, const OmUniString& a2, OmScalar<unsigned int> a3) { Log(48, a1, a2, a3); }
 void LogRunAsFail(const OmUniString& a1, const OmUniString& a2) { Log(49, a1, a2); }
 void LogRunAsFolder(const OmUniString& a1, const OmUniString& a2, const OmUniString& a3) { Log(50, a1, a2, a3); }
+void LogConnectionBroken(const OmUniString& a1) { Log(51, a1); }
+void LogRequestTimedOut(OmScalar<unsigned int> a1) { Log(52, a1); }
+void LogConnectionLimit(OmScalar<unsigned int> a1) { Log(53, a1); }
+void LogClientRefused(const OmUniString& a1) { Log(54, a1); }
+void LogToolStartFailed(const OmUniString& a1, OmScalar<unsigned int> a2) { Log(55, a1, a2); }

@@ -14,7 +14,7 @@ struct MessageEntry {
   const char* format;    // {1}, {2}, ... stand for the arguments in order
 };
 
-inline constexpr unsigned kMessageCount = 51;
+inline constexpr unsigned kMessageCount = 56;
 extern const MessageEntry kMessageCatalogue[kMessageCount];
 
 void LogPropsNotFound(const OmUniString& a1);
@@ -68,5 +68,10 @@ void LogToolStalled(OmScalar<unsigned int> a1);
 void LogPropsMalformed(const OmUniString& a1, const OmUniString& a2, OmScalar<unsigned int> a3);
 void LogRunAsFail(const OmUniString& a1, const OmUniString& a2);
 void LogRunAsFolder(const OmUniString& a1, const OmUniString& a2, const OmUniString& a3);
+void LogConnectionBroken(const OmUniString& a1);
+void LogRequestTimedOut(OmScalar<unsigned int> a1);
+void LogConnectionLimit(OmScalar<unsigned int> a1);
+void LogClientRefused(const OmUniString& a1);
+void LogToolStartFailed(const OmUniString& a1, OmScalar<unsigned int> a2);
 
 #endif  // QUELM_AGENT_MESSAGES_H_

@@ -1,5 +1,6 @@
 #include "agent/Settings.h"
 
+#include "foundation/net/OmAddressRange.h"
 #include "foundation/properties/OmProperties.h"
 #include "foundation/string/OmCodeset.h"
 
@@ -9,6 +10,8 @@ bool usableEncoding(const OmUniString& name) {
   const OmCodeset* codeset = OmCodeset::Find(name);
   return codeset != nullptr && OmProperties::Usable(*codeset);
 }
+
+bool isAddressList(const OmUniString& text) { return OmAddressRangeList().Parse(text); }
 
 }  // namespace
 
@@ -43,6 +46,15 @@ const SettingKey kSettingKeys[SettingKey::Count] = {
     {QUELM_KEY "propertiesencoding", nullptr, &Settings::propertiesEncoding, 0, "US-ASCII", 0, true, 0, &usableEncoding},
     {QUELM_KEY "user", nullptr, &Settings::user, 0, "", 0, true, 0},
     {QUELM_KEY "group", nullptr, &Settings::group, 0, "", 0, true, 0},
+    // Hardening of the command port and the logs, each off by default.
+    {QUELM_KEY "closebrokenconnections", &Settings::closeBrokenConnections, nullptr, 0, nullptr, 0, true, 1},
+    {QUELM_KEY "requesttimeout", &Settings::requestTimeout, nullptr, 0, nullptr, 0, true, 86400},
+    {QUELM_KEY "maxconnections", &Settings::maxConnections, nullptr, 0, nullptr, 0, true, 1048576},
+    {QUELM_KEY "descriptorreserve", &Settings::descriptorReserve, nullptr, 0, nullptr, 0, true, 65536},
+    {QUELM_KEY "clientallow", nullptr, &Settings::clientAllow, 0, "", 0, true, 0, &isAddressList},
+    {QUELM_KEY "listenbacklog", &Settings::listenBacklog, nullptr, 5, nullptr, 0, true, 65535},
+    {QUELM_KEY "strictport", &Settings::strictPort, nullptr, 0, nullptr, 0, true, 1},
+    {QUELM_KEY "logfailurenotice", &Settings::logFailureNotice, nullptr, 0, nullptr, 0, true, 1},
 };
 
 #undef QUELM_KEY

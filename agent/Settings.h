@@ -37,6 +37,15 @@ struct Settings {
   // The two looked up (runAsUser below): set only when the switch can be made.
   bool runAs = false;
   OmUnixUser runAsUser;
+  // Hardening of the command port and the logs; each off by default.
+  uint32_t closeBrokenConnections;  // 1: a broken connection ends its circuit only
+  uint32_t requestTimeout;          // seconds a connection may take to send its request
+  uint32_t maxConnections;          // command connections open at once
+  uint32_t descriptorReserve;       // descriptors kept free of command connections
+  OmUniString clientAllow;          // "a.b.c.d[/n],...": who may use the command port
+  uint32_t listenBacklog;           // 0: the system's maximum
+  uint32_t strictPort;              // 1: a port above 65535 is a bad value
+  uint32_t logFailureNotice;        // 1: failing log writes are reported on standard error
 
   Settings();
 
@@ -70,6 +79,14 @@ struct SettingKey {
     PropertiesEncoding,
     User,
     Group,
+    CloseBrokenConnections,
+    RequestTimeout,
+    MaxConnections,
+    DescriptorReserve,
+    ClientAllow,
+    ListenBacklog,
+    StrictPort,
+    LogFailureNotice,
     Count
   };
 

@@ -1,0 +1,97 @@
+// What an operator's worst client (or tool) can do, each attack against the
+// packaged configuration with only the port, folders and tool redirected:
+// the probe survives with its subscriptions, answers a get, gives its
+// descriptors back and keeps its logs small. (On the sample configuration
+// the first kills the probe with SIGPIPE, the second freezes it in the
+// measuring tool's fork retries and the third fills its log folder.)
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "bench/ProcStat.h"
+#include "probe_runner.h"
+
+namespace {
+
+const std::string kGet = "GET /?get&znalbinfo";
+const std::string kSample = "echo h\necho h\necho '0 0 0 1000 2000 3 4 5 6 7 8 9 10 11 12 77'\n";
+
+int Sockets(pid_t pid) {
+  int n = 0;
+  std::error_code ec;
+  for (const auto& fd : fs::directory_iterator("/proc/" + std::to_string(pid) + "/fd", ec))
+    n += fs::read_symlink(fd.path(), ec).string().starts_with("socket:");
+  return n;
+}
+
+int Hosts(int port) {  // subscriptions a get lists; -1 without a whole reply
+  const std::string reply = SendRequest(port, kGet);
+  int n = reply.ends_with("</znalbreply>") ? 0 : -1;
+  for (size_t at = 0; n >= 0 && (at = reply.find("<connection>", at + 1)) != std::string::npos;) ++n;
+  return n;
+}
+
+void Clients(int n, const std::function<void(int)>& client) {  // 8 at a time
+  std::vector<std::jthread> threads;
+  for (int t = 0; t < 8; ++t) threads.emplace_back([&, t] { for (int i = t; i < n; i += 8) client(i); });
+}
+
+const struct Attack {
+  const char* name;
+  std::string tool;
+  int fileLimit, hosts;
+  std::function<void(ProbeRunner&)> run;  // returns when the attackers have left
+} kAttacks[] = {
+    // Half close at once (the reply then meets a closed peer), half reset.
+    {"reset storm during large replies", kSample + "exec sleep 600\n", 0, 2500, [](ProbeRunner& p) {
+       Clients(400, [&](int i) {
+         const int fd = Connect(p.port());
+         const linger reset{1, 0};
+         if (i % 2 == 1) setsockopt(fd, SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
+         if (write(fd, kGet.data(), kGet.size()) > 0) close(fd);
+       });
+     }},
+    // Held until the probe is at its cap (or out of descriptors) and has started the tool again.
+    {"silent connections up to the descriptor limit", kSample + "sleep 1\n", 128, 10, [](ProbeRunner& p) {
+       std::vector<int> silent;  // in batches of five, each accepted before the next
+       auto full = [&] { return std::regex_search(p.Log(), std::regex("open connections;|Too many open files")); };
+       while (!full() && silent.size() < 400) {
+         for (int i = 0; i < 5; ++i) silent.push_back(Connect(p.port(), SOCK_NONBLOCK));
+         Eventually([&] { return full() || Sockets(p.pid()) >= int(silent.size()); }, 10s);
+       }
+       const std::vector<int> before = p.Children();
+       Eventually([&] { return !p.Children().empty() && p.Children() != before; }, 60s);
+       for (int fd : silent) close(fd);
+     }},
+    {"flooding measuring tool", kSample + "exec yes '0 0 0 1000 2000 3 4 5 6 7 8 9 10 11 12 77'\n", 0, 10,
+     [](ProbeRunner& p) {
+       const double cpu = ReadProcSample(p.pid()).cpuSeconds;  // until the probe has read for a while
+       Eventually([&] { return ReadProcSample(p.pid()).cpuSeconds > cpu + 3; });
+     }},
+    // (iv) a resolver that never answers
+};
+
+class AttackTest : public ::testing::TestWithParam<int> {};
+
+TEST_P(AttackTest, ThePackagedProbeSurvivesWithNothingLost) {
+  const Attack& attack = kAttacks[GetParam()];
+  SCOPED_TRACE(attack.name);
+  ProbeRunner probe;
+  probe.UsePackaged(), probe.SetTool(attack.tool), probe.LimitFiles(attack.fileLimit), probe.Start();
+  ASSERT_TRUE(probe.WaitUntilPolling());
+  Clients(attack.hosts, [&](int i) {
+    SendRequest(probe.port(), "<znalbreq type=\"create\"><host>127.0.0.1</host><port>9</port><samplerate>5"
+                "</samplerate><windowsize>3</windowsize><replyfreq>600000</replyfreq><percentchange>100</percentchange>"
+                "<stat>cpu</stat><id>" + std::to_string(i + 1) + "</id><version>1.0</version></znalbreq>");
+  });
+  ASSERT_EQ(Hosts(probe.port()), attack.hosts);
+  const int idle = Sockets(probe.pid());
+  attack.run(probe);
+  EXPECT_TRUE(Eventually([&] { return Sockets(probe.pid()) == idle && Hosts(probe.port()) == attack.hosts; }));
+  EXPECT_LT(ReadProcSample(probe.pid()).hwmKiB, 16 << 10);
+  EXPECT_LT(FolderBytes(probe.dir() + "/logs"), 1 << 20);
+  EXPECT_EQ(probe.Stop(SIGTERM), 92);
+}
+
+INSTANTIATE_TEST_SUITE_P(Table, AttackTest, ::testing::Range(0, int(std::size(kAttacks))));
+
+}  // namespace

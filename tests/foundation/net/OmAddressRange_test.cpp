@@ -1,0 +1,33 @@
+#include "foundation/net/OmAddressRange.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+TEST(OmAddressRangeTest, ListsMembershipAtPrefixEdgesAndStrictParsing) {
+  const struct {
+    const char* list;
+    const char* address;
+    bool inside;
+  } cases[] = {
+      {" 10.1.2.3/8 , 192.168.1.7", "10.255.255.255", true}, {"10.0.0.0/8", "11.0.0.0", false},
+      {"192.168.1.7", "192.168.1.8", false}, {"0.0.0.0/0", "255.255.255.255", true},
+      {"172.16.0.0/12", "172.31.255.255", true}, {"172.16.0.0/12", "172.32.0.0", false},
+      {"127.0.0.1/31", "127.0.0.0", true}, {"  ", "127.0.0.1", false},
+  };
+  for (const auto& c : cases) {
+    OmAddressRangeList list;
+    OmInetAddr a;
+    ASSERT_TRUE(list.Parse(OmUniString(c.list)) && a.FromString(OmUniString(c.address), false));
+    EXPECT_EQ(list.Contains(a), c.inside) << c.list << " " << c.address;
+  }
+  OmAddressRangeList list;
+  ASSERT_TRUE(list.Parse(OmUniString("1.2.3.4")));
+  for (const char* bad : {"10.0.0", "10.0.0.0.0", "256.0.0.1", "10.0.0.1/33", "10.0.0.1/", "1.2.3.4/8x",
+                          "+1.2.3.4", "1.2.3.4junk", "0010.0.0.1", "1..2.3", "1.2.3.4,", "1.2.3.4,,5.6.7.8"}) {
+    EXPECT_FALSE(list.Parse(OmUniString(bad))) << bad;
+  }
+  EXPECT_EQ(list.Size(), 1u);
+}
+
+}  // namespace
