@@ -202,7 +202,7 @@ void OmEventLoop::FireFirstTimeout() {
   // millisecond) fire now instead.
   const OmTimeVal now = OmTimeVal::now();
   for (size_t n = 1; n < kMaxBatch && !timeouts_.IsEmpty(); ++n) {
-    if (!timeouts_.Batched(0) || WaitMilliseconds(now) != 0) return;
+    if (!timeouts_.Batched(0) || WaitMilliseconds(now) > kBatchWindowMs) return;
     const OmEventTimeout due = timeouts_.TakeFirst();
     if (due.callback != nullptr) due.callback->Dispatch(OmEvent::fired);
   }

@@ -49,6 +49,7 @@ class OmEventLoop : public OmEventLoopBase {
   // descriptors are busy. Removed with RemoveTimeoutEvent as usual.
   bool AddBatchedTimeoutEvent(const OmTimeVal& when, OmEventCallback* cb);
   static constexpr size_t kMaxBatch = 256;
+  static constexpr int kBatchWindowMs = 10;
   bool ShouldContinue() const override { return running_; }
 
   void OpenDevPoll() {}
