@@ -187,7 +187,14 @@ const MessageEntry kMessageCatalogue[kMessageCount] = {
      "The attribute {1} has the value {2} which is invalid. The built-in default value {3} will be used instead.\n"
      "The most likely cause is incorrect configuration.\n"
      "Correct the configuration in the quelmloadprobe.properties file and restart the quelm loadprobe."},
-
+    {48, "quelmloadprobe/host/error",  // LogSubscriberRefused
+     "The host {1} has the address {2}, which the subscriberallow list does not hold; no host object has been created for it.\n"
+     "The quelm loadprobe sends load updates only to the addresses that list allows.\n"
+     "Check the create command's host, or add its address to subscriberallow in the quelmloadprobe.properties file."},
+    {49, "quelmloadprobe/host/error",  // LogSubscriberLimit
+     "The quelm loadprobe has {1} hosts, the maxsubscribers limit; further create commands are refused.\n"
+     "This is not logged again until a create finds fewer hosts than the limit.\n"
+     "Kill unused subscriptions, or raise maxsubscribers in the quelmloadprobe.properties file."},
 };
 
 namespace {
@@ -280,3 +287,5 @@ void LogSpeedRecalculated(OmScalar<int> a1, OmScalar<int> a2, OmScalar<int> a3) 
 void LogToolBufferLimit(OmScalar<unsigned int> a1) { Log(44, a1); }
 void LogToolEndedAtOnce(OmScalar<unsigned int> a1, OmScalar<unsigned int> a2) { Log(45, a1, a2); }
 void LogToolStalled(OmScalar<unsigned int> a1) { Log(46, a1); }
+void LogSubscriberRefused(const OmUniString& a1, const OmUniString& a2) { Log(48, a1, a2); }
+void LogSubscriberLimit(OmScalar<unsigned int> a1) { Log(49, a1); }

@@ -1,5 +1,13 @@
 #include "agent/Settings.h"
 
+#include "foundation/net/OmAddressRange.h"
+
+namespace {
+
+bool isAddressList(const OmUniString& text) { return OmAddressRangeList().Parse(text); }
+
+}  // namespace
+
 #define QUELM_KEY "varosa.config.quelmloadbalancing."
 
 const SettingKey kSettingKeys[SettingKey::Count] = {
@@ -28,6 +36,11 @@ const SettingKey kSettingKeys[SettingKey::Count] = {
     {QUELM_KEY "toolrestartbackoff", &Settings::toolRestartBackoff, nullptr, 0, nullptr, 0, true, 1},
     {QUELM_KEY "toolstallintervals", &Settings::toolStallIntervals, nullptr, 0, nullptr, 0, true, UINT32_MAX},
     {QUELM_KEY "speedrecalcinterval", &Settings::speedRecalcInterval, nullptr, 0, nullptr, 0, true, UINT32_MAX},
+    // Subscribers: who, how many, and how long their names may take.
+    {QUELM_KEY "subscriberallow", nullptr, &Settings::subscriberAllow, 0, "", 0, true, 0, &isAddressList},
+    {QUELM_KEY "maxsubscribers", &Settings::maxSubscribers, nullptr, 0, nullptr, 0, true, 1000000},
+    {QUELM_KEY "resolvetimeout", &Settings::resolveTimeout, nullptr, 0, nullptr, 0, true, 3600},
+    {QUELM_KEY "resolvecache", &Settings::resolveCache, nullptr, 0, nullptr, 0, true, 86400},
 };
 
 #undef QUELM_KEY

@@ -28,6 +28,12 @@ struct Settings {
   uint32_t toolRestartBackoff;   // 1: at most one start a sample interval
   uint32_t toolStallIntervals;   // sample intervals without data before a restart
   uint32_t speedRecalcInterval;  // seconds between speed recalculations
+  // Who may subscribe and how subscribers' names are looked up; each is off
+  // (any address, no cap, look-ups in place, nothing kept) at its default.
+  OmUniString subscriberAllow;  // "a.b.c.d[/n],..." a create may name
+  uint32_t maxSubscribers;      // hosts, look-ups under way included
+  uint32_t resolveTimeout;      // seconds a look-up may take
+  uint32_t resolveCache;        // seconds a found address is kept
 
   Settings();
 
@@ -58,6 +64,10 @@ struct SettingKey {
     ToolRestartBackoff,
     ToolStallIntervals,
     SpeedRecalcInterval,
+    SubscriberAllow,
+    MaxSubscribers,
+    ResolveTimeout,
+    ResolveCache,
     Count
   };
 

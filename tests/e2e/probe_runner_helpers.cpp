@@ -57,7 +57,10 @@ void ProbeRunner::Start() {
   std::string config = ReadFile(QUELM_SOURCE_DIR "/config/quelmloadbalancing.properties.sample");
   for (const auto& [key, value] : props_) {
     const std::string line = "\nvarosa.config.quelmloadbalancing." + key + "=";
-    config = std::regex_replace(config, std::regex(line + "[^\n]*"), line + value);
+    const std::regex set(line + "[^\n]*");
+    // A key the sample leaves commented out is added.
+    config = std::regex_search(config, set) ? std::regex_replace(config, set, line + value)
+                                            : config + line + value + "\n";
   }
   WriteFile(dir_ + "/quelmloadbalancing.properties", config);
   std::string binary = QUELM_PROBE_BINARY;
