@@ -28,6 +28,15 @@ struct Settings {
   uint32_t toolRestartBackoff;   // 1: at most one start a sample interval
   uint32_t toolStallIntervals;   // sample intervals without data before a restart
   uint32_t speedRecalcInterval;  // seconds between speed recalculations
+  // Hardening of the command port and the logs; each off by default.
+  uint32_t closeBrokenConnections;  // 1: a broken connection ends its circuit only
+  uint32_t requestTimeout;          // seconds a connection may take to send its request
+  uint32_t maxConnections;          // command connections open at once
+  uint32_t descriptorReserve;       // descriptors kept free of command connections
+  OmUniString clientAllow;          // "a.b.c.d[/n],...": who may use the command port
+  uint32_t listenBacklog;           // 0: the system's maximum
+  uint32_t strictPort;              // 1: a port above 65535 is a bad value
+  uint32_t logFailureNotice;        // 1: failing log writes are reported on standard error
   // Who may subscribe and how subscribers' names are looked up; each is off
   // (any address, no cap, look-ups in place, nothing kept) at its default.
   OmUniString subscriberAllow;  // "a.b.c.d[/n],..." a create may name
@@ -64,6 +73,14 @@ struct SettingKey {
     ToolRestartBackoff,
     ToolStallIntervals,
     SpeedRecalcInterval,
+    CloseBrokenConnections,
+    RequestTimeout,
+    MaxConnections,
+    DescriptorReserve,
+    ClientAllow,
+    ListenBacklog,
+    StrictPort,
+    LogFailureNotice,
     SubscriberAllow,
     MaxSubscribers,
     ResolveTimeout,

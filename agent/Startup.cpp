@@ -36,6 +36,17 @@ void flushLogsCB(OmEventCallback*, OmEvent::cbdispatch) {
   if (OmLog* log = OmLog::Current()) log->Flush();
 }
 
+Listener::Options listenerOptions(const Settings& settings) {
+  Listener::Options options;
+  options.backlog = settings.listenBacklog;
+  options.closeBrokenConnections = settings.closeBrokenConnections != 0;
+  options.requestTimeout = settings.requestTimeout;
+  options.maxConnections = settings.maxConnections;
+  options.descriptorReserve = settings.descriptorReserve;
+  options.clientAllow.Parse(settings.clientAllow);  // checked when read
+  return options;
+}
+
 }  // namespace
 
 int probeMain(int argc, char** argv) {
@@ -52,6 +63,7 @@ int probeMain(int argc, char** argv) {
   mySettings = &myBootstrap->settings();
   const Settings& settings = *mySettings;
   LogStarted();
+  OmLog::SetFailureNotice(settings.logFailureNotice != 0);
 
   myBogomips = new Bogomips(myBootstrap->getProcessors(), settings.multiProcessorFactor);
   myCache = new Cache(settings.minCacheSize, settings.maxVirtualMemory, settings.maxPhysMemory);
@@ -69,6 +81,7 @@ int probeMain(int argc, char** argv) {
   // Deliberately no processExit here: nothing has been announced yet, and no
   // pid file exists.
   myListener = new Listener(eventloop);
+  myListener->setOptions(listenerOptions(settings));
   if (!myListener->startListener(static_cast<int>(settings.port))) return 1;
 
   myPidFile = new PidFile(settings.pidDirectory);
