@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <utility>
 
 #include "agent/Globals.h"
 #include "agent/Messages.h"
@@ -20,7 +21,7 @@ std::map<unsigned, unsigned> HostListMgr::rateCounts;
 std::map<unsigned, unsigned> HostListMgr::entryCounts;
 unsigned HostListMgr::entriesRate = 0;
 std::list<std::unique_ptr<HostListMgr::PendingAdd>> HostListMgr::pendingAdds;
-std::unique_ptr<HostListMgr::Admission> HostListMgr::admissionRules;
+HostListMgr::Admission* HostListMgr::admissionRules = nullptr;
 bool HostListMgr::limitLogged = false;
 
 // A create's wishes while its subscriber's address is looked up.
@@ -77,7 +78,7 @@ void countOut(std::map<unsigned, unsigned>& counts, unsigned key) {
 }  // namespace
 
 void HostListMgr::init(OmEventLoop* loop) {
-  admissionRules.reset();
+  delete std::exchange(admissionRules, nullptr);
   eventloop = loop;
   eventloop->AddTimeoutEvent(OmTimeVal::now().PlusSeconds(CHECK_INTERVAL), &regularTimeoutcb);
 }
@@ -191,7 +192,7 @@ bool HostListMgr::atSubscriberLimit() {
 }
 
 HostListMgr::Admission& HostListMgr::admission() {
-  if (admissionRules == nullptr) admissionRules = std::make_unique<Admission>(*eventloop, *mySettings);
+  if (admissionRules == nullptr) admissionRules = new Admission(*eventloop, *mySettings);
   return *admissionRules;
 }
 
@@ -278,7 +279,7 @@ void HostListMgr::setLoadToolParameters() {
 void HostListMgr::clear() {
   for (const auto& wish : pendingAdds) admissionRules->resolver.Cancel(wish->request);
   pendingAdds.clear();
-  admissionRules.reset();
+  delete std::exchange(admissionRules, nullptr);
   limitLogged = false;
   for (Host* host : HostList) delete host;
   HostList.Clear();

@@ -64,7 +64,8 @@ class HostListMgr {
   static void resolved(PendingAdd* wish, const OmResolver::Answer& answer);
 
   static std::list<std::unique_ptr<PendingAdd>> pendingAdds;
-  static std::unique_ptr<Admission> admissionRules;
+  // Not freed at exit: like the list, it ends with the process.
+  static Admission* admissionRules;
   static bool limitLogged;
 
   // Owned hosts, in insertion order.
