@@ -78,7 +78,7 @@ void countOut(std::map<unsigned, unsigned>& counts, unsigned key) {
 }  // namespace
 
 void HostListMgr::init(OmEventLoop* loop) {
-  delete std::exchange(admissionRules, nullptr);
+  dropAdmission();
   eventloop = loop;
   eventloop->AddTimeoutEvent(OmTimeVal::now().PlusSeconds(CHECK_INTERVAL), &regularTimeoutcb);
 }
@@ -191,6 +191,13 @@ bool HostListMgr::atSubscriberLimit() {
   return true;
 }
 
+void HostListMgr::dropAdmission() {
+  for (const auto& wish : pendingAdds) admissionRules->resolver.Cancel(wish->request);
+  pendingAdds.clear();
+  delete std::exchange(admissionRules, nullptr);
+  limitLogged = false;
+}
+
 HostListMgr::Admission& HostListMgr::admission() {
   if (admissionRules == nullptr) admissionRules = new Admission(*eventloop, *mySettings);
   return *admissionRules;
@@ -277,10 +284,7 @@ void HostListMgr::setLoadToolParameters() {
 }
 
 void HostListMgr::clear() {
-  for (const auto& wish : pendingAdds) admissionRules->resolver.Cancel(wish->request);
-  pendingAdds.clear();
-  delete std::exchange(admissionRules, nullptr);
-  limitLogged = false;
+  dropAdmission();
   for (Host* host : HostList) delete host;
   HostList.Clear();
   rateCounts.clear();

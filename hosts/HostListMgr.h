@@ -56,6 +56,8 @@ class HostListMgr {
 
   // Built from the configuration on first use; init and clear drop it.
   static Admission& admission();
+  // Gives up the adds still waiting, unheard, and the rules.
+  static void dropAdmission();
   // True, logged once a time the limit is reached, when no host may be added.
   static bool atSubscriberLimit();
   static bool isPending(unsigned id);
