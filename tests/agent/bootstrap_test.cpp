@@ -104,6 +104,15 @@ TEST_F(BootstrapTest, BadAndMissingValuesFallBackWithMessages) {
   }
 }
 
+TEST_F(BootstrapTest, StrictPortAndAnAllowListRejectTheirBadValues) {
+  Write("port=70000\nstrictport=1\nclientallow=10.0.0.0/8,10.1\n");
+  EXPECT_EQ(Bootstrap(OmUniString(dir.c_str()), 1).settings().port, 3579u);
+  for (const char* text : {"port has the value 70000 which is invalid. The built-in default value 3579",
+                           "clientallow has the value 10.0.0.0/8,10.1 which is invalid. The built-in default value  will"}) {
+    EXPECT_NE(Log().find(text), std::string::npos) << text;
+  }
+}
+
 // From the file, then as subscribers apply it (the zero-window branches).
 TEST_F(BootstrapTest, SampleRateRule) {
   const struct {
