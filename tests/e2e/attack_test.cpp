@@ -71,48 +71,51 @@ const struct Attack {
     // (iv) a resolver that never answers
 };
 
-TEST(AttackTest, ThePackagedProbeSurvivesEachAttackWithNothingLost) {
+class AttackTest : public ::testing::TestWithParam<int> {};
+
+TEST_P(AttackTest, ThePackagedProbeSurvivesWithNothingLost) {
   const bool figures = getenv("QUELM_ATTACK_FIGURES") != nullptr;
-  for (const Attack& attack : kAttacks) {
-    for (bool packaged : {true, false}) {
-      if (!packaged && !figures) continue;
-      SCOPED_TRACE(attack.name);
-      ProbeRunner probe;
-      if (packaged) probe.UsePackaged();
-      probe.SetTool(attack.tool), probe.LimitFiles(attack.fileLimit), probe.Start();
-      ASSERT_TRUE(probe.WaitUntilPolling());
-      Clients(attack.hosts, [&](int i) {
-        SendRequest(probe.port(), "<znalbreq type=\"create\"><host>127.0.0.1</host><port>9</port><samplerate>5"
-                    "</samplerate><windowsize>3</windowsize><replyfreq>600000</replyfreq><percentchange>100</percentchange>"
-                    "<stat>cpu</stat><id>" + std::to_string(i + 1) + "</id><version>1.0</version></znalbreq>");
-      });
-      ASSERT_EQ(Hosts(probe.port()), attack.hosts);
-      const int idle = Sockets(probe.pid());
-      auto recovered = [&] { return Sockets(probe.pid()) == idle && Hosts(probe.port()) == attack.hosts; };
-      std::atomic<long> worstMs = 0, failed = 0;  // gets during the attack, for the figures
-      std::atomic<bool> over = false;
-      std::jthread getter([&] {
-        for (auto t0 = Clock::now(); !over; std::this_thread::sleep_for(100ms), t0 = Clock::now()) {
-          failed += Hosts(probe.port()) != attack.hosts;
-          worstMs = std::max(worstMs.load(), long((Clock::now() - t0) / 1ms));
-        }
-      });
-      attack.run(probe);
-      const auto left = Clock::now();
-      const bool back = Eventually(recovered, figures ? 5s : 30s);
-      over = true, getter.join();
-      const long hwm = ReadProcSample(probe.pid()).hwmKiB, logKiB = long(FolderBytes(probe.dir() + "/logs") >> 10);
-      if (!figures) {
-        EXPECT_TRUE(back && hwm < (16 << 10) && logKiB < 1024) << hwm << " KiB peak, logs " << logKiB << " KiB";
-        EXPECT_EQ(probe.Stop(SIGTERM), 92);
-        continue;
+  const Attack& attack = kAttacks[GetParam()];
+  SCOPED_TRACE(attack.name);
+  for (bool packaged : {true, false}) {
+    if (!packaged && !figures) continue;
+    ProbeRunner probe;
+    if (packaged) probe.UsePackaged();
+    probe.SetTool(attack.tool), probe.LimitFiles(attack.fileLimit), probe.Start();
+    ASSERT_TRUE(probe.WaitUntilPolling());
+    Clients(attack.hosts, [&](int i) {
+      SendRequest(probe.port(), "<znalbreq type=\"create\"><host>127.0.0.1</host><port>9</port><samplerate>5"
+                  "</samplerate><windowsize>3</windowsize><replyfreq>600000</replyfreq><percentchange>100</percentchange>"
+                  "<stat>cpu</stat><id>" + std::to_string(i + 1) + "</id><version>1.0</version></znalbreq>");
+    });
+    ASSERT_EQ(Hosts(probe.port()), attack.hosts);
+    const int idle = Sockets(probe.pid());
+    auto recovered = [&] { return Sockets(probe.pid()) == idle && Hosts(probe.port()) == attack.hosts; };
+    std::atomic<long> worstMs = 0, failed = 0;  // gets during the attack, for the figures
+    std::atomic<bool> over = false;
+    std::jthread getter([&] {
+      for (auto t0 = Clock::now(); !over; std::this_thread::sleep_for(100ms), t0 = Clock::now()) {
+        failed += Hosts(probe.port()) != attack.hosts;
+        worstMs = std::max(worstMs.load(), long((Clock::now() - t0) / 1ms));
       }
-      printf("FIGURES %s | %s | %s | worst get %ld ms, %ld failed | peak RSS %ld KiB | logs %ld KiB | back after %ld ms\n",
-             attack.name, packaged ? "packaged" : "default", probe.Running() ? "alive" : ("status " + std::to_string(probe.Wait())).c_str(),
-             worstMs.load(), failed.load(), hwm, logKiB, back ? long((Clock::now() - left) / 1ms) : -1L);
-      fflush(stdout);
+    });
+    attack.run(probe);
+    const auto left = Clock::now();
+    const bool back = Eventually(recovered, figures ? 5s : 30s);
+    over = true, getter.join();
+    const long hwm = ReadProcSample(probe.pid()).hwmKiB, logKiB = long(FolderBytes(probe.dir() + "/logs") >> 10);
+    if (!figures) {
+      EXPECT_TRUE(back && hwm < (16 << 10) && logKiB < 1024) << hwm << " KiB peak, logs " << logKiB << " KiB";
+      EXPECT_EQ(probe.Stop(SIGTERM), 92);
+      continue;
     }
+    printf("FIGURES %s | %s | %s | worst get %ld ms, %ld failed | peak RSS %ld KiB | logs %ld KiB | back after %ld ms\n",
+           attack.name, packaged ? "packaged" : "default", probe.Running() ? "alive" : ("status " + std::to_string(probe.Wait())).c_str(),
+           worstMs.load(), failed.load(), hwm, logKiB, back ? long((Clock::now() - left) / 1ms) : -1L);
+    fflush(stdout);
   }
 }
+
+INSTANTIATE_TEST_SUITE_P(Table, AttackTest, ::testing::Range(0, int(std::size(kAttacks))));
 
 }  // namespace
