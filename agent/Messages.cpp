@@ -215,6 +215,14 @@ const MessageEntry kMessageCatalogue[kMessageCount] = {
      "The loadtool (sar/iostat/vmstat) could not be started ({1}); it is tried again every {2} seconds while the quelm loadprobe goes on serving.\n"
      "This is not logged again until a run of the loadtool ends normally.\n"
      "Kill off unwanted processes, or raise the open-file limit or descriptorreserve of the quelm loadprobe."},
+    {56, "quelmloadprobe/host/error",  // LogSubscriberRefused
+     "The host {1} has the address {2}, which the subscriberallow list does not hold; no host object has been created for it.\n"
+     "The quelm loadprobe sends load updates only to the addresses that list allows.\n"
+     "Check the create command's host, or add its address to subscriberallow in the quelmloadprobe.properties file."},
+    {57, "quelmloadprobe/host/error",  // LogSubscriberLimit
+     "The quelm loadprobe has {1} hosts, the maxsubscribers limit; further create commands are refused.\n"
+     "This is not logged again until a create finds fewer hosts than the limit.\n"
+     "Kill unused subscriptions, or raise maxsubscribers in the quelmloadprobe.properties file."},
 };
 
 namespace {
@@ -317,3 +325,5 @@ void LogRequestTimedOut(OmScalar<unsigned int> a1) { Log(52, a1); }
 void LogConnectionLimit(OmScalar<unsigned int> a1) { Log(53, a1); }
 void LogClientRefused(const OmUniString& a1) { Log(54, a1); }
 void LogToolStartFailed(const OmUniString& a1, OmScalar<unsigned int> a2) { Log(55, a1, a2); }
+void LogSubscriberRefused(const OmUniString& a1, const OmUniString& a2) { Log(56, a1, a2); }
+void LogSubscriberLimit(OmScalar<unsigned int> a1) { Log(57, a1); }

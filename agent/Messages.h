@@ -14,7 +14,7 @@ struct MessageEntry {
   const char* format;    // {1}, {2}, ... stand for the arguments in order
 };
 
-inline constexpr unsigned kMessageCount = 56;
+inline constexpr unsigned kMessageCount = 58;
 extern const MessageEntry kMessageCatalogue[kMessageCount];
 
 void LogPropsNotFound(const OmUniString& a1);
@@ -73,5 +73,7 @@ void LogRequestTimedOut(OmScalar<unsigned int> a1);
 void LogConnectionLimit(OmScalar<unsigned int> a1);
 void LogClientRefused(const OmUniString& a1);
 void LogToolStartFailed(const OmUniString& a1, OmScalar<unsigned int> a2);
+void LogSubscriberRefused(const OmUniString& a1, const OmUniString& a2);
+void LogSubscriberLimit(OmScalar<unsigned int> a1);
 
 #endif  // QUELM_AGENT_MESSAGES_H_

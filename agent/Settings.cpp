@@ -55,6 +55,11 @@ const SettingKey kSettingKeys[SettingKey::Count] = {
     {QUELM_KEY "listenbacklog", &Settings::listenBacklog, nullptr, 5, nullptr, 0, true, 65535},
     {QUELM_KEY "strictport", &Settings::strictPort, nullptr, 0, nullptr, 0, true, 1},
     {QUELM_KEY "logfailurenotice", &Settings::logFailureNotice, nullptr, 0, nullptr, 0, true, 1},
+    // Subscribers: who, how many, and how long their names may take.
+    {QUELM_KEY "subscriberallow", nullptr, &Settings::subscriberAllow, 0, "", 0, true, 0, &isAddressList},
+    {QUELM_KEY "maxsubscribers", &Settings::maxSubscribers, nullptr, 0, nullptr, 0, true, 1000000},
+    {QUELM_KEY "resolvetimeout", &Settings::resolveTimeout, nullptr, 0, nullptr, 0, true, 3600},
+    {QUELM_KEY "resolvecache", &Settings::resolveCache, nullptr, 0, nullptr, 0, true, 86400},
 };
 
 #undef QUELM_KEY

@@ -46,6 +46,12 @@ struct Settings {
   uint32_t listenBacklog;           // 0: the system's maximum
   uint32_t strictPort;              // 1: a port above 65535 is a bad value
   uint32_t logFailureNotice;        // 1: failing log writes are reported on standard error
+  // Who may subscribe and how subscribers' names are looked up; each is off
+  // (any address, no cap, look-ups in place, nothing kept) at its default.
+  OmUniString subscriberAllow;  // "a.b.c.d[/n],..." a create may name
+  uint32_t maxSubscribers;      // hosts, look-ups under way included
+  uint32_t resolveTimeout;      // seconds a look-up may take
+  uint32_t resolveCache;        // seconds a found address is kept
 
   Settings();
 
@@ -87,6 +93,10 @@ struct SettingKey {
     ListenBacklog,
     StrictPort,
     LogFailureNotice,
+    SubscriberAllow,
+    MaxSubscribers,
+    ResolveTimeout,
+    ResolveCache,
     Count
   };
 

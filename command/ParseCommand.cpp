@@ -236,8 +236,11 @@ OmUniString& ParseCommand::doGetStatus() {
   return finish();
 }
 
+ParseCommand::~ParseCommand() {
+  if (pending) HostListMgr::forgetAddHost(&createdCallback);
+}
+
 OmUniString& ParseCommand::doCreateHost() {
-  unsigned mask = 0;
   for (const OmUniString* stat : stats) {
     if (stat == nullptr) continue;
     if (*stat == CPU) mask |= Host::CPU;
@@ -245,10 +248,22 @@ OmUniString& ParseCommand::doCreateHost() {
     if (*stat == VMEM) mask |= Host::VMEM;
   }
 
-  if (HostListMgr::addHost(host, port, samplerate, windowsize, replyfreq, percentchange, id,
-                           version, mask) == nullptr) {
-    return errorReply(HOST_NOT_CREATED);
-  }
+  const Host* made =
+      HostListMgr::addHost(host, port, samplerate, windowsize, replyfreq, percentchange, id,
+                           version, mask, lateReply != nullptr ? &createdCallback : nullptr,
+                           &pending);
+  if (pending) return replyText;  // empty until the look-up ends
+  return createdReply(made != nullptr);
+}
+
+void ParseCommand::createdCB(OmCallback<Host*>*, Host* host) {
+  pending = false;
+  lateReply->Dispatch(createdReply(host != nullptr));
+}
+
+OmUniString& ParseCommand::createdReply(bool created) {
+  // Whatever kept the host from being made, the client hears the same.
+  if (!created) return errorReply(HOST_NOT_CREATED);
 
   reply << XMLVERSION << CREATE_REPLY_START;
   writeVersion();

@@ -1,9 +1,11 @@
 #ifndef QUELM_COMMAND_PARSECOMMAND_H_
 #define QUELM_COMMAND_PARSECOMMAND_H_
 
+#include "foundation/event/OmCallback.h"
 #include "foundation/string/OmOSStream.h"
 #include "foundation/string/OmUniString.h"
 
+class Host;
 class Quelm_LbsTransmission;
 
 // Executes one command transmission and builds its reply document. One
@@ -83,12 +85,20 @@ class ParseCommand {
   static const OmUniString NOT_IMPLEMENTED;
 
   ParseCommand() = default;
+  ~ParseCommand();
   ParseCommand(const ParseCommand&) = delete;
   ParseCommand& operator=(const ParseCommand&) = delete;
 
   // Runs the request and returns a complete reply document. The percent
   // escapes of text are undone in place.
   OmUniString& doCommand(OmUniString& text);
+
+  // A create whose subscriber's name is looked up in the background hands
+  // its reply to cb once the host is made or refused; without cb such a
+  // create waits for the look-up in place. Not owned.
+  void setLateReply(OmCallback<const OmUniString&>* cb) { lateReply = cb; }
+  // doCommand returned no reply: it comes through the late-reply callback.
+  bool isPending() const { return pending; }
 
  private:
   // The replies of the commands; only doCommand calls them, after every
@@ -108,6 +118,8 @@ class ParseCommand {
   bool requireNonZero(Quelm_LbsTransmission& transmission, const OmUniString& key,
                       unsigned& field, const OmUniString& error);
 
+  void createdCB(OmCallback<Host*>* cb, Host* host);
+  OmUniString& createdReply(bool created);
   OmUniString& errorReply(const OmUniString& error);
   OmUniString& finish();
   void writeVersion();
@@ -125,6 +137,10 @@ class ParseCommand {
   // Values of the transmission's "stat" attributes; valid only during doCommand.
   OmUniString* stats[3] = {nullptr, nullptr, nullptr};
   OmUniString replyText;  // the finished reply, returned by reference
+  unsigned mask = 0;      // the stats a create asked for
+  bool pending = false;
+  OmCallback<const OmUniString&>* lateReply = nullptr;
+  OmSimpleCallback<Host*, ParseCommand> createdCallback{this, &ParseCommand::createdCB};
 };
 
 #endif  // QUELM_COMMAND_PARSECOMMAND_H_

@@ -37,6 +37,7 @@ RequestCircuit::RequestCircuit(OmEventLoop& loop, int fd, Listener* owner)
 }
 
 RequestCircuit::~RequestCircuit() {
+  waiting.reset();  // its look-up no longer reports here
   if (files == nullptr) return;
   const bool open = files->readFile.Fd() >= 0;
   // Both files hold the one descriptor: close it once.
@@ -99,7 +100,7 @@ void RequestCircuit::readIfWaiting() {
 }
 
 void RequestCircuit::ReadAvail(OmByteBuffer& incoming) {
-  if (finished) return;
+  if (finished || waiting != nullptr) return;
   if (incoming.IsEmpty()) {
     const long waiting = files->readFile.AmountAvailable();
     ReadMore(waiting > 0 ? static_cast<unsigned long>(waiting) : 1);
@@ -133,9 +134,28 @@ void RequestCircuit::reject() {
 void RequestCircuit::DispatchRequest(OmByteBuffer& request) {
   OmUniString text = asText(request);
   // One command per circuit; the circuit outlives it by a second and need
-  // not keep it.
-  ParseCommand parseCommand;
-  const OmUniString& reply = parseCommand.doCommand(text);
+  // not keep it, unless its reply waits for a look-up.
+  auto parseCommand = std::make_unique<ParseCommand>();
+  parseCommand->setLateReply(&lateReplyCallback);
+  const OmUniString& reply = parseCommand->doCommand(text);
+  if (parseCommand->isPending()) {
+    // Nothing more is read: the request is whole, and the reply ends the
+    // connection once it comes.
+    waiting = std::move(parseCommand);
+    while (StopRead() > 0) {
+    }
+    return;
+  }
+  sendReplyText(reply);
+}
+
+void RequestCircuit::lateReplyCB(OmCallback<const OmUniString&>*, const OmUniString& reply) {
+  // A connection that ended meanwhile (closed, timed out) has no one to tell.
+  if (finished || files == nullptr) return;
+  sendReplyText(reply);
+}
+
+void RequestCircuit::sendReplyText(const OmUniString& reply) {
   // The write queue keeps what it still needs of these bytes.
   OmByteBuffer replyBuffer = reply.AsEncoding(OmEncoding::LATIN1);
   // A reply holds protocol text and request bytes only, all below 256, so

@@ -10,6 +10,7 @@
 #include "foundation/string/OmTimeVal.h"
 
 class Listener;
+class ParseCommand;
 
 // One accepted command connection: collects one request, answers it with
 // one reply document and ends.
@@ -46,6 +47,8 @@ class RequestCircuit : public OmByteCircuit {
  private:
   void reject();
   void finish();
+  void lateReplyCB(OmCallback<const OmUniString&>* cb, const OmUniString& reply);
+  void sendReplyText(const OmUniString& reply);
   // Logs text, the reply as text, and sends reply.
   void sendReply(const OmUniString& text, OmByteBuffer& reply, bool close);
   // Hardened ends: close the descriptor now rather than at the deletion.
@@ -74,6 +77,10 @@ class RequestCircuit : public OmByteCircuit {
   Listener* listener;
   OmByteBuffer requestBuffer;
   bool finished = false;
+  // A create whose reply waits for its subscriber's address look-up.
+  std::unique_ptr<ParseCommand> waiting;
+  OmSimpleCallback<const OmUniString&, RequestCircuit> lateReplyCallback{
+      this, &RequestCircuit::lateReplyCB};
 };
 
 #endif  // QUELM_COMMAND_REQUESTCIRCUIT_H_

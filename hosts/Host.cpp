@@ -1,7 +1,5 @@
 #include "hosts/Host.h"
 
-#include <netdb.h>
-
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -11,6 +9,7 @@
 #include "agent/Messages.h"
 #include "agent/Settings.h"
 #include "foundation/event/OmEventLoop.h"
+#include "foundation/net/OmResolver.h"
 #include "hosts/HostListMgr.h"
 #include "hosts/Responder.h"
 #include "measure/Bogomips.h"
@@ -28,7 +27,7 @@ int64_t signedDistance(uint32_t a, uint32_t b) {
 
 Host::Host(const OmUniString& hostName, unsigned hostPort, unsigned sampleRateMs,
            unsigned windowSz, unsigned replyFrequencyMs, unsigned threshold, unsigned hostId,
-           const OmUniString& hostText, unsigned hostFlags)
+           const OmUniString& hostText, unsigned hostFlags, std::nullptr_t)
     : name(hostName),
       port(hostPort),
       sampleRate(sampleRateMs / 1000),
@@ -41,24 +40,38 @@ Host::Host(const OmUniString& hostName, unsigned hostPort, unsigned sampleRateMs
       sendResultsCallback(this, &Host::sendResultsCB) {
   Settings::applySampleRateRule(sampleRate, windowSize);
   if (replyFrequency < MIN_REPLY_FREQUENCY) replyFrequency = MIN_REPLY_FREQUENCY;
-
   const OmTimeVal now = OmTimeVal::now();
   lastSendTime = now;
   nextSendTime = now;
   expiryTime = now;
+}
 
+Host::Host(const OmUniString& hostName, unsigned hostPort, unsigned sampleRateMs,
+           unsigned windowSz, unsigned replyFrequencyMs, unsigned threshold, unsigned hostId,
+           const OmUniString& hostText, unsigned hostFlags, const in_addr& resolved)
+    : Host(hostName, hostPort, sampleRateMs, windowSz, replyFrequencyMs, threshold, hostId,
+           hostText, hostFlags, nullptr) {
+  start(resolved);
+}
+
+Host::Host(const OmUniString& hostName, unsigned hostPort, unsigned sampleRateMs,
+           unsigned windowSz, unsigned replyFrequencyMs, unsigned threshold, unsigned hostId,
+           const OmUniString& hostText, unsigned hostFlags)
+    : Host(hostName, hostPort, sampleRateMs, windowSz, replyFrequencyMs, threshold, hostId,
+           hostText, hostFlags, nullptr) {
   // Numeric addresses resolve here as well as names.
-  const std::string host = name.AsUtf8();
-  const hostent* entry = gethostbyname(host.c_str());
-  if (entry == nullptr || entry->h_addrtype != AF_INET ||
-      entry->h_length != static_cast<int>(sizeof(in_addr)) || entry->h_addr_list[0] == nullptr) {
-    LogAddressLookupFail(name, static_cast<unsigned>(entry == nullptr ? h_errno : NO_DATA));
+  const OmResolver::Answer answer = OmResolver::LookUpNow(name.AsUtf8());
+  if (!answer.found) {
+    LogAddressLookupFail(name, static_cast<unsigned>(answer.failure));
     return;
   }
-  in_addr first;
-  std::memcpy(&first, entry->h_addr_list[0], sizeof first);
-  address = OmInetAddr(first, port);
+  start(answer.address);
+}
 
+void Host::start(const in_addr& resolved) {
+  const OmTimeVal now = OmTimeVal::now();
+  lastSendTime = now;
+  address = OmInetAddr(resolved, port);
   loop = HostListMgr::getEventLoop();
   nextSendTime = now.PlusSeconds(replyFrequency);
   expiryTime = now.PlusSeconds(mySettings->hostLifeTime);

@@ -1,6 +1,7 @@
 #ifndef QUELM_HOSTS_HOST_H_
 #define QUELM_HOSTS_HOST_H_
 
+#include <cstddef>
 #include <cstdint>
 
 #include "foundation/event/OmCallback.h"
@@ -24,6 +25,10 @@ class Host {
   Host(const OmUniString& name, unsigned port, unsigned sampleRateMs, unsigned windowSize,
        unsigned replyFrequencyMs, unsigned percentChangeThreshold, unsigned id,
        const OmUniString& text, unsigned flags);
+  // The same with the name's address already found: no look-up.
+  Host(const OmUniString& name, unsigned port, unsigned sampleRateMs, unsigned windowSize,
+       unsigned replyFrequencyMs, unsigned percentChangeThreshold, unsigned id,
+       const OmUniString& text, unsigned flags, const in_addr& resolved);
   ~Host();
   Host(const Host&) = delete;
   Host& operator=(const Host&) = delete;
@@ -36,6 +41,7 @@ class Host {
 
   bool isValid() const { return valid; }
   const OmUniString& getName() const { return name; }
+  const OmInetAddr& getAddress() const { return address; }
   unsigned getPort() const { return port; }
   unsigned getSampleRate() const { return sampleRate; }     // seconds
   unsigned getWindowSize() const { return windowSize; }
@@ -53,7 +59,13 @@ class Host {
  private:
   // Sends an average and records what was sent; false when the send failed.
   bool send(StatsPacket* stats);
+  // Stores the wishes only; the public constructors then start the host.
+  Host(const OmUniString& name, unsigned port, unsigned sampleRateMs, unsigned windowSize,
+       unsigned replyFrequencyMs, unsigned percentChangeThreshold, unsigned id,
+       const OmUniString& text, unsigned flags, std::nullptr_t);
   void armTimer();
+  // Sets the address and the times and arms the send timer.
+  void start(const in_addr& resolved);
 
   OmUniString name;
   OmInetAddr address;

@@ -2,11 +2,13 @@
 
 #include <algorithm>
 #include <cmath>
+#include <utility>
 
 #include "agent/Globals.h"
 #include "agent/Messages.h"
 #include "agent/Settings.h"
 #include "foundation/event/OmEventLoop.h"
+#include "foundation/net/OmAddressRange.h"
 #include "foundation/string/OmTimeVal.h"
 #include "hosts/Host.h"
 #include "measure/Cache.h"
@@ -18,6 +20,41 @@ OmStaticCallback<OmEvent::cbdispatch> HostListMgr::regularTimeoutcb(&HostListMgr
 std::map<unsigned, unsigned> HostListMgr::rateCounts;
 std::map<unsigned, unsigned> HostListMgr::entryCounts;
 unsigned HostListMgr::entriesRate = 0;
+std::list<std::unique_ptr<HostListMgr::PendingAdd>> HostListMgr::pendingAdds;
+HostListMgr::Admission* HostListMgr::admissionRules = nullptr;
+bool HostListMgr::limitLogged = false;
+
+// A create's wishes while its subscriber's address is looked up.
+struct HostListMgr::PendingAdd {
+  PendingAdd(const OmUniString& hostName, unsigned hostPort, unsigned rateMs, unsigned window,
+             unsigned frequencyMs, unsigned change, unsigned hostId, const OmUniString& hostText,
+             unsigned hostFlags)
+      : name(hostName), port(hostPort), sampleRateMs(rateMs), windowSize(window),
+        replyFrequencyMs(frequencyMs), percentChange(change), id(hostId), text(hostText),
+        flags(hostFlags) {}
+  void resolvedCB(OmResolver::Callback*, const OmResolver::Answer& answer) {
+    HostListMgr::resolved(this, answer);
+  }
+
+  OmUniString name;
+  unsigned port, sampleRateMs, windowSize, replyFrequencyMs, percentChange, id;
+  OmUniString text;
+  unsigned flags;
+  AddHostCallback* done = nullptr;
+  OmResolver::Request* request = nullptr;
+  OmSimpleCallback<const OmResolver::Answer&, PendingAdd> resolvedCallback{
+      this, &PendingAdd::resolvedCB};
+};
+
+// Who may subscribe and how names are looked up, as configured.
+struct HostListMgr::Admission {
+  Admission(OmEventLoop& loop, const Settings& settings)
+      : resolver(loop, settings.resolveTimeout, settings.resolveCache) {
+    allowed.Parse(settings.subscriberAllow);  // checked when the file was read
+  }
+  OmResolver resolver;
+  OmAddressRangeList allowed;  // empty: any address
+};
 
 namespace {
 
@@ -41,6 +78,7 @@ void countOut(std::map<unsigned, unsigned>& counts, unsigned key) {
 }  // namespace
 
 void HostListMgr::init(OmEventLoop* loop) {
+  dropAdmission();
   eventloop = loop;
   eventloop->AddTimeoutEvent(OmTimeVal::now().PlusSeconds(CHECK_INTERVAL), &regularTimeoutcb);
 }
@@ -66,13 +104,44 @@ void HostListMgr::regularTimeoutCB(OmEventCallback*, OmEvent::cbdispatch reason)
 
 Host* HostListMgr::addHost(const OmUniString& name, unsigned port, unsigned sampleRateMs,
                            unsigned windowSize, unsigned replyFrequencyMs, unsigned percentChange,
-                           unsigned id, const OmUniString& text, unsigned flags) {
-  if (HostList.Find(id) != nullptr) return nullptr;  // a subscription is never renewed
+                           unsigned id, const OmUniString& text, unsigned flags,
+                           AddHostCallback* done, bool* pending) {
+  if (pending != nullptr) *pending = false;
+  // A subscription is never renewed, nor asked for twice at once.
+  if (HostList.Find(id) != nullptr || isPending(id)) return nullptr;
+  if (atSubscriberLimit()) return nullptr;
+
+  auto wish = std::make_unique<PendingAdd>(name, port, sampleRateMs, windowSize, replyFrequencyMs,
+                                           percentChange, id, text, flags);
+  OmResolver::Answer answer;
+  if (admission().resolver.Resolve(name.AsUtf8(), answer,
+                                   done != nullptr ? &wish->resolvedCallback : nullptr,
+                                   &wish->request)) {
+    return admit(*wish, answer);
+  }
+  wish->done = done;
+  pendingAdds.push_back(std::move(wish));
+  if (pending != nullptr) *pending = true;
+  return nullptr;
+}
+
+Host* HostListMgr::admit(const PendingAdd& wish, const OmResolver::Answer& answer) {
+  if (!answer.found) {
+    LogAddressLookupFail(wish.name, static_cast<unsigned>(answer.failure));
+    return nullptr;
+  }
+  const OmInetAddr address(answer.address);
+  const OmAddressRangeList& allowed = admission().allowed;
+  if (!allowed.IsEmpty() && !allowed.Contains(address)) {
+    LogSubscriberRefused(wish.name, address.AsString(false));
+    return nullptr;
+  }
 
   Host* host = nullptr;
   try {
-    host = new Host(name, port, sampleRateMs, windowSize, replyFrequencyMs, percentChange, id,
-                    text, flags);
+    host = new Host(wish.name, wish.port, wish.sampleRateMs, wish.windowSize,
+                    wish.replyFrequencyMs, wish.percentChange, wish.id, wish.text, wish.flags,
+                    answer.address);
   } catch (...) {
     return nullptr;
   }
@@ -86,6 +155,52 @@ Host* HostListMgr::addHost(const OmUniString& name, unsigned port, unsigned samp
   LogHostListLen(OmUniString("Add Host"), static_cast<unsigned>(HostList.Length()));
   setLoadToolParameters();
   return host;
+}
+
+void HostListMgr::resolved(PendingAdd* wish, const OmResolver::Answer& answer) {
+  const auto it = std::find_if(pendingAdds.begin(), pendingAdds.end(),
+                               [wish](const auto& p) { return p.get() == wish; });
+  if (it == pendingAdds.end()) return;
+  // Freed on return, with the callback now dispatching this call: nothing
+  // of it is used after that.
+  const std::unique_ptr<PendingAdd> owned = std::move(*it);
+  pendingAdds.erase(it);
+  Host* host = admit(*owned, answer);
+  if (owned->done != nullptr) owned->done->Dispatch(host);
+}
+
+void HostListMgr::forgetAddHost(AddHostCallback* done) {
+  for (const auto& wish : pendingAdds) {
+    if (wish->done == done) wish->done = nullptr;
+  }
+}
+
+bool HostListMgr::isPending(unsigned id) {
+  return std::any_of(pendingAdds.begin(), pendingAdds.end(),
+                     [id](const auto& wish) { return wish->id == id; });
+}
+
+bool HostListMgr::atSubscriberLimit() {
+  const unsigned limit = mySettings->maxSubscribers;
+  if (limit == 0 || HostList.Length() + pendingAdds.size() < limit) {
+    limitLogged = false;
+    return false;
+  }
+  if (!limitLogged) LogSubscriberLimit(limit);
+  limitLogged = true;
+  return true;
+}
+
+void HostListMgr::dropAdmission() {
+  for (const auto& wish : pendingAdds) admissionRules->resolver.Cancel(wish->request);
+  pendingAdds.clear();
+  delete std::exchange(admissionRules, nullptr);
+  limitLogged = false;
+}
+
+HostListMgr::Admission& HostListMgr::admission() {
+  if (admissionRules == nullptr) admissionRules = new Admission(*eventloop, *mySettings);
+  return *admissionRules;
 }
 
 bool HostListMgr::removeHost(unsigned id) {
@@ -169,6 +284,7 @@ void HostListMgr::setLoadToolParameters() {
 }
 
 void HostListMgr::clear() {
+  dropAdmission();
   for (Host* host : HostList) delete host;
   HostList.Clear();
   rateCounts.clear();

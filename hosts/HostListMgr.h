@@ -1,9 +1,13 @@
 #ifndef QUELM_HOSTS_HOSTLISTMGR_H_
 #define QUELM_HOSTS_HOSTLISTMGR_H_
 
+#include <cstddef>
+#include <list>
 #include <map>
+#include <memory>
 
 #include "foundation/event/OmCallback.h"
+#include "foundation/net/OmResolver.h"
 #include "foundation/string/OmUniString.h"
 #include "hosts/HostTable.h"
 
@@ -15,11 +19,22 @@ class HostListMgr {
  public:
   static constexpr unsigned CHECK_INTERVAL = 3600;  // seconds between expiry checks
 
+  // Receives the outcome of an add that waited for its name: the host or null.
+  using AddHostCallback = OmCallback<Host*>;
+
   static void init(OmEventLoop* loop);
-  // The new host, or null: duplicate id, unresolvable name, or construction failed.
+  // The new host, or null: duplicate id, subscriber limit reached, name
+  // unresolvable or not allowed, or construction failed. With done, a name
+  // whose look-up runs in the background sets *pending and returns null;
+  // done is dispatched with the outcome later. Without done, the look-up
+  // waits in place.
   static Host* addHost(const OmUniString& name, unsigned port, unsigned sampleRateMs,
                        unsigned windowSize, unsigned replyFrequencyMs, unsigned percentChange,
-                       unsigned id, const OmUniString& text, unsigned flags);
+                       unsigned id, const OmUniString& text, unsigned flags,
+                       AddHostCallback* done = nullptr, bool* pending = nullptr);
+  // done is going away: its add goes on, unheard.
+  static void forgetAddHost(AddHostCallback* done);
+  static size_t getPendingCount() { return pendingAdds.size(); }
   static bool removeHost(unsigned id);
   static void percentChangeCheck(unsigned idle);
   // Costs O(log n) unless the smallest sample rate changed since the last
@@ -36,6 +51,25 @@ class HostListMgr {
   static OmEventLoop* getEventLoop() { return eventloop; }
 
  private:
+  struct PendingAdd;
+  struct Admission;
+
+  // Built from the configuration on first use; init and clear drop it.
+  static Admission& admission();
+  // Gives up the adds still waiting, unheard, and the rules.
+  static void dropAdmission();
+  // True, logged once a time the limit is reached, when no host may be added.
+  static bool atSubscriberLimit();
+  static bool isPending(unsigned id);
+  // Ends an add whose address look-up has ended.
+  static Host* admit(const PendingAdd& wish, const OmResolver::Answer& answer);
+  static void resolved(PendingAdd* wish, const OmResolver::Answer& answer);
+
+  static std::list<std::unique_ptr<PendingAdd>> pendingAdds;
+  // Not freed at exit: like the list, it ends with the process.
+  static Admission* admissionRules;
+  static bool limitLogged;
+
   // Owned hosts, in insertion order.
   static HostTable HostList;
   static OmEventLoop* eventloop;

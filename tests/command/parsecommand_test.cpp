@@ -102,4 +102,26 @@ TEST_F(ParseCommandTest, GetListsEveryHostAndPercentEscapesAreDecoded) {
   EXPECT_EQ("<znalbreq type=kill><id>9</id><version>1.0</version><host>%3C</host>", text.AsUtf8());
 }
 
+// A create the allow-list or the limit refuses answers like any create that
+// made no host; the limit is logged once each time it is reached.
+TEST_F(ParseCommandTest, AllowListAndSubscriberLimitRefuseCreates) {
+  settings.subscriberAllow = OmUniString("10.0.0.0/8, 127.0.0.1");
+  settings.maxSubscribers = 2;
+  const struct {
+    std::string host, id;
+    bool made;
+  } cases[] = {{"127.0.0.1", "1", true}, {"127.0.0.2", "2", false}, {"10.9.8.7", "3", true},
+               {"10.1.1.1", "4", false}, {"10.1.1.2", "5", false}, {"kill", "1", true},
+               {"10.1.1.2", "5", true},  {"10.1.1.1", "4", false}};
+  for (const auto& c : cases) {
+    const std::string reply =
+        c.host == "kill" ? run(OmUniString("<znalbreq type=\"kill\"><version>1.0</version><id>" +
+                                           c.id + "</id></znalbreq>"))
+                         : run(OmUniString(createRequest({{"host", c.host}, {"id", c.id}})));
+    EXPECT_EQ(c.made, reply.find("Host not created") == std::string::npos) << c.host << reply;
+  }
+  EXPECT_EQ(1u, logged("The host 127.0.0.2 has the address 127.0.0.2, which the subscriberallow"));
+  EXPECT_EQ(2u, logged("The quelm loadprobe has 2 hosts, the maxsubscribers limit"));
+}
+
 }  // namespace

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <vector>
 
 #include "AgentFixture.h"
 
@@ -72,6 +73,39 @@ TEST_F(HostListTest, RemovalKeepsOrderAndRetunesTheCache) {
                                           10000, 10, 2, OmUniString(), Host::CPU));
   EXPECT_NE(nullptr, addHost(100, Host::CPU));
   EXPECT_EQ(100u, HostListMgr::getHosts()[50]->getId());
+}
+
+// With a time limit a name is looked up in the background and the add ends
+// from the loop; a found name is then kept until its time is up.
+TEST_F(HostListTest, NamesLookedUpInTheBackgroundAndKept) {
+  settings.resolveTimeout = 30;
+  settings.resolveCache = 60;
+  struct Done : HostListMgr::AddHostCallback {
+    std::vector<Host*> hosts;
+    void Dispatch(Host* host) override { hosts.push_back(host); }
+  } done;
+  bool pending = false;
+  auto add = [&](unsigned id) {
+    return HostListMgr::addHost(OmUniString("localhost"), port, 5000, 3, 10000, 10, id,
+                                OmUniString(), Host::CPU, &done, &pending);
+  };
+  auto waitFor = [&](size_t n) {
+    for (int turn = 0; turn < 1000 && done.hosts.size() < n; ++turn) loop.RunOneTurn();
+    return done.hosts.size() == n;
+  };
+  EXPECT_EQ(nullptr, add(1));
+  EXPECT_TRUE(pending);
+  EXPECT_EQ(nullptr, add(1));  // asked for twice at once
+  EXPECT_FALSE(pending);
+  ASSERT_TRUE(waitFor(1));
+  ASSERT_NE(nullptr, done.hosts[0]);
+  EXPECT_EQ("127.0.0.1", done.hosts[0]->getAddress().AsString(false).AsUtf8());
+  EXPECT_NE(nullptr, add(2));
+  env.now = env.now.PlusSeconds(60);
+  EXPECT_EQ(nullptr, add(3));
+  EXPECT_TRUE(pending);
+  ASSERT_TRUE(waitFor(2));
+  EXPECT_EQ(3u, HostListMgr::getHosts().Length());
 }
 
 }  // namespace

@@ -1,0 +1,115 @@
+// A subscriber name whose name server never answers: with a look-up time
+// limit the probe keeps serving while the look-up hangs, and the create is
+// refused once the limit passes.
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <net/if.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sched.h>
+#include <sys/ioctl.h>
+#include <sys/mount.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "probe_runner.h"
+
+namespace {
+
+std::string CreateRequest(const std::string& host, int id) {
+  return "<znalbreq type=\"create\"><host>" + host + "</host><port>9</port><samplerate>5000"
+         "</samplerate><windowsize>3</windowsize><replyfreq>10000</replyfreq><percentchange>5"
+         "</percentchange><id>" + std::to_string(id) + "</id><stat>cpu</stat><version>1.0"
+         "</version></znalbreq>";
+}
+
+// This process in network and mount namespaces of its own, with loopback up,
+// a name server on 127.0.0.1:53 that takes queries and never answers, and a
+// resolver configuration naming it. Probes started meanwhile inherit all of
+// it; the destructor returns the process to where it was.
+class SilentNameServer {
+ public:
+  explicit SilentNameServer(const std::string& dir) {
+    net_ = open("/proc/self/ns/net", O_RDONLY | O_CLOEXEC);
+    mnt_ = open("/proc/self/ns/mnt", O_RDONLY | O_CLOEXEC);
+    if (net_ < 0 || mnt_ < 0 || unshare(CLONE_NEWNET | CLONE_NEWNS) != 0) return;
+    entered_ = true;
+    const std::string conf = dir + "/resolv.conf";
+    ProbeRunner::WriteFile(conf, "nameserver 127.0.0.1\noptions timeout:30 attempts:1\n");
+    ifreq lo{};
+    std::snprintf(lo.ifr_name, IFNAMSIZ, "lo");
+    const int any = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    const bool up = ioctl(any, SIOCGIFFLAGS, &lo) == 0 && (lo.ifr_flags |= IFF_UP) &&
+                    ioctl(any, SIOCSIFFLAGS, &lo) == 0;
+    close(any);
+    server_ = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    sockaddr_in at{AF_INET, htons(53), {htonl(INADDR_LOOPBACK)}, {}};
+    ready_ = up && bind(server_, reinterpret_cast<sockaddr*>(&at), sizeof at) == 0 &&
+             mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+             mount(conf.c_str(), "/etc/resolv.conf", nullptr, MS_BIND, nullptr) == 0;
+  }
+  ~SilentNameServer() {
+    if (server_ >= 0) close(server_);
+    if (entered_) {
+      EXPECT_TRUE(setns(net_, CLONE_NEWNET) == 0 && setns(mnt_, CLONE_NEWNS) == 0);
+    }
+    close(net_), close(mnt_);
+  }
+  bool Entered() const { return entered_; }
+  bool Ready() const { return ready_; }
+
+ private:
+  int net_ = -1, mnt_ = -1, server_ = -1;
+  bool entered_ = false, ready_ = false;
+};
+
+// The attack: one create naming a host only the silent server could find.
+// Meanwhile the probe answers a get and keeps its subscription; the create
+// is refused once the look-up's time limit has passed.
+void HangingLookUpDoesNotStallTheProbe(ProbeRunner& probe) {
+  const std::string created = SendRequest(probe.port(), CreateRequest("127.0.0.1", 1));
+  ASSERT_NE(std::string::npos, created.find("<znalbreply type=\"create\">")) << created;
+
+  const int hanging = Connect(probe.port());
+  const std::string attack = CreateRequest("subscriber.quelm.test", 2);
+  ASSERT_EQ(static_cast<ssize_t>(attack.size()), write(hanging, attack.data(), attack.size()));
+  ASSERT_TRUE(probe.WaitForLog("subscriber.quelm.test"));  // the look-up is under way
+  const std::string get = SendRequest(probe.port(), "GET /?get&znalbinfo");
+  pollfd waiting{hanging, POLLIN, 0};
+  EXPECT_EQ(0, poll(&waiting, 1, 0)) << "the create was answered before the get";
+  EXPECT_NE(std::string::npos, get.find("<connection><id>1</id><host>127.0.0.1</host>")) << get;
+
+  std::string refused;
+  char buf[1024];
+  for (pollfd p{hanging, POLLIN, 0}; poll(&p, 1, 60000) > 0;) {
+    const ssize_t n = read(hanging, buf, sizeof buf);
+    if (n <= 0) break;
+    refused.append(buf, static_cast<size_t>(n));
+  }
+  close(hanging);
+  EXPECT_NE(std::string::npos, refused.find("<error>get /Host not created</error>")) << refused;
+  EXPECT_TRUE(probe.WaitForLog(
+      "Failed to read the address for subscriber.quelm.test from DNS; result was 2."));
+  const std::string after = SendRequest(probe.port(), "GET /?get&znalbinfo");
+  EXPECT_NE(std::string::npos, after.find("<connection><id>1</id>")) << after;
+  EXPECT_EQ(std::string::npos, after.find("<id>2</id>")) << after;
+  EXPECT_TRUE(probe.Running());
+}
+
+TEST(ResolverAttackTest, HangingNameServerWithLookUpLimit) {
+  char tmpl[] = "/tmp/quelm-dns-XXXXXX";
+  const std::string dir = mkdtemp(tmpl);
+  {
+    SilentNameServer dns(dir);
+    if (!dns.Entered()) GTEST_SKIP() << "no namespaces of our own (needs root)";
+    ASSERT_TRUE(dns.Ready());
+    ProbeRunner probe;
+    probe.Set("resolvetimeout", "8");
+    probe.Start();
+    ASSERT_TRUE(probe.WaitUntilPolling());
+    HangingLookUpDoesNotStallTheProbe(probe);
+  }
+  fs::remove_all(dir);
+}
+
+}  // namespace
