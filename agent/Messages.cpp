@@ -187,7 +187,14 @@ const MessageEntry kMessageCatalogue[kMessageCount] = {
      "The attribute {1} has the value {2} which is invalid. The built-in default value {3} will be used instead.\n"
      "The most likely cause is incorrect configuration.\n"
      "Correct the configuration in the quelmloadprobe.properties file and restart the quelm loadprobe."},
-
+    {48, "quelmloadprobe/listener/error",  // LogReplyPortFailed
+     "The {1} port could not be opened on {2}: {3}.\n"
+     "The loadprobe runs on without it; load balancers and collectors that use it get no answer.\n"
+     "Choose a free port or another address in the quelmloadprobe.properties file and restart the loadprobe."},
+    {49, "quelmloadprobe/results/info",  // LogAgentCheckDrain
+     "The agent check now answers drain: average idle {1}, free virtual memory {2} percent."},
+    {50, "quelmloadprobe/results/info",  // LogAgentCheckReady
+     "The agent check now answers ready again: average idle {1}, free virtual memory {2} percent."},
 };
 
 namespace {
@@ -280,3 +287,6 @@ void LogSpeedRecalculated(OmScalar<int> a1, OmScalar<int> a2, OmScalar<int> a3) 
 void LogToolBufferLimit(OmScalar<unsigned int> a1) { Log(44, a1); }
 void LogToolEndedAtOnce(OmScalar<unsigned int> a1, OmScalar<unsigned int> a2) { Log(45, a1, a2); }
 void LogToolStalled(OmScalar<unsigned int> a1) { Log(46, a1); }
+void LogReplyPortFailed(const OmUniString& a1, const OmUniString& a2, const OmUniString& a3) { Log(48, a1, a2, a3); }
+void LogAgentCheckDrain(OmScalar<unsigned int> a1, OmScalar<unsigned int> a2) { Log(49, a1, a2); }
+void LogAgentCheckReady(OmScalar<unsigned int> a1, OmScalar<unsigned int> a2) { Log(50, a1, a2); }

@@ -1,5 +1,16 @@
 #include "agent/Settings.h"
 
+#include "foundation/net/OmInetAddr.h"
+
+namespace {
+
+bool isAddress(const OmUniString& text) {
+  OmInetAddr address;
+  return address.FromString(text, false);
+}
+
+}  // namespace
+
 #define QUELM_KEY "varosa.config.quelmloadbalancing."
 
 const SettingKey kSettingKeys[SettingKey::Count] = {
@@ -28,6 +39,14 @@ const SettingKey kSettingKeys[SettingKey::Count] = {
     {QUELM_KEY "toolrestartbackoff", &Settings::toolRestartBackoff, nullptr, 0, nullptr, 0, true, 1},
     {QUELM_KEY "toolstallintervals", &Settings::toolStallIntervals, nullptr, 0, nullptr, 0, true, UINT32_MAX},
     {QUELM_KEY "speedrecalcinterval", &Settings::speedRecalcInterval, nullptr, 0, nullptr, 0, true, UINT32_MAX},
+    // The agent check for HAProxy and the metrics page, each off by default.
+    {QUELM_KEY "agentcheckport", &Settings::agentCheckPort, nullptr, 0, nullptr, 0, true, 65535},
+    {QUELM_KEY "agentcheckmemoryweight", &Settings::agentCheckMemoryWeight, nullptr, 0, nullptr, 0, true, 100},
+    {QUELM_KEY "agentcheckdrainidle", &Settings::agentCheckDrainIdle, nullptr, 0, nullptr, 0, true, 100},
+    {QUELM_KEY "agentcheckdrainmemory", &Settings::agentCheckDrainMemory, nullptr, 0, nullptr, 0, true, 100},
+    {QUELM_KEY "metricsport", &Settings::metricsPort, nullptr, 0, nullptr, 0, true, 65535},
+    // Loopback: the page is unauthenticated, so reaching it from elsewhere is a choice.
+    {QUELM_KEY "metricsaddress", nullptr, &Settings::metricsAddress, 0, "127.0.0.1", 0, true, 0, &isAddress},
 };
 
 #undef QUELM_KEY

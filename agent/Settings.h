@@ -28,6 +28,13 @@ struct Settings {
   uint32_t toolRestartBackoff;   // 1: at most one start a sample interval
   uint32_t toolStallIntervals;   // sample intervals without data before a restart
   uint32_t speedRecalcInterval;  // seconds between speed recalculations
+  // The agent check and metrics ports; 0 leaves each closed.
+  uint32_t agentCheckPort;
+  uint32_t agentCheckMemoryWeight;  // percent of the weight taken from free virtual memory
+  uint32_t agentCheckDrainIdle;     // percent idle below which the answer is drain
+  uint32_t agentCheckDrainMemory;   // percent free virtual memory below which it is drain
+  uint32_t metricsPort;
+  OmUniString metricsAddress;
 
   Settings();
 
@@ -58,6 +65,12 @@ struct SettingKey {
     ToolRestartBackoff,
     ToolStallIntervals,
     SpeedRecalcInterval,
+    AgentCheckPort,
+    AgentCheckMemoryWeight,
+    AgentCheckDrainIdle,
+    AgentCheckDrainMemory,
+    MetricsPort,
+    MetricsAddress,
     Count
   };
 

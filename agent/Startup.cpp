@@ -8,7 +8,10 @@
 #include "agent/PidFile.h"
 #include "agent/ProcessExit.h"
 #include "agent/Settings.h"
+#include "command/AgentCheck.h"
 #include "command/Listener.h"
+#include "command/MetricsPage.h"
+#include "command/ReplyListener.h"
 #include "foundation/event/OmEventLoop.h"
 #include "foundation/log/OmLog.h"
 #include "foundation/process/OmUnixProcess.h"
@@ -34,6 +37,25 @@ void raiseOpenFileLimit() {
 // Before the loop waits: the log lines of the turn go out together.
 void flushLogsCB(OmEventCallback*, OmEvent::cbdispatch) {
   if (OmLog* log = OmLog::Current()) log->Flush();
+}
+
+// The agent check and metrics ports, each only when configured. A port that
+// cannot be opened is logged and the probe runs on without it; like the
+// command port, they end with the process.
+void startReplyPorts(const Settings& settings) {
+  if (settings.agentCheckPort != 0) {
+    auto* listener = new ReplyListener(eventloop, "agent check", *new AgentCheck(settings));
+    OmInetAddr address = OmInetAddr::AddressAny();
+    address.Port(settings.agentCheckPort);
+    listener->start(address);
+  }
+  if (settings.metricsPort != 0) {
+    auto* listener = new ReplyListener(eventloop, "metrics", *new MetricsPage);
+    OmInetAddr address;
+    address.FromString(settings.metricsAddress, false);
+    address.Port(settings.metricsPort);
+    listener->start(address);
+  }
 }
 
 }  // namespace
@@ -70,6 +92,7 @@ int probeMain(int argc, char** argv) {
   // pid file exists.
   myListener = new Listener(eventloop);
   if (!myListener->startListener(static_cast<int>(settings.port))) return 1;
+  startReplyPorts(settings);
 
   myPidFile = new PidFile(settings.pidDirectory);
 

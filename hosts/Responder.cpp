@@ -1,5 +1,6 @@
 #include "hosts/Responder.h"
 
+#include "agent/Counters.h"
 #include "agent/Globals.h"
 #include "agent/Messages.h"
 #include "agent/Settings.h"
@@ -62,10 +63,12 @@ OmStatus::Value Responder::sendPacket(const OmOSStream& packet, const OmInetAddr
     default: break;
   }
   if (failure != nullptr) {
+    ++probeCounters.loadPacketsFailed;
     LogLoadPacketFail(hostName, destination, OmUniString(failure),
                       static_cast<unsigned>(socket.LastError().Errno()));
     return OmStatus::Failure;
   }
+  ++probeCounters.loadPacketsSent;
   LogLoadPacketSent(hostName, destination);
   return OmStatus::Success;
 }
