@@ -42,19 +42,23 @@ void flushLogsCB(OmEventCallback*, OmEvent::cbdispatch) {
 // The agent check and metrics ports, each only when configured. A port that
 // cannot be opened is logged and the probe runs on without it; like the
 // command port, they end with the process.
+ReplyListener* agentCheckListener = nullptr;
+ReplyListener* metricsListener = nullptr;
+
 void startReplyPorts(const Settings& settings) {
   if (settings.agentCheckPort != 0) {
-    auto* listener = new ReplyListener(eventloop, "agent check", *new AgentCheck(settings));
+    agentCheckListener =
+        new ReplyListener(eventloop, "agent check", std::make_unique<AgentCheck>(settings));
     OmInetAddr address = OmInetAddr::AddressAny();
     address.Port(settings.agentCheckPort);
-    listener->start(address);
+    agentCheckListener->start(address);
   }
   if (settings.metricsPort != 0) {
-    auto* listener = new ReplyListener(eventloop, "metrics", *new MetricsPage);
+    metricsListener = new ReplyListener(eventloop, "metrics", std::make_unique<MetricsPage>());
     OmInetAddr address;
     address.FromString(settings.metricsAddress, false);
     address.Port(settings.metricsPort);
-    listener->start(address);
+    metricsListener->start(address);
   }
 }
 

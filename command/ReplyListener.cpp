@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <utility>
 
 #include "agent/Messages.h"
 #include "foundation/event/OmEventLoop.h"
@@ -72,7 +73,7 @@ class ReplyCircuit : public OmByteCircuit {
  private:
   void consult() {
     OmByteBuffer reply;
-    switch (owner.service.serve(received, reply)) {
+    switch (owner.service->serve(received, reply)) {
       case ReplyListener::Service::Wait:
         if (total > ReplyListener::MAXINPUT) finish();
         return;
@@ -124,10 +125,10 @@ class ReplyCircuit : public OmByteCircuit {
   bool done = false;
 };
 
-ReplyListener::ReplyListener(OmEventLoop& l, const char* n, Service& s)
+ReplyListener::ReplyListener(OmEventLoop& l, const char* n, std::unique_ptr<Service> s)
     : loop(l),
       name(n),
-      service(s),
+      service(std::move(s)),
       acceptCallback(this, &ReplyListener::acceptCB),
       resumeCallback(this, &ReplyListener::resumeCB),
       reapCallback(this, &ReplyListener::reapCB) {}

@@ -2,6 +2,7 @@
 #define QUELM_COMMAND_REPLYLISTENER_H_
 
 #include <cstddef>
+#include <memory>
 #include <vector>
 
 #include "foundation/event/OmCallback.h"
@@ -38,7 +39,7 @@ class ReplyListener {
   static constexpr size_t MAXCONNECTIONS = 64;
 
   // name: how failures name this port in the log.
-  ReplyListener(OmEventLoop& loop, const char* name, Service& service);
+  ReplyListener(OmEventLoop& loop, const char* name, std::unique_ptr<Service> service);
   ~ReplyListener();
   ReplyListener(const ReplyListener&) = delete;
   ReplyListener& operator=(const ReplyListener&) = delete;
@@ -62,7 +63,7 @@ class ReplyListener {
 
   OmEventLoop& loop;
   const char* name;
-  Service& service;
+  std::unique_ptr<Service> service;
   OmSimpleCallback<OmEvent::cbdispatch, ReplyListener> acceptCallback;
   OmSimpleCallback<OmEvent::cbdispatch, ReplyListener> resumeCallback;
   OmSimpleCallback<OmEvent::cbdispatch, ReplyListener> reapCallback;
