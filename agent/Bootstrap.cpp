@@ -105,6 +105,13 @@ Bootstrap::Bootstrap(const OmUniString& dir, unsigned procs)
       key.set(values, GetOptionalString(static_cast<SettingKey::Id>(id)));
     }
   }
+  // Only 0 is a bad port unless asked for more: a larger number would
+  // otherwise be cut to its low 16 bits.
+  if (values.strictPort != 0 && values.port > 65535) {
+    const SettingKey& port = kSettingKeys[SettingKey::Port];
+    LogScalarAttrBadValue(keyName(SettingKey::Port), static_cast<int>(values.port), static_cast<int>(port.defaultNumber));
+    values.port = port.defaultNumber;
+  }
   Settings::applySampleRateRule(values.sampleRate, values.windowSize);
 }
 

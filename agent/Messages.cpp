@@ -187,13 +187,25 @@ const MessageEntry kMessageCatalogue[kMessageCount] = {
      "The attribute {1} has the value {2} which is invalid. The built-in default value {3} will be used instead.\n"
      "The most likely cause is incorrect configuration.\n"
      "Correct the configuration in the quelmloadprobe.properties file and restart the quelm loadprobe."},
-    {48, "quelmloadprobe/listener/error",  // LogReplyPortFailed
+    {48, "quelmloadprobe/listener/info",  // LogConnectionBroken
+     "A command client closed or reset its connection before the reply had been sent ({1}).\n"
+     "The reply was dropped; the quelm loadprobe goes on serving other clients.\n"
+     "Check the client if this happens often."},
+    {49, "quelmloadprobe/listener/moreinfo",  // LogRequestTimedOut
+     "A command connection did not deliver a complete request within {1} seconds and has been closed."},
+    {50, "quelmloadprobe/listener/error",  // LogConnectionLimit
+     "The command port has reached its limit of {1} open connections; new connections wait until some of the open ones end.\n"
+     "This is not logged again until the number of open connections has fallen to half the limit.\n"
+     "Check the clients of the command port, or raise maxconnections or the open-file limit of the quelm loadprobe."},
+    {51, "quelmloadprobe/listener/info",  // LogClientRefused
+     "A command connection from {1}, which the clientallow list does not name, has been closed without a reply."},
+    {52, "quelmloadprobe/listener/error",  // LogReplyPortFailed
      "The {1} port could not be opened on {2}: {3}.\n"
      "The loadprobe runs on without it; load balancers and collectors that use it get no answer.\n"
      "Choose a free port or another address in the quelmloadprobe.properties file and restart the loadprobe."},
-    {49, "quelmloadprobe/results/info",  // LogAgentCheckDrain
+    {53, "quelmloadprobe/results/info",  // LogAgentCheckDrain
      "The agent check now answers drain: average idle {1}, free virtual memory {2} percent."},
-    {50, "quelmloadprobe/results/info",  // LogAgentCheckReady
+    {54, "quelmloadprobe/results/info",  // LogAgentCheckReady
      "The agent check now answers ready again: average idle {1}, free virtual memory {2} percent."},
 };
 
@@ -287,6 +299,10 @@ void LogSpeedRecalculated(OmScalar<int> a1, OmScalar<int> a2, OmScalar<int> a3) 
 void LogToolBufferLimit(OmScalar<unsigned int> a1) { Log(44, a1); }
 void LogToolEndedAtOnce(OmScalar<unsigned int> a1, OmScalar<unsigned int> a2) { Log(45, a1, a2); }
 void LogToolStalled(OmScalar<unsigned int> a1) { Log(46, a1); }
-void LogReplyPortFailed(const OmUniString& a1, const OmUniString& a2, const OmUniString& a3) { Log(48, a1, a2, a3); }
-void LogAgentCheckDrain(OmScalar<unsigned int> a1, OmScalar<unsigned int> a2) { Log(49, a1, a2); }
-void LogAgentCheckReady(OmScalar<unsigned int> a1, OmScalar<unsigned int> a2) { Log(50, a1, a2); }
+void LogConnectionBroken(const OmUniString& a1) { Log(48, a1); }
+void LogRequestTimedOut(OmScalar<unsigned int> a1) { Log(49, a1); }
+void LogConnectionLimit(OmScalar<unsigned int> a1) { Log(50, a1); }
+void LogClientRefused(const OmUniString& a1) { Log(51, a1); }
+void LogReplyPortFailed(const OmUniString& a1, const OmUniString& a2, const OmUniString& a3) { Log(52, a1, a2, a3); }
+void LogAgentCheckDrain(OmScalar<unsigned int> a1, OmScalar<unsigned int> a2) { Log(53, a1, a2); }
+void LogAgentCheckReady(OmScalar<unsigned int> a1, OmScalar<unsigned int> a2) { Log(54, a1, a2); }

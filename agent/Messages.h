@@ -13,7 +13,7 @@ struct MessageEntry {
   const char* format;    // {1}, {2}, ... stand for the arguments in order
 };
 
-inline constexpr unsigned kMessageCount = 51;
+inline constexpr unsigned kMessageCount = 55;
 extern const MessageEntry kMessageCatalogue[kMessageCount];
 
 void LogPropsNotFound(const OmUniString& a1);
@@ -64,6 +64,10 @@ void LogSpeedRecalculated(OmScalar<int> a1, OmScalar<int> a2, OmScalar<int> a3);
 void LogToolBufferLimit(OmScalar<unsigned int> a1);
 void LogToolEndedAtOnce(OmScalar<unsigned int> a1, OmScalar<unsigned int> a2);
 void LogToolStalled(OmScalar<unsigned int> a1);
+void LogConnectionBroken(const OmUniString& a1);
+void LogRequestTimedOut(OmScalar<unsigned int> a1);
+void LogConnectionLimit(OmScalar<unsigned int> a1);
+void LogClientRefused(const OmUniString& a1);
 
 void LogReplyPortFailed(const OmUniString& a1, const OmUniString& a2, const OmUniString& a3);
 void LogAgentCheckDrain(OmScalar<unsigned int> a1, OmScalar<unsigned int> a2);

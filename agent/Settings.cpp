@@ -1,8 +1,11 @@
 #include "agent/Settings.h"
 
+#include "foundation/net/OmAddressRange.h"
 #include "foundation/net/OmInetAddr.h"
 
 namespace {
+
+bool isAddressList(const OmUniString& text) { return OmAddressRangeList().Parse(text); }
 
 bool isAddress(const OmUniString& text) {
   OmInetAddr address;
@@ -39,6 +42,15 @@ const SettingKey kSettingKeys[SettingKey::Count] = {
     {QUELM_KEY "toolrestartbackoff", &Settings::toolRestartBackoff, nullptr, 0, nullptr, 0, true, 1},
     {QUELM_KEY "toolstallintervals", &Settings::toolStallIntervals, nullptr, 0, nullptr, 0, true, UINT32_MAX},
     {QUELM_KEY "speedrecalcinterval", &Settings::speedRecalcInterval, nullptr, 0, nullptr, 0, true, UINT32_MAX},
+    // Hardening of the command port and the logs, each off by default.
+    {QUELM_KEY "closebrokenconnections", &Settings::closeBrokenConnections, nullptr, 0, nullptr, 0, true, 1},
+    {QUELM_KEY "requesttimeout", &Settings::requestTimeout, nullptr, 0, nullptr, 0, true, 86400},
+    {QUELM_KEY "maxconnections", &Settings::maxConnections, nullptr, 0, nullptr, 0, true, 1048576},
+    {QUELM_KEY "descriptorreserve", &Settings::descriptorReserve, nullptr, 0, nullptr, 0, true, 65536},
+    {QUELM_KEY "clientallow", nullptr, &Settings::clientAllow, 0, "", 0, true, 0, &isAddressList},
+    {QUELM_KEY "listenbacklog", &Settings::listenBacklog, nullptr, 5, nullptr, 0, true, 65535},
+    {QUELM_KEY "strictport", &Settings::strictPort, nullptr, 0, nullptr, 0, true, 1},
+    {QUELM_KEY "logfailurenotice", &Settings::logFailureNotice, nullptr, 0, nullptr, 0, true, 1},
     // The agent check for HAProxy and the metrics page, each off by default.
     {QUELM_KEY "agentcheckport", &Settings::agentCheckPort, nullptr, 0, nullptr, 0, true, 65535},
     {QUELM_KEY "agentcheckmemoryweight", &Settings::agentCheckMemoryWeight, nullptr, 0, nullptr, 0, true, 100},

@@ -28,6 +28,15 @@ struct Settings {
   uint32_t toolRestartBackoff;   // 1: at most one start a sample interval
   uint32_t toolStallIntervals;   // sample intervals without data before a restart
   uint32_t speedRecalcInterval;  // seconds between speed recalculations
+  // Hardening of the command port and the logs; each off by default.
+  uint32_t closeBrokenConnections;  // 1: a broken connection ends its circuit only
+  uint32_t requestTimeout;          // seconds a connection may take to send its request
+  uint32_t maxConnections;          // command connections open at once
+  uint32_t descriptorReserve;       // descriptors kept free of command connections
+  OmUniString clientAllow;          // "a.b.c.d[/n],...": who may use the command port
+  uint32_t listenBacklog;           // 0: the system's maximum
+  uint32_t strictPort;              // 1: a port above 65535 is a bad value
+  uint32_t logFailureNotice;        // 1: failing log writes are reported on standard error
   // The agent check and metrics ports; 0 leaves each closed.
   uint32_t agentCheckPort;
   uint32_t agentCheckMemoryWeight;  // percent of the weight taken from free virtual memory
@@ -65,6 +74,14 @@ struct SettingKey {
     ToolRestartBackoff,
     ToolStallIntervals,
     SpeedRecalcInterval,
+    CloseBrokenConnections,
+    RequestTimeout,
+    MaxConnections,
+    DescriptorReserve,
+    ClientAllow,
+    ListenBacklog,
+    StrictPort,
+    LogFailureNotice,
     AgentCheckPort,
     AgentCheckMemoryWeight,
     AgentCheckDrainIdle,

@@ -39,26 +39,37 @@ void flushLogsCB(OmEventCallback*, OmEvent::cbdispatch) {
   if (OmLog* log = OmLog::Current()) log->Flush();
 }
 
+Listener::Options listenerOptions(const Settings& settings) {
+  Listener::Options options;
+  options.backlog = settings.listenBacklog;
+  options.closeBrokenConnections = settings.closeBrokenConnections != 0;
+  options.requestTimeout = settings.requestTimeout;
+  options.maxConnections = settings.maxConnections;
+  options.descriptorReserve = settings.descriptorReserve;
+  options.clientAllow.Parse(settings.clientAllow);  // checked when read
+  return options;
+}
+
 // The agent check and metrics ports, each only when configured. A port that
 // cannot be opened is logged and the probe runs on without it; like the
 // command port, they end with the process.
 ReplyListener* agentCheckListener = nullptr;
 ReplyListener* metricsListener = nullptr;
 
-void startReplyPorts(const Settings& settings) {
+void startReplyPorts(const Settings& settings, const Listener::Options& limits) {
   if (settings.agentCheckPort != 0) {
     agentCheckListener =
         new ReplyListener(eventloop, "agent check", std::make_unique<AgentCheck>(settings));
     OmInetAddr address = OmInetAddr::AddressAny();
     address.Port(settings.agentCheckPort);
-    agentCheckListener->start(address);
+    agentCheckListener->start(address, limits);
   }
   if (settings.metricsPort != 0) {
     metricsListener = new ReplyListener(eventloop, "metrics", std::make_unique<MetricsPage>());
     OmInetAddr address;
     address.FromString(settings.metricsAddress, false);
     address.Port(settings.metricsPort);
-    metricsListener->start(address);
+    metricsListener->start(address, limits);
   }
 }
 
@@ -78,6 +89,7 @@ int probeMain(int argc, char** argv) {
   mySettings = &myBootstrap->settings();
   const Settings& settings = *mySettings;
   LogStarted();
+  OmLog::SetFailureNotice(settings.logFailureNotice != 0);
 
   myBogomips = new Bogomips(myBootstrap->getProcessors(), settings.multiProcessorFactor);
   myCache = new Cache(settings.minCacheSize, settings.maxVirtualMemory, settings.maxPhysMemory);
@@ -95,8 +107,9 @@ int probeMain(int argc, char** argv) {
   // Deliberately no processExit here: nothing has been announced yet, and no
   // pid file exists.
   myListener = new Listener(eventloop);
+  myListener->setOptions(listenerOptions(settings));
   if (!myListener->startListener(static_cast<int>(settings.port))) return 1;
-  startReplyPorts(settings);
+  startReplyPorts(settings, myListener->options());
 
   myPidFile = new PidFile(settings.pidDirectory);
 

@@ -1,7 +1,10 @@
 #include "command/Listener.h"
 
+#include <dirent.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cerrno>
 
 #include "agent/Messages.h"
@@ -15,7 +18,24 @@ Listener::Listener(OmEventLoop& l)
       acceptCallback(this, &Listener::acceptCB),
       resumeCallback(this, &Listener::resumeCB) {}
 
+namespace {
+
+// Descriptors this process has open now; -1 if that cannot be told.
+long openDescriptors() {
+  DIR* dir = opendir("/proc/self/fd");
+  if (dir == nullptr) return -1;
+  long count = 0;
+  while (const dirent* entry = readdir(dir)) {
+    if (entry->d_name[0] != '.') ++count;
+  }
+  closedir(dir);
+  return count - 1;  // the listing's own descriptor
+}
+
+}  // namespace
+
 Listener::~Listener() {
+  connectionCap = 0;  // circuits closing below must not reopen the port
   RemoveCallback();
   if (pausedForDescriptors) loop.RemoveTimeoutEvent(resumeTime, &resumeCallback);
   // Withdrawing a pending deletion runs it at once.
@@ -42,7 +62,7 @@ bool Listener::startListeningSocket(int port) {
     LogBindFailed(static_cast<unsigned>(port), socket.LastError().Reason());
     return false;
   }
-  if (!socket.Listen(BACKLOG)) {
+  if (!socket.Listen(opts.backlog == 0 ? SOMAXCONN : opts.backlog)) {
     LogListenFailed(static_cast<unsigned>(port), socket.LastError().Reason());
     return false;
   }
@@ -50,7 +70,24 @@ bool Listener::startListeningSocket(int port) {
   socket.SetBlocking(false);
   socket.SetCloseOnExec(true);
   listenFd = socket.Fd();
+  connectionCap = connectionCapFor(opts.maxConnections, opts.descriptorReserve);
   return true;
+}
+
+// With a reserve, connections may use only what the descriptor limit leaves
+// beyond the descriptors open now (tool pipe, logs, sockets) and the
+// reserve, so that the tool can always be restarted and the logs reopened.
+unsigned Listener::connectionCapFor(unsigned maxConnections, unsigned reserve) {
+  if (reserve == 0) return maxConnections;
+  rlimit limit{};
+  const long open = openDescriptors();
+  if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur == RLIM_INFINITY || open < 0) {
+    return maxConnections;
+  }
+  const long room = static_cast<long>(std::min<rlim_t>(limit.rlim_cur, 1u << 30)) - open -
+                    static_cast<long>(reserve);
+  const unsigned fits = static_cast<unsigned>(std::max(room, 1L));
+  return maxConnections == 0 ? fits : std::min(maxConnections, fits);
 }
 
 void Listener::AddCallback() {
@@ -93,6 +130,10 @@ void Listener::acceptCB(OmEventCallback*, OmEvent::cbdispatch reason) {
     LogRemoteAddressFail();
     return;  // closing the socket drops the connection unanswered
   }
+  if (!opts.clientAllow.IsEmpty() && !opts.clientAllow.Contains(peer)) {
+    LogClientRefused(peer.AsString(false));
+    return;  // closed unanswered
+  }
   LogNewConnection(peer.AsString(false));
   startNewConnection(connection.Release());
 }
@@ -100,13 +141,33 @@ void Listener::acceptCB(OmEventCallback*, OmEvent::cbdispatch reason) {
 void Listener::resumeCB(OmEventCallback*, OmEvent::cbdispatch reason) {
   if (reason != OmEvent::fired) return;
   pausedForDescriptors = false;
-  AddCallback();
+  if (!atCap) AddCallback();
 }
 
 void Listener::startNewConnection(int fd) {
+  connectionOpened();
   auto* rc = new RequestCircuit(loop, fd, this);
   circuits.Append(rc);
   rc->readIfWaiting();
+}
+
+void Listener::connectionOpened() {
+  ++openConnections;
+  if (connectionCap == 0 || openConnections < connectionCap) return;
+  // The pending connections wait in the backlog, not in our descriptors.
+  atCap = true;
+  RemoveCallback();
+  if (!capLogged) LogConnectionLimit(connectionCap);
+  capLogged = true;
+}
+
+void Listener::connectionClosed() {
+  if (openConnections > 0) --openConnections;
+  if (connectionCap == 0) return;
+  if (openConnections <= connectionCap / 2) capLogged = false;
+  if (!atCap || openConnections >= connectionCap) return;
+  atCap = false;
+  if (!pausedForDescriptors) AddCallback();
 }
 
 void Listener::DeleteRequestCircuit(RequestCircuit* rc) {
@@ -119,13 +180,20 @@ void Listener::DeleteRequestCircuit(RequestCircuit* rc) {
   loop.AddTimeoutEvent(when, cb);
 }
 
-void Listener::deleteCB(OmEventCallback* cb, OmEvent::cbdispatch, RequestCircuit* rc) {
+void Listener::deleteCB(OmEventCallback* cb, OmEvent::cbdispatch reason, RequestCircuit* rc) {
   // Deleted whether fired or withdrawn: nothing else refers to either.
   for (auto it = pendingDeletes.begin(); it != pendingDeletes.end(); ++it) {
     if (it->callback == cb) {
       pendingDeletes.erase(it);
       break;
     }
+  }
+  if (reason == OmEvent::fired && opts.closeBrokenConnections && rc->isSending()) {
+    // A slow reader keeps its reply: look again in a second.
+    const OmTimeVal when = OmTimeVal::now().PlusSeconds(1);
+    pendingDeletes.push_back({when, cb});
+    loop.AddTimeoutEvent(when, cb);
+    return;
   }
   delete rc;
   delete cb;

@@ -27,7 +27,7 @@ class ReplyCircuit : public OmByteCircuit {
         writeFile(writeFd, OmFile::kInetSocket),
         owner(owner),
         deadlineCallback(this, &ReplyCircuit::deadlineCB),
-        deadline(OmTimeVal::now().PlusSeconds(ReplyListener::LIFETIME_SECONDS)) {
+        deadline(OmTimeVal::now().PlusSeconds(owner.lifetime)) {
     SetReadFile(&readFile);
     SetWriteFile(&writeFile);
     deadlineArmed = loop.AddTimeoutEvent(deadline, &deadlineCallback);
@@ -141,10 +141,11 @@ ReplyListener::~ReplyListener() {
   for (ReplyCircuit* rc : circuits) delete rc;
 }
 
-bool ReplyListener::start(const OmInetAddr& address) {
-  port = address.GetPort();
+bool ReplyListener::start(const OmInetAddr& address, const Listener::Options& o) {
+  options = o;
+  if (options.requestTimeout != 0) lifetime = options.requestTimeout;
   const bool ok = socket.Bind(OmSocketAddress(address), OmSocket::Stream, true, 0, false) &&
-                  socket.Listen(BACKLOG);
+                  socket.Listen(options.backlog == 0 ? SOMAXCONN : options.backlog);
   if (!ok) {
     LogReplyPortFailed(OmUniString(name), address.AsString(true), socket.LastError().Reason());
     socket.Close();
@@ -153,6 +154,8 @@ bool ReplyListener::start(const OmInetAddr& address) {
   // Close-on-exec, so the measuring tool does not inherit the port.
   socket.SetBlocking(false);
   socket.SetCloseOnExec(true);
+  cap = Listener::connectionCapFor(
+      options.maxConnections != 0 ? options.maxConnections : MAXCONNECTIONS, options.descriptorReserve);
   setAccepting(true);
   return accepting;
 }
@@ -165,7 +168,13 @@ void ReplyListener::setAccepting(bool on) {
   if (changed) accepting = on;
 }
 
-bool ReplyListener::admit(const OmInetAddr&) const { return circuits.size() < MAXCONNECTIONS; }
+void ReplyListener::resumeAccepting() { setAccepting(!paused && circuits.size() < cap); }
+
+bool ReplyListener::admit(const OmInetAddr& peer) const {
+  if (options.clientAllow.IsEmpty() || options.clientAllow.Contains(peer)) return true;
+  LogClientRefused(peer.AsString(false));
+  return false;
+}
 
 void ReplyListener::acceptCB(OmEventCallback*, OmEvent::cbdispatch reason) {
   if (reason != OmEvent::fired) return;
@@ -189,18 +198,21 @@ void ReplyListener::acceptCB(OmEventCallback*, OmEvent::cbdispatch reason) {
   if (writeFd < 0) return;
   auto* rc = new ReplyCircuit(loop, connection.Release(), writeFd, *this);
   circuits.push_back(rc);
+  // At the cap, further clients wait in the backlog, not in our descriptors.
+  resumeAccepting();
   rc->begin();
 }
 
 void ReplyListener::resumeCB(OmEventCallback*, OmEvent::cbdispatch reason) {
   if (reason != OmEvent::fired) return;
   paused = false;
-  setAccepting(true);
+  resumeAccepting();
 }
 
 void ReplyListener::retire(ReplyCircuit* rc) {
   circuits.erase(std::remove(circuits.begin(), circuits.end(), rc), circuits.end());
   finished.push_back(rc);
+  resumeAccepting();
   if (reapArmed) return;
   reapTime = OmTimeVal::now();
   reapArmed = loop.AddTimeoutEvent(reapTime, &reapCallback);

@@ -5,6 +5,7 @@
 #include <memory>
 #include <vector>
 
+#include "command/Listener.h"
 #include "foundation/event/OmCallback.h"
 #include "foundation/net/OmInetAddr.h"
 #include "foundation/net/OmSocket.h"
@@ -30,13 +31,13 @@ class ReplyListener {
     virtual Verdict serve(const OmByteBuffer& received, OmByteBuffer& reply) = 0;
   };
 
-  static constexpr unsigned BACKLOG = 16;
   // The most bytes a connection may send in all, answered or not.
   static constexpr unsigned long MAXINPUT = 8192;
-  // The longest a connection is kept, from accept to close.
+  // Where the command port's limits leave these open: the longest a
+  // connection is kept, from accept to close, and the connections served at
+  // once (more wait in the backlog).
   static constexpr unsigned LIFETIME_SECONDS = 10;
-  // Connections served at once; more are closed at accept.
-  static constexpr size_t MAXCONNECTIONS = 64;
+  static constexpr unsigned MAXCONNECTIONS = 64;
 
   // name: how failures name this port in the log.
   ReplyListener(OmEventLoop& loop, const char* name, std::unique_ptr<Service> service);
@@ -44,8 +45,10 @@ class ReplyListener {
   ReplyListener(const ReplyListener&) = delete;
   ReplyListener& operator=(const ReplyListener&) = delete;
 
-  // Binds, listens and registers with the loop; a failure is logged.
-  bool start(const OmInetAddr& address);
+  // Binds, listens and registers with the loop; a failure is logged. The
+  // command port's limits apply: backlog, request timeout (here the whole
+  // connection's), connection cap and client allow-list.
+  bool start(const OmInetAddr& address, const Listener::Options& options);
 
   size_t getCircuitCount() const { return circuits.size(); }
 
@@ -60,6 +63,8 @@ class ReplyListener {
   // The circuit is finished: deleted outside its own handlers.
   void retire(ReplyCircuit* rc);
   void setAccepting(bool on);
+  // Accepting while neither out of descriptors nor at the cap.
+  void resumeAccepting();
 
   OmEventLoop& loop;
   const char* name;
@@ -68,7 +73,9 @@ class ReplyListener {
   OmSimpleCallback<OmEvent::cbdispatch, ReplyListener> resumeCallback;
   OmSimpleCallback<OmEvent::cbdispatch, ReplyListener> reapCallback;
   OmSocket socket;
-  unsigned port = 0;
+  Listener::Options options;
+  unsigned cap = 0;
+  unsigned lifetime = LIFETIME_SECONDS;
   bool accepting = false;
   bool paused = false;
   OmTimeVal resumeTime;

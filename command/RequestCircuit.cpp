@@ -6,6 +6,7 @@
 #include "agent/Messages.h"
 #include "command/Listener.h"
 #include "command/ParseCommand.h"
+#include "foundation/event/OmEventLoop.h"
 
 const char* const RequestCircuit::BAD_REQUEST_MESSAGE =
     "Message is either too short or too long to be valid";
@@ -20,19 +21,74 @@ OmUniString asText(const OmByteBuffer& bytes) {
 }  // namespace
 
 RequestCircuit::RequestCircuit(OmEventLoop& loop, int fd, Listener* owner)
-    : OmByteCircuit(loop), files(std::make_unique<Files>(fd)), listener(owner) {
+    : OmByteCircuit(loop),
+      // A quiet socket turns a vanished peer into a write error, not SIGPIPE.
+      files(std::make_unique<Files>(fd, owner->options().closeBrokenConnections ? OmFile::kQuietSocket
+                                                                               : OmFile::kInetSocket)),
+      listener(owner) {
   // The listener accepts connections non-blocking already.
   SetReadFile(&files->readFile);
   SetWriteFile(&files->writeFile);
   RetireWhenDone();
   WantRead();
+  if (const unsigned seconds = owner->options().requestTimeout) {
+    deadline = std::make_unique<Deadline>(this, OmTimeVal::now().PlusSeconds(seconds));
+    loop.AddTimeoutEvent(deadline->when, &deadline->callback);
+  }
 }
 
 RequestCircuit::~RequestCircuit() {
   if (files == nullptr) return;
+  const bool open = files->readFile.Fd() >= 0;
   // Both files hold the one descriptor: close it once.
   files->writeFile.Release();
   files->readFile.Close();
+  if (open) filesClosed();
+}
+
+bool RequestCircuit::hardened() const { return listener->options().closeBrokenConnections; }
+
+void RequestCircuit::filesClosed() {
+  if (deadline != nullptr) {
+    // Withdrawing calls deadlineCB with "removed", which ignores it.
+    Loop().RemoveTimeoutEvent(deadline->when, &deadline->callback);
+    deadline.reset();
+  }
+  listener->connectionClosed();
+}
+
+void RequestCircuit::closeNow() {
+  if (files == nullptr) return;
+  while (StopRead() > 0) {
+  }
+  StopWrite(true);
+  SetReadFile(nullptr);
+  SetWriteFile(nullptr);
+  files->writeFile.Release();
+  files->readFile.Close();
+  files.reset();
+  filesClosed();
+}
+
+void RequestCircuit::deadlineCB(OmEventCallback*, OmEvent::cbdispatch reason) {
+  if (reason != OmEvent::fired || files == nullptr) return;
+  // Gone from the loop once fired: nothing to withdraw.
+  const bool requestDone = finished;
+  deadline.reset();
+  if (!requestDone) {
+    LogRequestTimedOut(listener->options().requestTimeout);
+    finish();
+  }
+  closeNow();
+}
+
+void RequestCircuit::WriteError() {
+  if (!hardened()) {
+    OmByteCircuit::WriteError();
+    return;
+  }
+  LogConnectionBroken(files != nullptr ? files->writeFile.LastError().Reason() : OmUniString());
+  closeNow();
 }
 
 void RequestCircuit::readIfWaiting() {
@@ -117,14 +173,21 @@ void RequestCircuit::finish() {
   listener->DeleteRequestCircuit(this);
 }
 
-void RequestCircuit::EndOfFile(bool) { finish(); }
+void RequestCircuit::EndOfFile(bool) {
+  finish();
+  if (hardened()) closeNow();
+}
 
-void RequestCircuit::ReadError() { finish(); }
+void RequestCircuit::ReadError() {
+  finish();
+  if (hardened()) closeNow();
+}
 
 void RequestCircuit::WriteStopped() {
   // The write file closed the shared descriptor; the read file must not
   // close that number again.
   files->readFile.Release();
+  filesClosed();
   if (!finished) return;
   // Reading stopped before the reply was sent: the files are done with.
   SetReadFile(nullptr);

@@ -3,9 +3,11 @@
 
 #include <memory>
 
+#include "foundation/event/OmCallback.h"
 #include "foundation/net/OmByteCircuit.h"
 #include "foundation/string/OmByteBuffer.h"
 #include "foundation/string/OmFile.h"
+#include "foundation/string/OmTimeVal.h"
 
 class Listener;
 
@@ -31,6 +33,10 @@ class RequestCircuit : public OmByteCircuit {
   void ReadError() override;
   // The reply has gone and the descriptor is closed.
   void WriteStopped() override;
+  // The peer is gone while the reply was being written.
+  void WriteError() override;
+  // The descriptor is still open with a reply on its way.
+  bool isSending() const { return files != nullptr && finished; }
 
   bool isComplete(OmByteBuffer& request);
   void DispatchRequest(OmByteBuffer& request);
@@ -42,17 +48,29 @@ class RequestCircuit : public OmByteCircuit {
   void finish();
   // Logs text, the reply as text, and sends reply.
   void sendReply(const OmUniString& text, OmByteBuffer& reply, bool close);
+  // Hardened ends: close the descriptor now rather than at the deletion.
+  bool hardened() const;
+  void closeNow();
+  void filesClosed();
+  void deadlineCB(OmEventCallback* cb, OmEvent::cbdispatch reason);
 
   // The connection's descriptor: the same one in both files. Kept apart
   // from the circuit so that a finished circuit, which waits a second for
   // its deletion, gives it up as soon as its reply has gone.
   struct Files {
-    explicit Files(int fd) : readFile(fd, OmFile::kInetSocket), writeFile(fd, OmFile::kInetSocket) {}
+    Files(int fd, OmFile::Kind writeKind) : readFile(fd, OmFile::kInetSocket), writeFile(fd, writeKind) {}
     OmFile readFile;
     OmFile writeFile;
   };
 
   std::unique_ptr<Files> files;
+  // Only with a request timeout: when the connection is closed regardless.
+  struct Deadline {
+    Deadline(RequestCircuit* rc, OmTimeVal w) : when(w), callback(rc, &RequestCircuit::deadlineCB) {}
+    OmTimeVal when;
+    OmSimpleCallback<OmEvent::cbdispatch, RequestCircuit> callback;
+  };
+  std::unique_ptr<Deadline> deadline;
   Listener* listener;
   OmByteBuffer requestBuffer;
   bool finished = false;

@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <memory>
 #include <string>
@@ -35,6 +36,8 @@ struct CsLogFile {
   Kind kind = kPlain;
   std::unique_ptr<FILE, FileCloser> stream;
   std::string pending;  // lines collected for one write (files only)
+  bool failing = false;  // reported as failing, with failure notices on
+  long checkedSecond = 0;  // a removed file is looked for once a second
 
   FILE* Stream() const { return kind == kStdErr ? stderr : stream.get(); }
 };
@@ -48,6 +51,7 @@ struct LogState {
   int mypid = 0;    // 0: the real process id
   int realpid = 0;  // getpid(), asked once per process
   bool collecting = false;
+  bool failureNotice = false;
   int collector = 0;  // the process whose lines are collected
   std::vector<std::unique_ptr<CsLogFile>> csfiles;
   std::vector<CsLogAction> cslookup;
@@ -81,6 +85,32 @@ int RealPid() {
   return st.realpid;
 }
 
+// A file whose lines went nowhere: the write failed, or the file has no
+// name left (its folder was removed), so nobody will ever read them.
+OmUniString ResolvedPath(const OmUniString& pattern);
+
+bool Lost(CsLogFile& file, bool written) {
+  if (!written) return true;
+  const long second = static_cast<long>(time(nullptr));
+  if (second == file.checkedSecond && !file.failing) return false;
+  file.checkedSecond = second;
+  struct stat info {};
+  return fstat(fileno(file.Stream()), &info) == 0 && info.st_nlink == 0;
+}
+
+void NoticeFailure(CsLogFile& file, bool written, int error) {
+  if (file.kind == CsLogFile::kStdErr || Lost(file, written) == file.failing) return;
+  file.failing = !file.failing;
+  const std::string path = ResolvedPath(file.pattern).AsUtf8();
+  if (file.failing) {
+    fprintf(stderr, "%s The log file \"%s\" does not take its messages (%s); messages are lost until it does.\n",
+            kProduct, path.c_str(), written ? "the file has been removed" : strerror(error));
+  } else {
+    fprintf(stderr, "%s The log file \"%s\" takes its messages again.\n", kProduct, path.c_str());
+  }
+  fflush(stderr);
+}
+
 // Writes the collected lines of one file. A child process that inherited
 // them from its parent drops them: they are the parent's to write.
 void WritePending(CsLogFile& file) {
@@ -90,13 +120,18 @@ void WritePending(CsLogFile& file) {
     const int fd = fileno(out);
     const char* p = file.pending.data();
     size_t left = file.pending.size();
+    int error = 0;
     while (left > 0) {
       const ssize_t n = ::write(fd, p, left);
       if (n < 0 && errno == EINTR) continue;
-      if (n <= 0) break;
+      if (n <= 0) {
+        error = n < 0 ? errno : ENOSPC;
+        break;
+      }
       p += n;
       left -= static_cast<size_t>(n);
     }
+    if (State().failureNotice) NoticeFailure(file, left == 0, error);
   }
   file.pending.clear();
   // A burst need not keep its memory for good.
@@ -306,6 +341,8 @@ void OmLog::Flush() {
     if (FILE* out = f->Stream()) fflush(out);
   }
 }
+
+void OmLog::SetFailureNotice(bool on) { State().failureNotice = on; }
 
 void OmLog::SetCollecting(bool on) {
   LogState& st = State();

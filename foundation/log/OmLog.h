@@ -42,6 +42,11 @@ class OmLog {
   // written at once. The owner must call Flush() before the process waits.
   // What is still collected at exit is written then.
   static void SetCollecting(bool on);
+  // While on, a log file that stops taking its lines (a full disk, a file
+  // removed with its folder) is reported once on standard error, and again
+  // when its lines are written once more. Checked when collected lines are
+  // written.
+  static void SetFailureNotice(bool on);
   bool ReOpen();
   void HaveForked();
 

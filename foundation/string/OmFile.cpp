@@ -72,6 +72,9 @@ int OmFile::Read(void* buf, long len, long& done) {
 }
 
 int OmFile::Write(const void* buf, long len, long& done) {
+  if (kind_ == kQuietSocket) {
+    return TransferResult(::send(fd_, buf, static_cast<size_t>(len), MSG_NOSIGNAL), len, done, false);
+  }
   return TransferResult(::write(fd_, buf, static_cast<size_t>(len)), len, done, false);
 }
 

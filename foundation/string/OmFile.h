@@ -12,7 +12,9 @@
 class OmFile {
  public:
   enum Result { ioError = 0, ioPartial = 1, ioComplete = 2, ioEndOfFile = 3 };
-  enum Kind { kFile = 0, kLocalSocket = 1, kInetSocket = 2 };
+  // kQuietSocket: an Internet socket whose writes to a closed or reset peer
+  // fail with EPIPE instead of raising SIGPIPE.
+  enum Kind { kFile = 0, kLocalSocket = 1, kInetSocket = 2, kQuietSocket = 3 };
   struct RecvFDInfo {
     int fd = -1;        // the received descriptor
     long dataBytes = 0; // ordinary bytes that came with it

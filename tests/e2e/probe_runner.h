@@ -35,6 +35,9 @@ class ProbeRunner {
   ~ProbeRunner();
   // Keys are the short names after "varosa.config.quelmloadbalancing.".
   void Set(const std::string& key, const std::string& value) { props_[key] = value; }
+  // Start from the packaged configuration instead of the sample.
+  void UsePackaged() { base_ = QUELM_BINARY_DIR "/packaging/quelmloadbalancing.properties"; }
+  void LimitFiles(int n) { fileLimit_ = n; }  // RLIMIT_NOFILE of the probe, soft and hard
   std::string SetTool(const std::string& script);  // a shell script as the tool; its path
   void Start();
   // True once the probe sleeps in poll: its event loop runs (after the pid
@@ -66,7 +69,8 @@ class ProbeRunner {
   }
   std::string dir_;
   std::map<std::string, std::string> props_;
-  int pid_ = -1, port_ = 0;
+  std::string base_ = QUELM_SOURCE_DIR "/config/quelmloadbalancing.properties.sample";
+  int pid_ = -1, port_ = 0, fileLimit_ = 0;
   mutable int status_ = -1;
 };
 

@@ -4,6 +4,7 @@
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -58,13 +59,12 @@ std::string ProbeRunner::SetTool(const std::string& script) {
 }
 
 void ProbeRunner::Start() {
-  std::string config = ReadFile(QUELM_SOURCE_DIR "/config/quelmloadbalancing.properties.sample");
-  for (const auto& [key, value] : props_) {
+  std::string config = ReadFile(base_);
+  for (const auto& [key, value] : props_) {  // a key commented out or missing is added
     const std::string line = "\nvarosa.config.quelmloadbalancing." + key + "=";
-    const std::regex set(line + "[^\n]*");
-    // Keys the sample leaves commented out are added.
-    config = std::regex_search(config, set) ? std::regex_replace(config, set, line + value)
-                                            : config + line + value + "\n";
+    const std::regex existing("\n#?" + line.substr(1) + "[^\n]*");
+    config = std::regex_search(config, existing) ? std::regex_replace(config, existing, line + value)
+                                                 : config + line + value + "\n";
   }
   WriteFile(dir_ + "/quelmloadbalancing.properties", config);
   std::string binary = QUELM_PROBE_BINARY;
@@ -77,6 +77,8 @@ void ProbeRunner::Start() {
     // Keep the probe's own standard error out of the test output.
     if (FILE* err = fopen((dir_ + "/stderr.txt").c_str(), "w")) dup2(fileno(err), 2);
     closefrom(3);  // nothing of the test process leaks into the probe
+    const rlimit files{rlim_t(fileLimit_), rlim_t(fileLimit_)};
+    if (fileLimit_ > 0) setrlimit(RLIMIT_NOFILE, &files);
     execv(argv[0], argv);
     _exit(126);
   }

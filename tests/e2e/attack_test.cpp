@@ -1,0 +1,127 @@
+// What an operator's worst client (or tool) can do, each attack against the
+// packaged configuration with only the port, folders and tool redirected:
+// the probe survives with its subscriptions, answers a get and gives its
+// descriptors back. QUELM_ATTACK_FIGURES=1 prints figures instead, for the
+// sample and the packaged configuration; they are never asserted.
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+
+#include "bench/ProcStat.h"
+#include "probe_runner.h"
+
+namespace {
+
+const std::string kGet = "GET /?get&znalbinfo";
+const std::string kSample = "echo h\necho h\necho '0 0 0 1000 2000 3 4 5 6 7 8 9 10 11 12 77'\n";
+
+int Sockets(pid_t pid) {
+  int n = 0;
+  std::error_code ec;
+  for (const auto& fd : fs::directory_iterator("/proc/" + std::to_string(pid) + "/fd", ec)) {
+    n += fs::read_symlink(fd.path(), ec).string().starts_with("socket:");
+  }
+  return n;
+}
+
+int Hosts(int port) {  // subscriptions a get lists; -1 without a whole reply
+  const std::string reply = SendRequest(port, kGet);
+  int n = reply.ends_with("</znalbreply>") ? 0 : -1;
+  for (size_t at = 0; n >= 0 && (at = reply.find("<connection>", at + 1)) != std::string::npos;) ++n;
+  return n;
+}
+
+void Clients(int n, const std::function<void(int)>& client) {  // 8 at a time
+  std::vector<std::jthread> threads;
+  for (int t = 0; t < 8; ++t) threads.emplace_back([&, t] { for (int i = t; i < n; i += 8) client(i); });
+}
+
+struct Attack {
+  const char* name;
+  std::string tool;
+  int fileLimit, hosts;
+  std::function<void(ProbeRunner&)> run;  // returns when the attackers have left
+};
+
+const Attack kAttacks[] = {
+    {"reset storm during large replies", kSample + "exec sleep 600\n", 0, 2500, [](ProbeRunner& p) {
+       Clients(400, [&](int) {
+         const int fd = Connect(p.port());
+         const linger reset{1, 0};
+         setsockopt(fd, SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
+         if (write(fd, kGet.data(), kGet.size()) > 0) close(fd);
+       });
+     }},
+    {"silent connections up to the descriptor limit", kSample + "sleep 1\n", 128, 10, [](ProbeRunner& p) {
+       std::vector<int> silent;
+       for (int i = 0; i < 200; ++i) silent.push_back(Connect(p.port(), SOCK_NONBLOCK));
+       const std::vector<int> before = p.Children();  // held until the tool was started again
+       Eventually([&] { return !p.Children().empty() && p.Children() != before; }, 60s);
+       for (int fd : silent) close(fd);
+     }},
+    {"flooding measuring tool", "exec tr '\\0' x </dev/zero\n", 0, 10, [](ProbeRunner& p) {
+       Eventually([&] { return p.Log().find("read buffer limit") != std::string::npos ||
+                               ReadProcSample(p.pid()).rssKiB > (256 << 10); }, 20s);
+     }},
+    // (iv) a resolver that never answers
+};
+
+void Start(ProbeRunner& probe, const Attack& attack, bool packaged) {
+  if (packaged) probe.UsePackaged();
+  probe.SetTool(attack.tool);
+  probe.LimitFiles(attack.fileLimit);
+  probe.Start();
+  ASSERT_TRUE(probe.WaitUntilPolling());
+  Clients(attack.hosts, [&](int i) {
+    SendRequest(probe.port(), "<znalbreq type=\"create\"><host>127.0.0.1</host><port>9</port><samplerate>5"
+                "</samplerate><windowsize>3</windowsize><replyfreq>600000</replyfreq><percentchange>100"
+                "</percentchange><stat>cpu</stat><id>" + std::to_string(i + 1) + "</id><version>1.0</version></znalbreq>");
+  });
+  ASSERT_EQ(Hosts(probe.port()), attack.hosts);
+}
+
+TEST(AttackTest, ThePackagedProbeSurvivesEachAttackWithNothingLost) {
+  for (const Attack& attack : kAttacks) {
+    SCOPED_TRACE(attack.name);
+    ProbeRunner probe;
+    ASSERT_NO_FATAL_FAILURE(Start(probe, attack, true));
+    const int idle = Sockets(probe.pid());
+    attack.run(probe);
+    EXPECT_TRUE(Eventually([&] { return Sockets(probe.pid()) == idle && Hosts(probe.port()) == attack.hosts; }));
+    EXPECT_LT(ReadProcSample(probe.pid()).hwmKiB, 16 << 10);
+    EXPECT_EQ(probe.Stop(SIGTERM), 92);
+  }
+}
+
+TEST(AttackTest, Figures) {
+  if (getenv("QUELM_ATTACK_FIGURES") == nullptr) GTEST_SKIP() << "figures only on request";
+  for (const Attack& attack : kAttacks) {
+    for (bool packaged : {false, true}) {
+      ProbeRunner probe;
+      Start(probe, attack, packaged);
+      const int idle = Sockets(probe.pid());
+      std::atomic<bool> over = false;
+      std::atomic<long> worstMs = 0, failed = 0;
+      std::jthread getter([&] {
+        for (; !over; std::this_thread::sleep_for(100ms)) {
+          const auto t0 = std::chrono::steady_clock::now();
+          failed += Hosts(probe.port()) != attack.hosts;
+          const long ms = (std::chrono::steady_clock::now() - t0) / 1ms;
+          if (ms > worstMs) worstMs = ms;
+        }
+      });
+      attack.run(probe);
+      const auto left = std::chrono::steady_clock::now();
+      const bool back = Eventually([&] { return Sockets(probe.pid()) == idle && Hosts(probe.port()) == attack.hosts; }, 5s);
+      over = true;
+      getter.join();
+      const long hwm = ReadProcSample(probe.pid()).hwmKiB, backMs = (std::chrono::steady_clock::now() - left) / 1ms;
+      printf("FIGURES %s | %s | %s | worst get %ld ms, %ld gets failed | peak RSS %ld KiB | %s\n", attack.name,
+             packaged ? "packaged" : "default", probe.Running() ? "alive" : ("died, status " + std::to_string(probe.Wait())).c_str(),
+             worstMs.load(), failed.load(), hwm, back ? ("recovered in " + std::to_string(backMs) + " ms").c_str() : "not recovered in 5 s");
+    }
+  }
+}
+
+}  // namespace
