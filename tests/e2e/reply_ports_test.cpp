@@ -1,5 +1,6 @@
 // The agent check and metrics ports with the real consumers: HAProxy weighs
 // and drains a server by the probe's figures, promtool reads the page.
+#include <poll.h>
 #include <unistd.h>
 
 #include "probe_runner.h"
@@ -34,6 +35,10 @@ TEST(ReplyPortsTest, HaproxyWeighsAndDrainsByTheProbeAndPromtoolReadsItsPage) {
   probe.Set("agentcheckdrainidle", "30");
   probe.Set("agentcheckmemoryweight", "50");
   probe.Set("metricsport", std::to_string(metricsPort));
+  // The command port's limits hold here too; the timeout keeps the idle
+  // clients below open however slow the machine.
+  probe.Set("maxconnections", "2");
+  probe.Set("requesttimeout", "600");
   probe.Start();
   ASSERT_TRUE(probe.WaitUntilPolling());
 
@@ -92,5 +97,14 @@ TEST(ReplyPortsTest, HaproxyWeighsAndDrainsByTheProbeAndPromtoolReadsItsPage) {
   EXPECT_EQ(SendRequest(metricsPort, "\x16\x03\x01 hello\n").substr(0, 12), "HTTP/1.1 400");
   EXPECT_EQ(SendRequest(metricsPort, std::string(5000, 'G')).substr(0, 12), "HTTP/1.1 431");
   EXPECT_EQ(SendRequest(agentPort, "agent-send text\n"), "ready 70%\n");
+
+  // At maxconnections a further client waits until one of the others ends.
+  const int idle1 = Connect(metricsPort), idle2 = Connect(metricsPort), third = Connect(metricsPort);
+  ASSERT_EQ(write(third, "GET /metrics HTTP/1.0\r\n\r\n", 25), 25);
+  pollfd answer{third, POLLIN, 0};
+  EXPECT_EQ(poll(&answer, 1, 1000), 0);
+  close(idle1);
+  EXPECT_EQ(poll(&answer, 1, 30000), 1);
+  close(idle2), close(third);
   EXPECT_EQ(probe.Stop(SIGTERM), 92);
 }
