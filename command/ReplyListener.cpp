@@ -77,9 +77,6 @@ class ReplyCircuit : public OmByteCircuit {
       case ReplyListener::Service::Wait:
         if (total > ReplyListener::MAXINPUT) finish();
         return;
-      case ReplyListener::Service::Drop:
-        finish();
-        return;
       case ReplyListener::Service::Answer:
         answered = true;
         received = OmByteBuffer();
@@ -182,15 +179,19 @@ void ReplyListener::acceptCB(OmEventCallback*, OmEvent::cbdispatch reason) {
   if (connection.AcceptFrom(socket, SOCK_NONBLOCK | SOCK_CLOEXEC) != OmStatus::Success) {
     const int err = connection.LastError().Errno();
     if (err == EAGAIN || err == EWOULDBLOCK) return;
-    LogAcceptFail(connection.LastError().Reason());
-    if (err != EMFILE && err != ENFILE) return;
+    const bool outOfDescriptors = err == EMFILE || err == ENFILE;
+    // Out of descriptors is said once until an accept succeeds again.
+    if (!outOfDescriptors || !descriptorsShort) LogAcceptFail(connection.LastError().Reason());
+    if (!outOfDescriptors) return;
     // The waiting connection would wake the loop at once again.
+    descriptorsShort = true;
     setAccepting(false);
     paused = true;
     resumeTime = OmTimeVal::now().PlusMilliseconds(100);
     loop.AddTimeoutEvent(resumeTime, &resumeCallback);
     return;
   }
+  descriptorsShort = false;
   OmInetAddr peer;
   // Turned away: the connection closes with the temporary socket.
   if (!connection.RemoteAddress(peer) || !admit(peer)) return;

@@ -24,10 +24,10 @@ class ReplyListener {
  public:
   class Service {
    public:
-    enum Verdict { Wait, Answer, Drop };
+    enum Verdict { Wait, Answer };
     virtual ~Service() = default;
     // received: every byte the client has sent so far, empty at accept. On
-    // Answer, reply holds the whole answer; Drop closes without one.
+    // Answer, reply holds the whole answer.
     virtual Verdict serve(const OmByteBuffer& received, OmByteBuffer& reply) = 0;
   };
 
@@ -49,8 +49,6 @@ class ReplyListener {
   // command port's limits apply: backlog, request timeout (here the whole
   // connection's), connection cap and client allow-list.
   bool start(const OmInetAddr& address, const Listener::Options& options);
-
-  size_t getCircuitCount() const { return circuits.size(); }
 
  private:
   friend class ReplyCircuit;
@@ -78,6 +76,7 @@ class ReplyListener {
   unsigned lifetime = LIFETIME_SECONDS;
   bool accepting = false;
   bool paused = false;
+  bool descriptorsShort = false;
   OmTimeVal resumeTime;
   bool reapArmed = false;
   OmTimeVal reapTime;
