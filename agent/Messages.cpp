@@ -199,13 +199,17 @@ const MessageEntry kMessageCatalogue[kMessageCount] = {
      "Check the clients of the command port, or raise maxconnections or the open-file limit of the quelm loadprobe."},
     {51, "quelmloadprobe/listener/info",  // LogClientRefused
      "A command connection from {1}, which the clientallow list does not name, has been closed without a reply."},
-    {52, "quelmloadprobe/listener/error",  // LogReplyPortFailed
+    {52, "quelmloadprobe/child/error",  // LogToolStartFailed
+     "The loadtool (sar/iostat/vmstat) could not be started ({1}); it is tried again every {2} seconds while the quelm loadprobe goes on serving.\n"
+     "This is not logged again until a run of the loadtool ends normally.\n"
+     "Kill off unwanted processes, or raise the open-file limit or descriptorreserve of the quelm loadprobe."},
+    {53, "quelmloadprobe/listener/error",  // LogReplyPortFailed
      "The {1} port could not be opened on {2}: {3}.\n"
      "The loadprobe runs on without it; load balancers and collectors that use it get no answer.\n"
      "Choose a free port or another address in the quelmloadprobe.properties file and restart the loadprobe."},
-    {53, "quelmloadprobe/results/info",  // LogAgentCheckDrain
+    {54, "quelmloadprobe/results/info",  // LogAgentCheckDrain
      "The agent check now answers drain: average idle {1}, free virtual memory {2} percent."},
-    {54, "quelmloadprobe/results/info",  // LogAgentCheckReady
+    {55, "quelmloadprobe/results/info",  // LogAgentCheckReady
      "The agent check now answers ready again: average idle {1}, free virtual memory {2} percent."},
 };
 
@@ -303,6 +307,7 @@ void LogConnectionBroken(const OmUniString& a1) { Log(48, a1); }
 void LogRequestTimedOut(OmScalar<unsigned int> a1) { Log(49, a1); }
 void LogConnectionLimit(OmScalar<unsigned int> a1) { Log(50, a1); }
 void LogClientRefused(const OmUniString& a1) { Log(51, a1); }
-void LogReplyPortFailed(const OmUniString& a1, const OmUniString& a2, const OmUniString& a3) { Log(52, a1, a2, a3); }
-void LogAgentCheckDrain(OmScalar<unsigned int> a1, OmScalar<unsigned int> a2) { Log(53, a1, a2); }
-void LogAgentCheckReady(OmScalar<unsigned int> a1, OmScalar<unsigned int> a2) { Log(54, a1, a2); }
+void LogToolStartFailed(const OmUniString& a1, OmScalar<unsigned int> a2) { Log(52, a1, a2); }
+void LogReplyPortFailed(const OmUniString& a1, const OmUniString& a2, const OmUniString& a3) { Log(53, a1, a2, a3); }
+void LogAgentCheckDrain(OmScalar<unsigned int> a1, OmScalar<unsigned int> a2) { Log(54, a1, a2); }
+void LogAgentCheckReady(OmScalar<unsigned int> a1, OmScalar<unsigned int> a2) { Log(55, a1, a2); }

@@ -13,7 +13,7 @@ struct MessageEntry {
   const char* format;    // {1}, {2}, ... stand for the arguments in order
 };
 
-inline constexpr unsigned kMessageCount = 55;
+inline constexpr unsigned kMessageCount = 56;
 extern const MessageEntry kMessageCatalogue[kMessageCount];
 
 void LogPropsNotFound(const OmUniString& a1);
@@ -68,6 +68,7 @@ void LogConnectionBroken(const OmUniString& a1);
 void LogRequestTimedOut(OmScalar<unsigned int> a1);
 void LogConnectionLimit(OmScalar<unsigned int> a1);
 void LogClientRefused(const OmUniString& a1);
+void LogToolStartFailed(const OmUniString& a1, OmScalar<unsigned int> a2);
 
 void LogReplyPortFailed(const OmUniString& a1, const OmUniString& a2, const OmUniString& a3);
 void LogAgentCheckDrain(OmScalar<unsigned int> a1, OmScalar<unsigned int> a2);

@@ -144,6 +144,16 @@ int ChildManager::forkChild() {
       OmEnv::Current().Sleep(sampleRate);
       _exit(127);
     }
+    if (mySettings->descriptorReserve != 0) {
+      // Tried again from the loop, which keeps serving meanwhile; a lasting
+      // shortage of descriptors or processes never ends the probe.
+      if (firstOfEpisode(StartFailed)) LogToolStartFailed(pr.LastError().Reason(), sampleRate);
+      startDue = OmTimeVal::now().PlusSeconds(sampleRate);
+      startPending = true;
+      childPid = -1;
+      loop.AddTimeoutEvent(startDue, &startCallback);
+      return -1;
+    }
     OmEnv::Current().Sleep(kForkRetrySeconds);
   }
   LogForkFail(kForkAttempts);

@@ -66,7 +66,7 @@ class ChildManager {
   bool speedRecalcDue();
   // The watch's troubles, each reported once an episode: an episode ends with
   // a run that had none of them.
-  enum Trouble { BufferLimit, EndedAtOnce, Stalled, kTroubles };
+  enum Trouble { BufferLimit, EndedAtOnce, Stalled, StartFailed, kTroubles };
   bool firstOfEpisode(Trouble trouble);
 
   OmUnixProcess::ForkParams forkParams;
