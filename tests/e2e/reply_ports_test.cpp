@@ -39,6 +39,7 @@ TEST(ReplyPortsTest, HaproxyWeighsAndDrainsByTheProbeAndPromtoolReadsItsPage) {
   // clients below open however slow the machine.
   probe.Set("maxconnections", "2");
   probe.Set("requesttimeout", "600");
+  probe.Set("clientallow", "127.0.0.1");
   probe.Start();
   ASSERT_TRUE(probe.WaitUntilPolling());
 
@@ -97,6 +98,11 @@ TEST(ReplyPortsTest, HaproxyWeighsAndDrainsByTheProbeAndPromtoolReadsItsPage) {
   EXPECT_EQ(SendRequest(metricsPort, "\x16\x03\x01 hello\n").substr(0, 12), "HTTP/1.1 400");
   EXPECT_EQ(SendRequest(metricsPort, std::string(5000, 'G')).substr(0, 12), "HTTP/1.1 431");
   EXPECT_EQ(SendRequest(agentPort, "agent-send text\n"), "ready 70%\n");
+  // A client that clientallow does not name is closed unanswered.
+  const Output refused = Shell("curl -s --interface 127.0.0.2 " + url + "/metrics; echo \" $?\"; "
+                               "socat -T 10 - TCP:127.0.0.1:" + std::to_string(agentPort) +
+                               ",bind=127.0.0.2 </dev/null");
+  EXPECT_EQ(refused.out, " 52\n") << refused.err;  // curl's "empty reply from server"
 
   // At maxconnections a further client waits until one of the others ends.
   const int idle1 = Connect(metricsPort), idle2 = Connect(metricsPort), third = Connect(metricsPort);
