@@ -17,9 +17,9 @@ TEST(OmAddressRangeTest, ListsMembershipAtPrefixEdgesAndStrictParsing) {
   };
   for (const auto& c : cases) {
     OmAddressRangeList list;
-    OmInetAddr address;
-    ASSERT_TRUE(list.Parse(OmUniString(c.list)) && address.FromString(OmUniString(c.address), false));
-    EXPECT_EQ(list.Contains(address), c.inside) << c.list << " " << c.address;
+    OmInetAddr a;
+    ASSERT_TRUE(list.Parse(OmUniString(c.list)) && a.FromString(OmUniString(c.address), false));
+    EXPECT_EQ(list.Contains(a), c.inside) << c.list << " " << c.address;
   }
   OmAddressRangeList list;
   ASSERT_TRUE(list.Parse(OmUniString("1.2.3.4")));
