@@ -223,6 +223,14 @@ const MessageEntry kMessageCatalogue[kMessageCount] = {
      "The quelm loadprobe has {1} hosts, the maxsubscribers limit; further create commands are refused.\n"
      "This is not logged again until a create finds fewer hosts than the limit.\n"
      "Kill unused subscriptions, or raise maxsubscribers in the quelmloadprobe.properties file."},
+    {58, "quelmloadprobe/listener/error",  // LogReplyPortFailed
+     "The {1} port could not be opened on {2}: {3}.\n"
+     "The loadprobe runs on without it; load balancers and collectors that use it get no answer.\n"
+     "Choose a free port or another address in the quelmloadprobe.properties file and restart the loadprobe."},
+    {59, "quelmloadprobe/results/info",  // LogAgentCheckDrain
+     "The agent check now answers drain: average idle {1}, free virtual memory {2} percent."},
+    {60, "quelmloadprobe/results/info",  // LogAgentCheckReady
+     "The agent check now answers ready again: average idle {1}, free virtual memory {2} percent."},
 };
 
 namespace {
@@ -327,3 +335,6 @@ void LogClientRefused(const OmUniString& a1) { Log(54, a1); }
 void LogToolStartFailed(const OmUniString& a1, OmScalar<unsigned int> a2) { Log(55, a1, a2); }
 void LogSubscriberRefused(const OmUniString& a1, const OmUniString& a2) { Log(56, a1, a2); }
 void LogSubscriberLimit(OmScalar<unsigned int> a1) { Log(57, a1); }
+void LogReplyPortFailed(const OmUniString& a1, const OmUniString& a2, const OmUniString& a3) { Log(58, a1, a2, a3); }
+void LogAgentCheckDrain(OmScalar<unsigned int> a1, OmScalar<unsigned int> a2) { Log(59, a1, a2); }
+void LogAgentCheckReady(OmScalar<unsigned int> a1, OmScalar<unsigned int> a2) { Log(60, a1, a2); }

@@ -14,7 +14,7 @@ struct MessageEntry {
   const char* format;    // {1}, {2}, ... stand for the arguments in order
 };
 
-inline constexpr unsigned kMessageCount = 58;
+inline constexpr unsigned kMessageCount = 61;
 extern const MessageEntry kMessageCatalogue[kMessageCount];
 
 void LogPropsNotFound(const OmUniString& a1);
@@ -75,5 +75,9 @@ void LogClientRefused(const OmUniString& a1);
 void LogToolStartFailed(const OmUniString& a1, OmScalar<unsigned int> a2);
 void LogSubscriberRefused(const OmUniString& a1, const OmUniString& a2);
 void LogSubscriberLimit(OmScalar<unsigned int> a1);
+
+void LogReplyPortFailed(const OmUniString& a1, const OmUniString& a2, const OmUniString& a3);
+void LogAgentCheckDrain(OmScalar<unsigned int> a1, OmScalar<unsigned int> a2);
+void LogAgentCheckReady(OmScalar<unsigned int> a1, OmScalar<unsigned int> a2);
 
 #endif  // QUELM_AGENT_MESSAGES_H_

@@ -3,6 +3,7 @@
 #include "foundation/net/OmAddressRange.h"
 #include "foundation/properties/OmProperties.h"
 #include "foundation/string/OmCodeset.h"
+#include "foundation/net/OmInetAddr.h"
 
 namespace {
 
@@ -12,6 +13,11 @@ bool usableEncoding(const OmUniString& name) {
 }
 
 bool isAddressList(const OmUniString& text) { return OmAddressRangeList().Parse(text); }
+
+bool isAddress(const OmUniString& text) {
+  OmInetAddr address;
+  return address.FromString(text, false);
+}
 
 }  // namespace
 
@@ -60,6 +66,14 @@ const SettingKey kSettingKeys[SettingKey::Count] = {
     {QUELM_KEY "maxsubscribers", &Settings::maxSubscribers, nullptr, 0, nullptr, 0, true, 1000000},
     {QUELM_KEY "resolvetimeout", &Settings::resolveTimeout, nullptr, 0, nullptr, 0, true, 3600},
     {QUELM_KEY "resolvecache", &Settings::resolveCache, nullptr, 0, nullptr, 0, true, 86400},
+    // The agent check for HAProxy and the metrics page, each off by default.
+    {QUELM_KEY "agentcheckport", &Settings::agentCheckPort, nullptr, 0, nullptr, 0, true, 65535},
+    {QUELM_KEY "agentcheckmemoryweight", &Settings::agentCheckMemoryWeight, nullptr, 0, nullptr, 0, true, 100},
+    {QUELM_KEY "agentcheckdrainidle", &Settings::agentCheckDrainIdle, nullptr, 0, nullptr, 0, true, 100},
+    {QUELM_KEY "agentcheckdrainmemory", &Settings::agentCheckDrainMemory, nullptr, 0, nullptr, 0, true, 100},
+    {QUELM_KEY "metricsport", &Settings::metricsPort, nullptr, 0, nullptr, 0, true, 65535},
+    // Loopback: the page is unauthenticated, so reaching it from elsewhere is a choice.
+    {QUELM_KEY "metricsaddress", nullptr, &Settings::metricsAddress, 0, "127.0.0.1", 0, true, 0, &isAddress},
 };
 
 #undef QUELM_KEY

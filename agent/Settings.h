@@ -52,6 +52,13 @@ struct Settings {
   uint32_t maxSubscribers;      // hosts, look-ups under way included
   uint32_t resolveTimeout;      // seconds a look-up may take
   uint32_t resolveCache;        // seconds a found address is kept
+  // The agent check and metrics ports; 0 leaves each closed.
+  uint32_t agentCheckPort;
+  uint32_t agentCheckMemoryWeight;  // percent of the weight taken from free virtual memory
+  uint32_t agentCheckDrainIdle;     // percent idle below which the answer is drain
+  uint32_t agentCheckDrainMemory;   // percent free virtual memory below which it is drain
+  uint32_t metricsPort;
+  OmUniString metricsAddress;
 
   Settings();
 
@@ -97,6 +104,12 @@ struct SettingKey {
     MaxSubscribers,
     ResolveTimeout,
     ResolveCache,
+    AgentCheckPort,
+    AgentCheckMemoryWeight,
+    AgentCheckDrainIdle,
+    AgentCheckDrainMemory,
+    MetricsPort,
+    MetricsAddress,
     Count
   };
 

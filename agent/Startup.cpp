@@ -9,7 +9,10 @@
 #include "agent/ProcessExit.h"
 #include "agent/RunAs.h"
 #include "agent/Settings.h"
+#include "command/AgentCheck.h"
 #include "command/Listener.h"
+#include "command/MetricsPage.h"
+#include "command/ReplyListener.h"
 #include "foundation/event/OmEventLoop.h"
 #include "foundation/log/OmLog.h"
 #include "foundation/process/OmUnixProcess.h"
@@ -48,6 +51,29 @@ Listener::Options listenerOptions(const Settings& settings) {
   return options;
 }
 
+// The agent check and metrics ports, each only when configured. A port that
+// cannot be opened is logged and the probe runs on without it; like the
+// command port, they end with the process.
+ReplyListener* agentCheckListener = nullptr;
+ReplyListener* metricsListener = nullptr;
+
+void startReplyPorts(const Settings& settings, const Listener::Options& limits) {
+  if (settings.agentCheckPort != 0) {
+    agentCheckListener =
+        new ReplyListener(eventloop, "agent check", std::make_unique<AgentCheck>(settings));
+    OmInetAddr address = OmInetAddr::AddressAny();
+    address.Port(settings.agentCheckPort);
+    agentCheckListener->start(address, limits);
+  }
+  if (settings.metricsPort != 0) {
+    metricsListener = new ReplyListener(eventloop, "metrics", std::make_unique<MetricsPage>());
+    OmInetAddr address;
+    address.FromString(settings.metricsAddress, false);
+    address.Port(settings.metricsPort);
+    metricsListener->start(address, limits);
+  }
+}
+
 }  // namespace
 
 int probeMain(int argc, char** argv) {
@@ -84,6 +110,7 @@ int probeMain(int argc, char** argv) {
   myListener = new Listener(eventloop);
   myListener->setOptions(listenerOptions(settings));
   if (!myListener->startListener(static_cast<int>(settings.port))) return 1;
+  startReplyPorts(settings, myListener->options());
 
   myPidFile = new PidFile(settings.pidDirectory);
   becomeRunAsUser(settings);

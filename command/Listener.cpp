@@ -77,7 +77,7 @@ bool Listener::startListeningSocket(int port) {
 // With a reserve, connections may use only what the descriptor limit leaves
 // beyond the descriptors open now (tool pipe, logs, sockets) and the
 // reserve, so that the tool can always be restarted and the logs reopened.
-unsigned Listener::connectionCapFor(unsigned maxConnections, unsigned reserve) const {
+unsigned Listener::connectionCapFor(unsigned maxConnections, unsigned reserve) {
   if (reserve == 0) return maxConnections;
   rlimit limit{};
   const long open = openDescriptors();

@@ -38,6 +38,10 @@ class Listener {
   Listener(const Listener&) = delete;
   Listener& operator=(const Listener&) = delete;
 
+  // The most connections a port may have open at once under these limits;
+  // 0: no cap. Every port of the probe shares the rule.
+  static unsigned connectionCapFor(unsigned maxConnections, unsigned reserve);
+
   // Before startListener.
   void setOptions(const Options& o) { opts = o; }
   const Options& options() const { return opts; }
@@ -65,7 +69,6 @@ class Listener {
 
  private:
   void resumeCB(OmEventCallback* cb, OmEvent::cbdispatch reason);
-  unsigned connectionCapFor(unsigned maxConnections, unsigned reserve) const;
   void connectionOpened();
 
   OmEventLoop& loop;

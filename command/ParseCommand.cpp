@@ -2,6 +2,7 @@
 
 #include <cstdint>
 
+#include "agent/Counters.h"
 #include "agent/Globals.h"
 #include "agent/Messages.h"
 #include "agent/Settings.h"
@@ -107,11 +108,14 @@ OmUniString& ParseCommand::doCommand(OmUniString& text) {
 
   Quelm_LbsTransmission transmission(text);
   if (!transmission.isValid()) {
+    ++probeCounters.commands[ProbeCounters::Unknown];
     errors << PARSING_ERROR;
     return errorReply(errors.Str());
   }
 
   const LbsCommand command = transmission.getCommand();
+  const int type = static_cast<int>(command);
+  ++probeCounters.commands[type < ProbeCounters::Unknown ? type : ProbeCounters::Unknown];
   const bool versionFound =
       transmission.getAttributes().getByName(Quelm_LbsTransmission::KEY_VERSION, version);
   // The get line carries no attributes, so there is no version to check.

@@ -2,6 +2,7 @@
 
 #include <cstring>
 
+#include "agent/Counters.h"
 #include "agent/Messages.h"
 #include "command/Listener.h"
 #include "command/ParseCommand.h"
@@ -126,6 +127,7 @@ bool RequestCircuit::isComplete(OmByteBuffer& request) {
 }
 
 void RequestCircuit::reject() {
+  ++probeCounters.commandBadRequests;
   LogBadCommand(static_cast<unsigned>(requestBuffer.Length()), asText(requestBuffer));
   requestBuffer.SetLength(0);
   SendReply(BAD_REQUEST_MESSAGE, true);

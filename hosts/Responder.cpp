@@ -3,6 +3,7 @@
 #include <charconv>
 #include <type_traits>
 
+#include "agent/Counters.h"
 #include "agent/Globals.h"
 #include "agent/Messages.h"
 #include "agent/Settings.h"
@@ -96,10 +97,12 @@ OmStatus::Value Responder::sendPacket(const std::string& bytes, const OmInetAddr
     default: break;
   }
   if (failure != nullptr) {
+    ++probeCounters.loadPacketsFailed;
     LogLoadPacketFail(hostName, dest.AsString(true), OmUniString(failure),
                       static_cast<unsigned>(socket.LastError().Errno()));
     return OmStatus::Failure;
   }
+  ++probeCounters.loadPacketsSent;
   LogLoadPacketSent(hostName, dest);
   return OmStatus::Success;
 }

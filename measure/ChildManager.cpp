@@ -8,6 +8,7 @@
 #include <csignal>
 #include <cstdlib>
 
+#include "agent/Counters.h"
 #include "agent/Globals.h"
 #include "agent/Logging.h"
 #include "agent/Messages.h"
@@ -265,6 +266,7 @@ void ChildManager::afterRun() {
     runObserver(static_cast<unsigned>(idle));
   }
   filter->resetFilter();
+  ++probeCounters.toolRestarts;
 
   // A tool that ends at once would be restarted as fast as it can fork: its
   // next start waits until a sample interval after the previous one.

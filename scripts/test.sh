@@ -4,7 +4,7 @@
 # UndefinedBehaviorSanitizer build.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-bash scripts/deps.sh curl libxml2-utils socat valgrind systemd clang libclang-rt-14-dev
+bash scripts/deps.sh curl libxml2-utils socat valgrind systemd clang libclang-rt-14-dev haproxy prometheus iproute2
 jobs=$(nproc)
 
 cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQUELM_WERROR=ON >/dev/null

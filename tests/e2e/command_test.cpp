@@ -64,6 +64,8 @@ TEST_F(CommandTest, RawClientsTheToolsOutputAndABusyPort) {
   second.Set("port", std::to_string(port));
   second.Start();
   const std::string idle = GetDoc() + "No Updates</znalbreply>";
+  // Without the agent check and metrics keys the command port is its only one.
+  EXPECT_EQ(Shell("ss -Hltnp | grep -c 'pid=" + std::to_string(probe_->pid()) + ",'").out, "1\n");
   const Output curl = Shell("curl --http0.9 -s --max-time 10 'http://127.0.0.1:" +
                             std::to_string(port) + "/?get&znalbinfo'");
   EXPECT_TRUE(Matches(curl.out, idle)) << curl.out;

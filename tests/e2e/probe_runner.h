@@ -24,6 +24,9 @@ namespace fs = std::filesystem;
 // Polls cond every 20 ms until it holds (true) or the timeout passes (false).
 bool Eventually(const std::function<bool()>& cond, std::chrono::milliseconds timeout = 30s);
 
+// A TCP port on 127.0.0.1 that was free a moment ago.
+int FreePort();
+
 // The probe on the sample configuration, with its own port, log and pid
 // folders, sample rate 5 and window size 3.
 class ProbeRunner {

@@ -30,15 +30,19 @@ ProbeRunner::ProbeRunner() {
   char tmpl[] = "/tmp/quelm-e2e-XXXXXX";
   dir_ = mkdtemp(tmpl);
   fs::create_directories(dir_ + "/logs"), fs::create_directories(dir_ + "/run");
-  const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);  // a free port
+  port_ = FreePort();
+  props_ = {{"port", std::to_string(port_)}, {"logdirectory", dir_ + "/logs"},
+            {"piddirectory", dir_ + "/run"}, {"samplerate", "5"}, {"windowsize", "3"}};
+}
+
+int FreePort() {
+  const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   sockaddr_in addr = Loopback(0);
   socklen_t len = sizeof addr;
   bind(fd, reinterpret_cast<sockaddr*>(&addr), len);
   getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len);
   close(fd);
-  port_ = ntohs(addr.sin_port);
-  props_ = {{"port", std::to_string(port_)}, {"logdirectory", dir_ + "/logs"},
-            {"piddirectory", dir_ + "/run"}, {"samplerate", "5"}, {"windowsize", "3"}};
+  return ntohs(addr.sin_port);
 }
 
 ProbeRunner::~ProbeRunner() {

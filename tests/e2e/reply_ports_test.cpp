@@ -1,0 +1,118 @@
+// The agent check and metrics ports with the real consumers: HAProxy weighs
+// and drains a server by the probe's figures, promtool reads the page.
+#include <poll.h>
+#include <unistd.h>
+
+#include "probe_runner.h"
+
+namespace {
+
+// A metric's value on the page, or -1.
+double Metric(const std::string& page, const std::string& name) {
+  std::smatch m;
+  const std::regex line("\n" + std::regex_replace(name, std::regex("[{}\"]"), "\\$&") + " (\\S+)\n");
+  return std::regex_search(page, m, line) ? std::stod(m[1]) : -1;
+}
+
+}  // namespace
+
+TEST(ReplyPortsTest, HaproxyWeighsAndDrainsByTheProbeAndPromtoolReadsItsPage) {
+  // The test command installs both: their absence is a failure, not a skip.
+  ASSERT_EQ(Shell("command -v haproxy && command -v promtool && command -v socat").status, 0);
+  ProbeRunner probe;
+  const std::string dir = probe.dir();
+  // Every run of the fake tool gives one sample with the idle figure in dir/idle.
+  auto feed = [&](int idle) {
+    ProbeRunner::WriteFile(dir + "/idle.new", "0 0 0 1000 2000 3 4 5 6 7 8 9 10 11 12 " +
+                                                  std::to_string(idle) + "\n");
+    rename((dir + "/idle.new").c_str(), (dir + "/idle").c_str());
+  };
+  feed(80);
+  probe.SetTool("printf 'first header\\nsecond header\\n1 1 1 1 1 1 1 1 1 1 1 1 1 1 1 1\\n'\n"
+                "cat " + dir + "/idle\nsleep 0.2\n");
+  const int agentPort = FreePort(), metricsPort = FreePort();
+  probe.Set("agentcheckport", std::to_string(agentPort));
+  probe.Set("agentcheckdrainidle", "30");
+  probe.Set("agentcheckmemoryweight", "50");
+  probe.Set("metricsport", std::to_string(metricsPort));
+  // The command port's limits hold here too; the timeout keeps the idle
+  // clients below open however slow the machine.
+  probe.Set("maxconnections", "2");
+  probe.Set("requesttimeout", "600");
+  probe.Set("clientallow", "127.0.0.1");
+  probe.Start();
+  ASSERT_TRUE(probe.WaitUntilPolling());
+
+  // The server itself is never connected to; only its agent is asked.
+  ProbeRunner::WriteFile(dir + "/haproxy.cfg",
+      "global\n  stats socket " + dir + "/admin.sock level admin\n"
+      "defaults\n  mode tcp\n  timeout connect 1s\n  timeout client 5s\n  timeout server 5s\n"
+      "backend be\n  server web1 127.0.0.1:" + std::to_string(probe.port()) +
+      " weight 100 agent-check agent-port " + std::to_string(agentPort) + " agent-inter 100ms\n");
+  Ctl haproxy({"/bin/sh", "-c", "exec haproxy -db -f " + dir + "/haproxy.cfg"});
+  // "<admin state> <weight>" of web1: 0 is ready, 8 drained.
+  std::string state;
+  auto serverIs = [&](const std::string& wanted) {
+    const Output o = Shell("echo 'show servers state be' | socat -t 5 - UNIX-CONNECT:" + dir +
+                           "/admin.sock | awk '$4 == \"web1\" { print $7, $8 }'");
+    return std::regex_match(state = o.out, std::regex(wanted + "\n"));
+  };
+  // Idle 80 and 99 % of virtual memory free, half and half: 90 %.
+  EXPECT_TRUE(Eventually([&] { return serverIs("0 90"); }, 60s)) << state << haproxy.Err();
+  feed(10);
+  // Drained, its weight left as it was.
+  EXPECT_TRUE(Eventually([&] { return serverIs("8 \\d+"); }, 60s)) << state;
+  EXPECT_TRUE(probe.WaitForLog("The agent check now answers drain: average idle 10"));
+  feed(40);  // (40 + 99) / 2
+  EXPECT_TRUE(Eventually([&] { return serverIs("0 70"); }, 60s)) << state;
+
+  // The page as promtool sees it, and its counters moving.
+  const std::string url = "http://127.0.0.1:" + std::to_string(metricsPort);
+  auto page = [&] { return Shell("curl -sf --max-time 10 " + url + "/metrics").out; };
+  const Output checked = Shell("curl -sf --max-time 10 " + url + "/metrics | promtool check metrics");
+  EXPECT_EQ(checked.status, 0) << checked.out << checked.err;
+  const std::string before = page();
+  EXPECT_EQ(Metric(before, "quelmloadprobe_cpu_idle_ratio"), 0.4) << before;
+  EXPECT_GT(Metric(before, "quelmloadprobe_agent_checks_total"), 0);
+  SendRequest(probe.port(), "GET /?get&znalbinfo");
+  SendRequest(probe.port(), "GET /");
+  SendRequest(probe.port(), "<znalbreq type=\"create\"><host>127.0.0.1</host><port>9</port>"
+              "<samplerate>5</samplerate><windowsize>3</windowsize><replyfreq>1</replyfreq>"
+              "<percentchange>20</percentchange><stat>cpu</stat><id>7</id><version>1.0</version>"
+              "</znalbreq>");
+  std::string after;
+  EXPECT_TRUE(Eventually([&] {
+    return Metric(after = page(), "quelmloadprobe_load_packets_sent_total") > 0;
+  })) << after;
+  for (const char* counter : {"quelmloadprobe_commands_total{type=\"get\"}",
+                              "quelmloadprobe_commands_total{type=\"create\"}",
+                              "quelmloadprobe_bad_requests_total{port=\"command\"}"}) {
+    EXPECT_EQ(Metric(after, counter), Metric(before, counter) + 1) << counter;
+  }
+  EXPECT_GT(Metric(after, "quelmloadprobe_tool_restarts_total"),
+            Metric(before, "quelmloadprobe_tool_restarts_total"));
+  EXPECT_EQ(Metric(after, "quelmloadprobe_subscribers"), 1);
+  // Other paths, other methods and garbage get an answer and a closed connection.
+  EXPECT_EQ(Shell("curl -s -o /dev/null -w '%{http_code}' " + url + "/other").out, "404");
+  EXPECT_EQ(SendRequest(metricsPort, "POST /metrics HTTP/1.1\r\n\r\n").substr(0, 12), "HTTP/1.1 405");
+  EXPECT_EQ(SendRequest(metricsPort, "\x16\x03\x01 hello\n").substr(0, 12), "HTTP/1.1 400");
+  EXPECT_EQ(SendRequest(metricsPort, std::string(5000, 'G')).substr(0, 12), "HTTP/1.1 431");
+  EXPECT_EQ(SendRequest(agentPort, "agent-send text\n"), "ready 70%\n");
+  // A client that clientallow does not name is closed unanswered.
+  const Output refused = Shell("curl -s --interface 127.0.0.2 " + url + "/metrics; echo \" $?\"; "
+                               "socat -T 10 - TCP:127.0.0.1:" + std::to_string(agentPort) +
+                               ",bind=127.0.0.2 </dev/null");
+  EXPECT_EQ(refused.out, " 52\n") << refused.err;  // curl's "empty reply from server"
+
+  // At maxconnections a further client waits until one of the others ends.
+  const int idle1 = Connect(metricsPort), idle2 = Connect(metricsPort), third = Connect(metricsPort);
+  ASSERT_EQ(write(third, "GET /metrics HTTP/1.0\r\n\r\n", 25), 25);
+  pollfd answer{third, POLLIN, 0};
+  EXPECT_EQ(poll(&answer, 1, 1000), 0);
+  close(idle1);
+  EXPECT_EQ(poll(&answer, 1, 30000), 1);
+  close(idle2), close(third);
+  // A host left subscribed at the end counts as a leak in a sanitizer build.
+  SendRequest(probe.port(), "<znalbreq type=\"kill\"><id>7</id><version>1.0</version></znalbreq>");
+  EXPECT_EQ(probe.Stop(SIGTERM), 92) << ProbeRunner::ReadFile(dir + "/stderr.txt");
+}
