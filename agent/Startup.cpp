@@ -99,6 +99,7 @@ int probeMain(int argc, char** argv) {
       BaseFilter::createFilter(settings.filter, settings.maxVirtualMemory, settings.maxPhysMemory);
   if (myFilter == nullptr) processExit(4);
   HostListMgr::init(&eventloop);
+  myResponder->batchWith(eventloop);
 
   myChildManager = new ChildManager(eventloop, myFilter, &HostListMgr::percentChangeCheck);
   // Measured again now that the process is set up.

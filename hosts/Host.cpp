@@ -92,16 +92,17 @@ void Host::armTimer() {
 }
 
 bool Host::send(StatsPacket* stats) {
-  if (myResponder->sendLoadPacket(0, text, id, stats, flags, address, name) !=
-      OmStatus::Success) {
-    return false;  // the last values stay as they were
-  }
-  lastIdle = stats->idle;
-  lastVmem = stats->vmem;
-  lastPmem = stats->pmem;
+  // On failure the last values stay as they were.
+  return myResponder->sendLoadPacket(0, text, id, stats, flags, address, name, this) ==
+         OmStatus::Success;
+}
+
+void Host::packetSent(const StatsPacket& stats) {
+  lastIdle = stats.idle;
+  lastVmem = stats.vmem;
+  lastPmem = stats.pmem;
   lastBogo = static_cast<unsigned>(myBogomips->getBogomips());
   lastSendTime = OmTimeVal::now();
-  return true;
 }
 
 int Host::sendLoad(StatsPacket* stats) {

@@ -8,13 +8,14 @@
 #include "foundation/net/OmInetAddr.h"
 #include "foundation/string/OmTimeVal.h"
 #include "foundation/string/OmUniString.h"
+#include "hosts/Responder.h"
 
 class OmEventLoop;
 struct StatsPacket;
 
 // A subscriber: a machine that is sent load packets over UDP at its reply
 // frequency and whenever its load figures change by its threshold.
-class Host {
+class Host final : private Responder::SentCB {
  public:
   static constexpr unsigned CPU = 1;
   static constexpr unsigned BOGO = 2;
@@ -57,8 +58,9 @@ class Host {
   unsigned getCacheEntries() const { return cacheEntries; }
 
  private:
-  // Sends an average and records what was sent; false when the send failed.
+  // Sends an average; packetSent records what was sent, once it went out.
   bool send(StatsPacket* stats);
+  void packetSent(const StatsPacket& stats) override;
   // Stores the wishes only; the public constructors then start the host.
   Host(const OmUniString& name, unsigned port, unsigned sampleRateMs, unsigned windowSize,
        unsigned replyFrequencyMs, unsigned percentChangeThreshold, unsigned id,

@@ -2,11 +2,13 @@
 
 #include <charconv>
 #include <type_traits>
+#include <utility>
 
 #include "agent/Counters.h"
 #include "agent/Globals.h"
 #include "agent/Messages.h"
 #include "agent/Settings.h"
+#include "foundation/event/OmEventLoop.h"
 #include "foundation/net/OmSocketAddress.h"
 #include "foundation/string/OmByteBuffer.h"
 #include "foundation/string/OmTimeVal.h"
@@ -70,25 +72,65 @@ void Responder::writeStats(OmOSStream& out, unsigned flags, const StatsPacket& s
 
 OmStatus::Value Responder::sendLoadPacket(unsigned, const OmUniString&, unsigned id,
                                           StatsPacket* stats, unsigned flags,
-                                          const OmInetAddr& dest, const OmUniString& hostName) {
+                                          const OmInetAddr& dest, const OmUniString& hostName,
+                                          SentCB* sent) {
   if (stats == nullptr) return OmStatus::Failure;
-  packet.clear();
-  PacketText out(packet);
+  const bool batched = loop != nullptr && loop->InBatch();
+  const size_t slot = batched ? queued++ : queued;
+  if (packets.size() <= slot) packets.resize(slot + 1);
+  Packet& p = packets[slot];
+  p.bytes.clear();
+  PacketText out(p.bytes);
   out << "<?xml version=\"1.0\"?>"
       << "<znalbdata>"
       << "<id>" << id << "</id>"
       << "<seqno>" << OmTimeVal::now().Time() << "</seqno>";
   writeStatsTo(out, flags, *stats, myBogomips->getBogomips(), PacketEntries);
   out << "</znalbdata>";
-  return sendPacket(packet, dest, hostName);
+  p.dest = dest;
+  p.hostName = &hostName;
+  p.stats = *stats;
+  p.sent = sent;
+  if (batched) return OmStatus::Success;
+
+  long done = 0;
+  return report(socket.WriteMessage(p.bytes.data(), static_cast<long>(p.bytes.size()), done,
+                                    dest),
+                p);
 }
 
-OmStatus::Value Responder::sendPacket(const std::string& bytes, const OmInetAddr& dest,
-                                      const OmUniString& hostName) {
-  long done = 0;
-  const int result =
-      socket.WriteMessage(bytes.data(), static_cast<long>(bytes.size()), done, dest);
+void Responder::batchWith(OmEventLoop& eventLoop) {
+  loop = &eventLoop;
+  loop->SetAfterBatch(&flushCallback);
+}
 
+void Responder::flushCB(OmEventCallback*, OmEvent::cbdispatch) {
+  const size_t count = std::exchange(queued, 0);
+  headers.resize(count);
+  buffers.resize(count);
+  addresses.resize(count);
+  for (size_t i = 0; i < count; ++i) {
+    addresses[i] = packets[i].dest.ToSockaddr();
+    buffers[i] = {packets[i].bytes.data(), packets[i].bytes.size()};
+    headers[i] = {};
+    headers[i].msg_hdr.msg_name = &addresses[i];
+    headers[i].msg_hdr.msg_namelen = sizeof(sockaddr_in);
+    headers[i].msg_hdr.msg_iov = &buffers[i];
+    headers[i].msg_hdr.msg_iovlen = 1;
+  }
+  // The kernel stops at a packet that fails and tells why only when asked
+  // again starting with it: reported as a single send would be, the rest go
+  // on without it.
+  for (size_t next = 0; next < count;) {
+    int result = OmFile::ioComplete;
+    const unsigned sent =
+        socket.WriteMessages(&headers[next], static_cast<unsigned>(count - next), result);
+    for (const size_t end = next + sent; next < end; ++next) report(result, packets[next]);
+    if (sent == 0) report(result, packets[next++]);
+  }
+}
+
+OmStatus::Value Responder::report(int result, const Packet& p) {
   const char* failure = nullptr;
   switch (result) {
     case OmFile::ioError: failure = "ioError"; break;
@@ -98,11 +140,12 @@ OmStatus::Value Responder::sendPacket(const std::string& bytes, const OmInetAddr
   }
   if (failure != nullptr) {
     ++probeCounters.loadPacketsFailed;
-    LogLoadPacketFail(hostName, dest.AsString(true), OmUniString(failure),
+    LogLoadPacketFail(*p.hostName, p.dest.AsString(true), OmUniString(failure),
                       static_cast<unsigned>(socket.LastError().Errno()));
     return OmStatus::Failure;
   }
   ++probeCounters.loadPacketsSent;
-  LogLoadPacketSent(hostName, dest);
+  LogLoadPacketSent(*p.hostName, p.dest);
+  if (p.sent != nullptr) p.sent->packetSent(p.stats);
   return OmStatus::Success;
 }

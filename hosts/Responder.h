@@ -1,16 +1,22 @@
 #ifndef QUELM_HOSTS_RESPONDER_H_
 #define QUELM_HOSTS_RESPONDER_H_
 
+#include <sys/socket.h>
+
 #include <cstdint>
 #include <string>
+#include <vector>
 
+#include "foundation/event/OmCallback.h"
 #include "foundation/net/OmInetAddr.h"
 #include "foundation/net/OmSocket.h"
 #include "foundation/string/OmOSStream.h"
 #include "foundation/string/OmStatus.h"
 #include "foundation/string/OmUniString.h"
 
-struct StatsPacket;
+#include "measure/StatsPacket.h"
+
+class OmEventLoop;
 
 // Owns the probe's UDP socket and sends load packets to subscribed hosts.
 // Also owns the format of the stats record, which the get reply reuses.
@@ -22,11 +28,26 @@ class Responder {
   Responder(const Responder&) = delete;
   Responder& operator=(const Responder&) = delete;
 
-  // Builds and sends one packet. The timestamp and text are accepted and not
-  // used: the sequence number always comes from the clock.
+  // Told of a packet that went out, with the figures it carried.
+  class SentCB {
+   public:
+    virtual void packetSent(const StatsPacket& stats) = 0;
+
+   protected:
+    ~SentCB() = default;
+  };
+
+  // Builds and sends one packet; sent (if any) hears of its success. The
+  // timestamp and text are accepted and not used: the sequence number always
+  // comes from the clock. Within a batch of the loop's timeouts the packet
+  // is queued (Success) and goes out with the batch's others in one system
+  // call when the batch ends, each logged and reported in order; the sender
+  // and its name must outlive the batch.
   OmStatus::Value sendLoadPacket(unsigned timestamp, const OmUniString& text, unsigned id,
                                  StatsPacket* stats, unsigned flags, const OmInetAddr& dest,
-                                 const OmUniString& hostName);
+                                 const OmUniString& hostName, SentCB* sent = nullptr);
+  // Queues the packets sent during the loop's timeout batches.
+  void batchWith(OmEventLoop& loop);
 
   // Which entries the VMEM flag selects: a load packet's vmem is followed by
   // the configured maxima, physical memory and swapping; a reply's stands alone.
@@ -37,12 +58,26 @@ class Responder {
                          int64_t bogomips, StatsEntries entries);
 
  private:
-  // One datagram of the packet's bytes; a partial write is a failure.
-  OmStatus::Value sendPacket(const std::string& packet, const OmInetAddr& dest,
-                             const OmUniString& hostName);
+  struct Packet {
+    std::string bytes;  // kept for its capacity
+    OmInetAddr dest;
+    const OmUniString* hostName = nullptr;
+    StatsPacket stats;
+    SentCB* sent = nullptr;
+  };
+  // Logs and counts a packet's outcome (an OmFile io result); a partial
+  // write is a failure.
+  OmStatus::Value report(int result, const Packet& p);
+  void flushCB(OmEventCallback* cb, OmEvent::cbdispatch reason);
 
   OmSocket socket;
-  std::string packet;  // kept for its capacity: one packet is built at a time
+  OmEventLoop* loop = nullptr;
+  std::vector<Packet> packets;  // [0, queued) wait for the batch's end
+  size_t queued = 0;
+  std::vector<mmsghdr> headers;
+  std::vector<iovec> buffers;
+  std::vector<sockaddr_in> addresses;
+  OmSimpleCallback<OmEvent::cbdispatch, Responder> flushCallback{this, &Responder::flushCB};
 };
 
 #endif  // QUELM_HOSTS_RESPONDER_H_

@@ -193,19 +193,27 @@ void OmEventLoop::RunOneTurn() {
 
 void OmEventLoop::FireFirstTimeout() {
   if (timeouts_.IsEmpty()) return;
+  FireTimeout();
+  if (!timeouts_.IsEmpty() && timeouts_.Batched(0)) {
+    // Those the next turn would fire without waiting (due within the wait's
+    // millisecond) fire now instead.
+    const OmTimeVal now = OmTimeVal::now();
+    for (size_t n = 1; n < kMaxBatch && !timeouts_.IsEmpty(); ++n) {
+      if (!timeouts_.Batched(0) || WaitMilliseconds(now) > kBatchWindowMs) break;
+      FireTimeout();
+    }
+  }
+  if (!inBatch_) return;
+  inBatch_ = false;
+  if (afterBatch_ != nullptr) afterBatch_->Dispatch(OmEvent::fired);
+}
+
+void OmEventLoop::FireTimeout() {
+  inBatch_ = inBatch_ || timeouts_.Batched(0);
   // Out of the list before dispatch, so a callback that re-arms itself is not
   // fired twice in one turn.
   const OmEventTimeout entry = timeouts_.TakeFirst();
   if (entry.callback != nullptr) entry.callback->Dispatch(OmEvent::fired);
-  if (timeouts_.IsEmpty() || !timeouts_.Batched(0)) return;
-  // Those the next turn would fire without waiting (due within the wait's
-  // millisecond) fire now instead.
-  const OmTimeVal now = OmTimeVal::now();
-  for (size_t n = 1; n < kMaxBatch && !timeouts_.IsEmpty(); ++n) {
-    if (!timeouts_.Batched(0) || WaitMilliseconds(now) > kBatchWindowMs) return;
-    const OmEventTimeout due = timeouts_.TakeFirst();
-    if (due.callback != nullptr) due.callback->Dispatch(OmEvent::fired);
-  }
 }
 
 void OmEventLoop::ReportPollFailure(int err, int wait) {

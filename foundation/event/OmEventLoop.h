@@ -65,6 +65,12 @@ class OmEventLoop : public OmEventLoopBase {
   // the place for work collected during a turn, such as log output. Not owned;
   // null removes it.
   void SetBeforeSleep(OmEventCallback* cb) { beforeSleep_ = cb; }
+  // Dispatched (with fired) once a turn's batched timeouts have fired, before
+  // any descriptor is read: work they all queued can then be done in one go.
+  // Not owned; null removes it.
+  void SetAfterBatch(OmEventCallback* cb) { afterBatch_ = cb; }
+  // True while batched timeouts fire, until the after-batch hook is called.
+  bool InBatch() const { return inBatch_; }
 
   // Introspection for tests and diagnostics.
   size_t TimeoutCount() const { return timeouts_.Length(); }
@@ -82,6 +88,7 @@ class OmEventLoop : public OmEventLoopBase {
   pollfd& Entry(size_t i) { return pollList_[i + 1]; }
   int WaitMilliseconds(const OmTimeVal& now) const;
   void FireFirstTimeout();
+  void FireTimeout();
   void ReportPollFailure(int err, int wait);
   void DispatchReady();
   static void ClearSlot(OmISparseArray<FileRecord>& array, unsigned fd);
@@ -96,6 +103,8 @@ class OmEventLoop : public OmEventLoopBase {
   size_t pollCapacity_ = 0;
   size_t pollCount_ = 0;
   OmEventCallback* beforeSleep_ = nullptr;
+  OmEventCallback* afterBatch_ = nullptr;
+  bool inBatch_ = false;
 };
 
 #endif  // QUELM_FOUNDATION_EVENT_OMEVENTLOOP_H_

@@ -217,6 +217,24 @@ int OmSocket::WriteMessage(const void* buf, long len, long& done, const OmInetAd
   return ioError;
 }
 
+unsigned OmSocket::WriteMessages(mmsghdr* msgs, unsigned count, int& result) {
+  const int n = ::sendmmsg(fd_, msgs, count, 0);
+  if (n <= 0) {
+    // Only the first can have failed: the kernel reports an error on a
+    // later one as a shorter count. A datagram goes whole or not at all.
+    result = ioPartial;
+    if (n == 0 || errno == EAGAIN || errno == EWOULDBLOCK) return 0;
+    const int err = errno;
+    OmOSStream args;
+    args << fd_ << ",<messages>," << count << ",0";
+    Record(err, "sendmmsg", args.Str());
+    result = ioError;
+    return 0;
+  }
+  result = ioComplete;
+  return static_cast<unsigned>(n);
+}
+
 namespace {
 
 bool ToInet(const sockaddr_storage& storage, OmInetAddr& addr) {

@@ -45,6 +45,10 @@ class OmSocket : public OmFile {
   // One datagram each; transfer results as OmFile::Read/Write.
   int ReadMessage(void* buf, long len, long& done, OmInetAddr& from);
   int WriteMessage(const void* buf, long len, long& done, const OmInetAddr& to);
+  // Datagrams in one system call. Returns how many went out whole before
+  // the kernel stopped (ioComplete in result); 0 when the first did not go,
+  // with its outcome as WriteMessage would give it in result.
+  unsigned WriteMessages(mmsghdr* msgs, unsigned count, int& result);
 
   bool RemoteAddress(OmInetAddr& addr);
   bool LocalAddress(OmInetAddr& addr);

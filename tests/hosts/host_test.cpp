@@ -7,6 +7,7 @@
 #include <string>
 
 #include "AgentFixture.h"
+#include "agent/Counters.h"
 
 namespace {
 
@@ -71,6 +72,36 @@ TEST_F(HostTest, PercentChange) {
 
   host->percentChange(55);  // below the threshold
   EXPECT_TRUE(nothingWaiting());
+}
+
+// Timers firing together send in one go, yet each packet, log line, count
+// and recorded figure is a lone send's, a failure in the middle included.
+TEST_F(HostTest, BatchedSendsMatchLoneSends) {
+  myResponder->batchWith(loop);
+  addSample(60, 100, 50);
+  const ProbeCounters before = probeCounters;
+  // A millisecond apart: due in this order, and within one batch.
+  Host* hosts[3];
+  for (unsigned i = 0; i < 3; ++i) {
+    env.now = OmTimeVal(kNineOClock, i * 1000);
+    hosts[i] = HostListMgr::addHost(OmUniString(i == 1 ? "255.255.255.255" : "127.0.0.1"), port,
+                                    5000, 3, 10000, 10, i + 1, OmUniString("text"), Host::CPU);
+  }
+  env.now = OmTimeVal(kNineOClock + 10, 2000);
+  runDue();
+  EXPECT_EQ(packet(1, kNineOClock + 10, "cpu=60 "), receive());
+  EXPECT_EQ(packet(3, kNineOClock + 10, "cpu=60 "), receive());
+  const std::string log = logText();
+  const size_t failed = log.find("to address 255.255.255.255:" + std::to_string(port) +
+                                 ". Error was ioError, errno was 13.");
+  EXPECT_LT(log.find("sent to 127.0.0.1:"), failed);
+  EXPECT_NE(std::string::npos, log.find("sent to 127.0.0.1:", failed));
+  EXPECT_EQ(before.loadPacketsSent + 2, probeCounters.loadPacketsSent);
+  EXPECT_EQ(before.loadPacketsFailed + 1, probeCounters.loadPacketsFailed);
+  for (int i : {0, 1, 2}) {
+    EXPECT_EQ(i == 1 ? 0u : 60u, hosts[i]->getLastIdle());
+    EXPECT_EQ(kNineOClock + (i == 1 ? 0 : 10), hosts[i]->getLastSendTime().seconds);
+  }
 }
 
 }  // namespace
