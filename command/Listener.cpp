@@ -38,10 +38,9 @@ Listener::~Listener() {
   connectionCap = 0;  // circuits closing below must not reopen the port
   RemoveCallback();
   if (pausedForDescriptors) loop.RemoveTimeoutEvent(resumeTime, &resumeCallback);
-  // Withdrawing a pending deletion runs it at once.
-  for (const PendingDelete& pending : std::deque<PendingDelete>(pendingDeletes)) {
-    loop.RemoveTimeoutEvent(pending.when, pending.callback);
-  }
+  if (deleteArmed) loop.RemoveTimeoutEvent(deleteTime, &deleteCallback);
+  for (const PendingDelete& pending : pendingDeletes) delete pending.rc;
+  pendingDeletes.clear();
   for (RequestCircuit* rc : circuits.Snapshot()) delete rc;
   circuits.Clear();
   socket.Close();
@@ -172,31 +171,45 @@ void Listener::connectionClosed() {
 
 void Listener::DeleteRequestCircuit(RequestCircuit* rc) {
   if (circuits.Remove(rc)) ++removedCount;
-  const OmTimeVal now = OmTimeVal::now();
-  const OmTimeVal when(now.seconds + 1, now.microseconds);
-  auto* cb = new OmCallbackWithData<OmEvent::cbdispatch, Listener, RequestCircuit*>(
-      this, &Listener::deleteCB, rc);
-  pendingDeletes.push_back({when, cb});
-  // One a request: under load they ride along with the turns the requests
-  // make rather than each waking the loop.
-  loop.AddBatchedTimeoutEvent(when, cb);
+  pendingDeletes.push_back({OmTimeVal::now().PlusSeconds(1), rc});
+  armDeletion();
 }
 
-void Listener::deleteCB(OmEventCallback* cb, OmEvent::cbdispatch reason, RequestCircuit* rc) {
-  // Deleted whether fired or withdrawn: nothing else refers to either.
-  for (auto it = pendingDeletes.begin(); it != pendingDeletes.end(); ++it) {
-    if (it->callback == cb) {
-      pendingDeletes.erase(it);
-      break;
-    }
-  }
-  if (reason == OmEvent::fired && opts.closeBrokenConnections && rc->isSending()) {
-    // A slow reader keeps its reply: look again in a second.
-    const OmTimeVal when = OmTimeVal::now().PlusSeconds(1);
-    pendingDeletes.push_back({when, cb});
-    loop.AddTimeoutEvent(when, cb);
+void Listener::circuitRetired(RequestCircuit* rc) {
+  // Most finish within the handler that scheduled them: near the back.
+  for (auto it = pendingDeletes.rbegin(); it != pendingDeletes.rend(); ++it) {
+    if (it->rc != rc) continue;
+    it->rc = nullptr;
+    delete rc;
     return;
   }
-  delete rc;
-  delete cb;
+}
+
+void Listener::armDeletion() {
+  if (deleteArmed || pendingDeletes.empty()) return;
+  deleteTime = pendingDeletes.front().when;
+  // Batched: under load it rides along with the turns the requests make
+  // rather than waking the loop.
+  deleteArmed = loop.AddBatchedTimeoutEvent(deleteTime, &deleteCallback);
+}
+
+void Listener::deleteCB(OmEventCallback*, OmEvent::cbdispatch reason) {
+  if (reason != OmEvent::fired) return;
+  deleteArmed = false;
+  // Those due within the loop's batch window go now, as their own timers
+  // would have.
+  const OmTimeVal now = OmTimeVal::now();
+  const OmTimeVal due = now.PlusMilliseconds(OmEventLoop::kBatchWindowMs);
+  while (!pendingDeletes.empty() && pendingDeletes.front().when <= due) {
+    RequestCircuit* rc = pendingDeletes.front().rc;
+    pendingDeletes.pop_front();
+    if (rc == nullptr) continue;
+    if (opts.closeBrokenConnections && rc->isSending()) {
+      // A slow reader keeps its reply: look again in a second.
+      pendingDeletes.push_back({now.PlusSeconds(1), rc});
+      continue;
+    }
+    delete rc;
+  }
+  armDeletion();
 }

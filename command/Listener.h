@@ -55,7 +55,9 @@ class Listener {
   // Takes the circuit out of the set and deletes it one second later, so
   // that it is never deleted inside its own handler and its reply can drain.
   void DeleteRequestCircuit(RequestCircuit* rc);
-  void deleteCB(OmEventCallback* cb, OmEvent::cbdispatch reason, RequestCircuit* rc);
+  // A circuit waiting for its deletion has nothing left to do: deleted now,
+  // its place in the schedule stays empty.
+  void circuitRetired(RequestCircuit* rc);
 
   int getListeningFd() const { return listenFd; }
   size_t getCircuitCount() const { return circuits.Length(); }
@@ -69,6 +71,8 @@ class Listener {
 
  private:
   void resumeCB(OmEventCallback* cb, OmEvent::cbdispatch reason);
+  void deleteCB(OmEventCallback* cb, OmEvent::cbdispatch reason);
+  void armDeletion();
   void connectionOpened();
 
   OmEventLoop& loop;
@@ -87,13 +91,16 @@ class Listener {
   unsigned connectionCap = 0;  // 0: accept as long as the system lets us
   bool atCap = false;          // not polling the port until a connection ends
   bool capLogged = false;      // until the connections fall to half the cap
-  // Deletions waiting for their second; kept here so they stay owned. They
-  // fire in about the order they were made, so each is found near the front.
+  // Deletions waiting for their second, in the order they fall due, served
+  // by one timer; a circuit deleted early leaves a null in its place.
   struct PendingDelete {
     OmTimeVal when;
-    OmEventCallback* callback;
+    RequestCircuit* rc;
   };
   std::deque<PendingDelete> pendingDeletes;
+  OmSimpleCallback<OmEvent::cbdispatch, Listener> deleteCallback{this, &Listener::deleteCB};
+  bool deleteArmed = false;
+  OmTimeVal deleteTime;  // while armed
 };
 
 #endif  // QUELM_COMMAND_LISTENER_H_

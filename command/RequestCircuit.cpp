@@ -92,6 +92,12 @@ void RequestCircuit::WriteError() {
   closeNow();
 }
 
+void RequestCircuit::Retired() {
+  // Its deletion would find nothing left to close or withdraw; one waiting
+  // for a look-up keeps it until then.
+  if (finished && files == nullptr && waiting == nullptr) listener->circuitRetired(this);
+}
+
 void RequestCircuit::readIfWaiting() {
   // Exactly what a readiness would do: the bytes waiting are the first read.
   const long waiting = files->readFile.AmountAvailable();

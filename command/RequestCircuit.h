@@ -36,6 +36,8 @@ class RequestCircuit : public OmByteCircuit {
   void WriteStopped() override;
   // The peer is gone while the reply was being written.
   void WriteError() override;
+  // A finished circuit whose connection has closed is of no more use.
+  void Retired() override;
   // The descriptor is still open with a reply on its way.
   bool isSending() const { return files != nullptr && finished; }
 

@@ -82,6 +82,7 @@ void OmByteCircuit::LeaveHandler() {
     // Also ends the callback that may be dispatching this very handler;
     // nothing of it is used once the handler returns.
     t_.reset();
+    Retired();
   }
 }
 

@@ -105,6 +105,9 @@ class OmByteCircuit {
   // for its deletion then keeps only its own members; it must not be used
   // again except to be destroyed.
   void RetireWhenDone() { retireWhenDone_ = true; }
+  // Called on retiring, as the last thing the handler does: the circuit may
+  // be destroyed here.
+  virtual void Retired() {}
 
   void readCB(OmCallback<OmEvent::cbdispatch>* cb, OmEvent::cbdispatch reason);
   void writeCB(OmCallback<OmEvent::cbdispatch>* cb, OmEvent::cbdispatch reason);

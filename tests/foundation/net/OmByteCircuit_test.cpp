@@ -193,6 +193,42 @@ TEST_F(OmByteCircuitTest, CloseMarkerWaitsForEverythingQueued) {
   EXPECT_EQ(read(peer_, &b, 1), 0);  // the peer sees the close
 }
 
+// Answers one request and closes; once retired it deletes itself, which
+// nothing after may notice (the sanitizers and valgrind would).
+class SelfDeletingCircuit : public OmByteCircuit {
+ public:
+  SelfDeletingCircuit(OmEventLoop& loop, OmFile* file, bool* gone) : OmByteCircuit(loop), gone_(gone) {
+    SetReadFile(file);
+    SetWriteFile(file);
+    RetireWhenDone();
+    WantRead();
+    ReadMore(2);
+  }
+  void ReadAvail(OmByteBuffer& incoming) override {
+    if (incoming.IsEmpty()) return;
+    Write(TakeIncoming(), true);
+    StopRead();
+    StopWrite(false);
+  }
+  void Retired() override {
+    *gone_ = true;
+    delete this;
+  }
+
+ private:
+  bool* gone_;
+};
+
+TEST_F(OmByteCircuitTest, RetiredCircuitMayDeleteItself) {
+  bool gone = false;
+  new SelfDeletingCircuit(loop_, &file_, &gone);
+  Send("hi");
+  Turn();
+  EXPECT_TRUE(gone);
+  EXPECT_EQ("hi", Drain());
+  EXPECT_EQ(0u, loop_.PollCount());
+}
+
 TEST_F(OmByteCircuitTest, StopWriteNowDropsTheQueue) {
   RecordingCircuit c(loop_, &file_);
   c.Write(Bytes("one"), false);
