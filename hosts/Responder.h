@@ -13,7 +13,6 @@
 #include "foundation/string/OmOSStream.h"
 #include "foundation/string/OmStatus.h"
 #include "foundation/string/OmUniString.h"
-
 #include "measure/StatsPacket.h"
 
 class OmEventLoop;
