@@ -187,10 +187,10 @@ void Listener::circuitRetired(RequestCircuit* rc) {
 
 void Listener::armDeletion() {
   if (deleteArmed || pendingDeletes.empty()) return;
-  deleteTime = pendingDeletes.front().when;
   // Batched: under load it rides along with the turns the requests make
   // rather than waking the loop.
-  deleteArmed = loop.AddBatchedTimeoutEvent(deleteTime, &deleteCallback);
+  deleteTime = loop.AddBatchedTimeoutEvent(pendingDeletes.front().when, &deleteCallback);
+  deleteArmed = true;
 }
 
 void Listener::deleteCB(OmEventCallback*, OmEvent::cbdispatch reason) {

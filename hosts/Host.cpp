@@ -88,7 +88,8 @@ Host::~Host() {
 void Host::armTimer() {
   // Thousands of subscribers mean thousands of timers a reply period: those
   // due together are served in one turn of the loop, in their usual order.
-  timerArmed = loop->AddBatchedTimeoutEvent(nextSendTime, &sendResultsCallback);
+  nextSendTime = loop->AddBatchedTimeoutEvent(nextSendTime, &sendResultsCallback);
+  timerArmed = true;
 }
 
 bool Host::send(StatsPacket* stats) {

@@ -106,9 +106,14 @@ bool OmEventLoop::AddTimeoutEvent(const OmTimeVal& when, OmEventCallback* cb) {
   return true;
 }
 
-bool OmEventLoop::AddBatchedTimeoutEvent(const OmTimeVal& when, OmEventCallback* cb) {
-  timeouts_.Insert(cb, when, true);
-  return true;
+OmTimeVal OmEventLoop::AddBatchedTimeoutEvent(const OmTimeVal& when, OmEventCallback* cb) {
+  OmTimeVal at = when;
+  while (timeouts_.Listed(at)) {
+    at = at.microseconds < 999999 ? OmTimeVal(at.seconds, at.microseconds + 1)
+                                  : OmTimeVal(at.seconds + 1, 0);
+  }
+  timeouts_.Insert(cb, at, true);
+  return at;
 }
 
 bool OmEventLoop::RemoveTimeoutEvent(const OmTimeVal& when, OmEventCallback* cb) {

@@ -46,8 +46,11 @@ class OmEventLoop : public OmEventLoopBase {
   // millisecond), they fire in the same turn, in list order, up to kMaxBatch
   // of them. The order of all timeouts stays that of the list; only
   // fewer turns are needed, so a crowd keeps up with its due times while
-  // descriptors are busy. Removed with RemoveTimeoutEvent as usual.
-  bool AddBatchedTimeoutEvent(const OmTimeVal& when, OmEventCallback* cb);
+  // descriptors are busy. Removed with RemoveTimeoutEvent as usual, at the
+  // time returned: one already listed moves the entry a microsecond on, as
+  // often as needed (it may fire early anyway), since a shared time would
+  // cost every insertion a sort while it is listed.
+  OmTimeVal AddBatchedTimeoutEvent(const OmTimeVal& when, OmEventCallback* cb);
   static constexpr size_t kMaxBatch = 256;
   static constexpr int kBatchWindowMs = 10;
   bool ShouldContinue() const override { return running_; }

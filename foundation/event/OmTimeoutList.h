@@ -33,6 +33,10 @@ class OmTimeoutList {
   // May fire in the same turn as the due entry before it; see OmEventLoop.
   bool Batched(size_t i) const { return items_[i].batched; }
   OmEventTimeout TakeFirst();
+  bool Listed(const OmTimeVal& when) const {
+    const size_t at = LowerBound(when);
+    return at < items_.size() && Same(items_[at], Item{{nullptr, when}, 0, 0});
+  }
   // The first entry from the front with exactly this time and callback, or -1.
   long Find(const OmTimeVal& when, const OmEventCallback* cb) const;
   // A token for the entry at position i that stays valid while others come and go.
