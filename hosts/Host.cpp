@@ -101,6 +101,7 @@ bool Host::send(StatsPacket* stats) {
   lastPmem = stats->pmem;
   lastBogo = static_cast<unsigned>(myBogomips->getBogomips());
   lastSendTime = OmTimeVal::now();
+  ++sends;
   return true;
 }
 
