@@ -3,6 +3,7 @@
 #include "agent/Bootstrap.h"
 #include "agent/Globals.h"
 #include "agent/PidFile.h"
+#include "hosts/HostListMgr.h"
 #include "measure/BaseFilter.h"
 #include "measure/Bogomips.h"
 #include "measure/ChildManager.h"
@@ -13,6 +14,7 @@ void destroySingleInstances() {
   myChildManager = nullptr;
   delete myPidFile;
   myPidFile = nullptr;
+  HostListMgr::freeHosts();
   mySettings = nullptr;
   delete myBootstrap;
   myBootstrap = nullptr;

@@ -97,6 +97,25 @@ void writeCurrentStats(OmOSStream& out, unsigned mask) {
   Responder::writeStats(out, mask, current, myBogomips->getBogomips(), Responder::ReplyEntries);
 }
 
+// Everything a get's reply is made of. While none of it changes, a get is
+// answered with the text built last time: a storm of gets against a long host
+// list then costs a copy each instead of a rebuild each.
+struct GetReplyState {
+  OmUniString version;
+  uint32_t port, sampleRate, windowSize, idle, vmem;
+  OmTimeVal lastSample;
+  int64_t bogomips;
+  uint64_t hostTable, hostSends;
+  bool operator==(const GetReplyState&) const = default;
+};
+
+struct LastGetReply {
+  GetReplyState state;
+  OmUniString text;
+};
+
+LastGetReply* lastGetReply = nullptr;  // lives as long as the process
+
 }  // namespace
 
 OmUniString& ParseCommand::doCommand(OmUniString& text) {
@@ -209,6 +228,28 @@ bool ParseCommand::checkPortAndSampling(Quelm_LbsTransmission& transmission) {
 }
 
 OmUniString& ParseCommand::doGetStatus() {
+  const GetReplyState state{version,
+                            mySettings->port,
+                            myChildManager->getSampleRate(),
+                            myChildManager->getWindowSize(),
+                            myCache->getCurrentIdle(),
+                            myCache->getCurrentVmem(),
+                            myCache->getTimeOfLastSample(),
+                            myBogomips->getBogomips(),
+                            HostListMgr::getHosts().Revision(),
+                            Host::sendRevision()};
+  if (lastGetReply != nullptr && lastGetReply->state == state) {
+    replyText = lastGetReply->text;
+    return replyText;
+  }
+  buildGetReply();
+  if (lastGetReply == nullptr) lastGetReply = new LastGetReply;
+  lastGetReply->state = state;
+  lastGetReply->text = replyText;
+  return replyText;
+}
+
+void ParseCommand::buildGetReply() {
   reply << XMLVERSION << GET_REPLY_START;
   writeVersion();
   reply << PORT_START << mySettings->port << PORT_END;
@@ -237,7 +278,7 @@ OmUniString& ParseCommand::doGetStatus() {
     reply << CONNECTION_END;
   }
   reply << REPLY_END;
-  return finish();
+  finish();
 }
 
 ParseCommand::~ParseCommand() {

@@ -104,6 +104,7 @@ class ParseCommand {
   // The replies of the commands; only doCommand calls them, after every
   // check passed and while the transmission (and so stats) is alive.
   OmUniString& doGetStatus();
+  void buildGetReply();
   OmUniString& doCreateHost();
   OmUniString& doKill();
   OmUniString& doAdmin();

@@ -104,6 +104,7 @@ void Host::packetSent(const StatsPacket& stats) {
   lastPmem = stats.pmem;
   lastBogo = static_cast<unsigned>(myBogomips->getBogomips());
   lastSendTime = OmTimeVal::now();
+  ++sends;
 }
 
 int Host::sendLoad(StatsPacket* stats) {

@@ -54,6 +54,8 @@ class Host final : private Responder::SentCB {
   unsigned getLastVmem() const { return lastVmem; }
   unsigned getLastBogo() const { return lastBogo; }
   const OmTimeVal& getLastSendTime() const { return lastSendTime; }
+  // Counts the sends that changed some host's last values above.
+  static uint64_t sendRevision() { return sends; }
   const OmTimeVal& getNextSendTime() const { return nextSendTime; }
   unsigned getCacheEntries() const { return cacheEntries; }
 
@@ -87,6 +89,7 @@ class Host final : private Responder::SentCB {
   OmTimeVal nextSendTime;
   OmTimeVal expiryTime;
   unsigned cacheEntries = 2;
+  inline static uint64_t sends = 0;
   bool valid = false;
   bool timerArmed = false;
   OmEventLoop* loop = nullptr;  // the loop holding the send timer

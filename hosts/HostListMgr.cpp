@@ -285,6 +285,10 @@ void HostListMgr::setLoadToolParameters() {
 
 void HostListMgr::clear() {
   dropAdmission();
+  freeHosts();
+}
+
+void HostListMgr::freeHosts() {
   for (Host* host : HostList) delete host;
   HostList.Clear();
   rateCounts.clear();

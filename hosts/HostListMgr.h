@@ -45,6 +45,9 @@ class HostListMgr {
   // Destroys every host without logging or retuning anything: a test's or a
   // fuzzer's fresh start.
   static void clear();
+  // Destroys every host at exit; look-ups still running are left to end
+  // with the process, as threads of the C library may still report them.
+  static void freeHosts();
 
   static const HostTable& getHosts() { return HostList; }
   // The loop that carries the hosts' send timers.

@@ -2,6 +2,7 @@
 #define QUELM_HOSTS_HOSTTABLE_H_
 
 #include <cstddef>
+#include <cstdint>
 #include <unordered_map>
 #include <utility>
 #include <vector>
@@ -38,6 +39,8 @@ class HostTable {
   };
 
   size_t Length() const { return index.size(); }
+  // Changes whenever a host joins or leaves the table.
+  uint64_t Revision() const { return revision; }
   bool IsEmpty() const { return index.empty(); }
   Iterator begin() const { return Iterator(slots, 0); }
   Iterator end() const { return Iterator(slots, slots.size()); }
@@ -48,6 +51,7 @@ class HostTable {
   }
   // The host's id must not be in the table.
   void Append(Host* host) {
+    ++revision;
     index.emplace(host->getId(), slots.size());
     slots.push_back(host);
   }
@@ -57,10 +61,12 @@ class HostTable {
     if (it == index.end()) return nullptr;
     Host* host = std::exchange(slots[it->second], nullptr);
     index.erase(it);
+    ++revision;
     if (slots.size() >= kMinSlotsToCompact && slots.size() > 2 * index.size()) compact();
     return host;
   }
   void Clear() {
+    ++revision;
     slots.clear();
     index.clear();
   }
@@ -95,6 +101,7 @@ class HostTable {
 
   std::vector<Host*> slots;                    // holes are null
   std::unordered_map<unsigned, size_t> index;  // id -> slot
+  uint64_t revision = 0;
 };
 
 #endif  // QUELM_HOSTS_HOSTTABLE_H_

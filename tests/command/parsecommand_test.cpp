@@ -96,6 +96,15 @@ TEST_F(ParseCommandTest, GetListsEveryHostAndPercentEscapesAreDecoded) {
                 "<samplerate>5</samplerate><windowsize>3</windowsize><stats>bogo=0 </stats>"
                 "<time>Thu, 01 Jan 2026 09:00:05 GMT</time></connection></znalbreply>",
             run(OmUniString("GET%20/%3Fget%26znalbinfo")));
+  // A get reports each change since the last one: a sample, then a packet sent.
+  std::string last = run(OmUniString("GET%20/%3Fget%26znalbinfo"));
+  for (const std::function<void()>& change : std::vector<std::function<void()>>{
+           [&] { addSample(40, 100, 50); }, [&] { env.now = env.now.PlusSeconds(10), runDue(), receive(); }}) {
+    change();
+    const std::string reply = run(OmUniString("GET%20/%3Fget%26znalbinfo"));
+    EXPECT_NE(reply, last);
+    last = reply;
+  }
 
   OmUniString text("<znalbreq%20type=kill><id>9</id><version>1.0</version><host>%3C</host>");
   ParseCommand().doCommand(text);

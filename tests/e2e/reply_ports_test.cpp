@@ -102,7 +102,9 @@ TEST(ReplyPortsTest, HaproxyWeighsAndDrainsByTheProbeAndPromtoolReadsItsPage) {
   const Output refused = Shell("curl -s --interface 127.0.0.2 " + url + "/metrics; echo \" $?\"; "
                                "socat -T 10 - TCP:127.0.0.1:" + std::to_string(agentPort) +
                                ",bind=127.0.0.2 </dev/null");
-  EXPECT_EQ(refused.out, " 52\n") << refused.err;  // curl's "empty reply from server"
+  // curl's "empty reply from server", or its "failure receiving data" when the
+  // close meets the request unread and resets the connection.
+  EXPECT_TRUE(refused.out == " 52\n" || refused.out == " 56\n") << refused.out << refused.err;
 
   // At maxconnections a further client waits until one of the others ends.
   const int idle1 = Connect(metricsPort), idle2 = Connect(metricsPort), third = Connect(metricsPort);
