@@ -42,7 +42,6 @@ Host::Host(const OmUniString& hostName, unsigned hostPort, unsigned sampleRateMs
   if (replyFrequency < MIN_REPLY_FREQUENCY) replyFrequency = MIN_REPLY_FREQUENCY;
   const OmTimeVal now = OmTimeVal::now();
   lastSendTime = now;
-  nextSendTime = now;
   expiryTime = now;
 }
 
@@ -72,24 +71,19 @@ void Host::start(const in_addr& resolved) {
   const OmTimeVal now = OmTimeVal::now();
   lastSendTime = now;
   address = OmInetAddr(resolved, port);
-  loop = HostListMgr::getEventLoop();
-  nextSendTime = now.PlusSeconds(replyFrequency);
+  sendTimer.emplace(*HostListMgr::getEventLoop(), &sendResultsCallback);
   expiryTime = now.PlusSeconds(mySettings->hostLifeTime);
-  armTimer();
-  valid = timerArmed;
+  armTimer(now.PlusSeconds(replyFrequency));
+  valid = sendTimer->Armed();
 }
 
-Host::~Host() {
-  // The loop would otherwise fire the timer into a destroyed host; it tells
-  // the callback of the withdrawal, which the callback ignores.
-  if (timerArmed) loop->RemoveTimeoutEvent(nextSendTime, &sendResultsCallback);
-}
+// The send timer, if any, is withdrawn with the host.
+Host::~Host() = default;
 
-void Host::armTimer() {
+void Host::armTimer(const OmTimeVal& when) {
   // Thousands of subscribers mean thousands of timers a reply period: those
   // due together are served in one turn of the loop, in their usual order.
-  nextSendTime = loop->AddBatchedTimeoutEvent(nextSendTime, &sendResultsCallback);
-  timerArmed = true;
+  sendTimer->ArmBatched(when);
 }
 
 bool Host::send(StatsPacket* stats) {
@@ -113,7 +107,6 @@ int Host::sendLoad(StatsPacket* stats) {
 
 void Host::sendResultsCB(OmEventCallback*, OmEvent::cbdispatch reason) {
   if (reason != OmEvent::fired) return;
-  timerArmed = false;  // the loop has already dropped the entry
 
   const std::unique_ptr<StatsPacket> average = myCache->getAverageOfNIdleValues(cacheEntries);
   if (average == nullptr) {
@@ -122,8 +115,7 @@ void Host::sendResultsCB(OmEventCallback*, OmEvent::cbdispatch reason) {
     send(average.get());
   }
 
-  nextSendTime = OmTimeVal::now().PlusSeconds(replyFrequency);
-  armTimer();
+  armTimer(OmTimeVal::now().PlusSeconds(replyFrequency));
 }
 
 void Host::percentChange(unsigned idle) {

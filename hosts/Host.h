@@ -3,8 +3,10 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 
 #include "foundation/event/OmCallback.h"
+#include "foundation/event/OmTimer.h"
 #include "foundation/net/OmInetAddr.h"
 #include "foundation/string/OmTimeVal.h"
 #include "foundation/string/OmUniString.h"
@@ -56,7 +58,8 @@ class Host final : private Responder::SentCB {
   const OmTimeVal& getLastSendTime() const { return lastSendTime; }
   // Counts the sends that changed some host's last values above.
   static uint64_t sendRevision() { return sends; }
-  const OmTimeVal& getNextSendTime() const { return nextSendTime; }
+  // While not yet started: the time of its creation.
+  OmTimeVal getNextSendTime() const { return sendTimer && sendTimer->Armed() ? sendTimer->When() : lastSendTime; }
   unsigned getCacheEntries() const { return cacheEntries; }
 
  private:
@@ -67,7 +70,7 @@ class Host final : private Responder::SentCB {
   Host(const OmUniString& name, unsigned port, unsigned sampleRateMs, unsigned windowSize,
        unsigned replyFrequencyMs, unsigned percentChangeThreshold, unsigned id,
        const OmUniString& text, unsigned flags, std::nullptr_t);
-  void armTimer();
+  void armTimer(const OmTimeVal& when);
   // Sets the address and the times and arms the send timer.
   void start(const in_addr& resolved);
 
@@ -86,14 +89,13 @@ class Host final : private Responder::SentCB {
   unsigned lastPmem = 0;
   unsigned lastBogo = 0;
   OmTimeVal lastSendTime;
-  OmTimeVal nextSendTime;
   OmTimeVal expiryTime;
   unsigned cacheEntries = 2;
   inline static uint64_t sends = 0;
   bool valid = false;
-  bool timerArmed = false;
-  OmEventLoop* loop = nullptr;  // the loop holding the send timer
   OmSimpleCallback<OmEvent::cbdispatch, Host> sendResultsCallback;
+  // On the loop of its start; none while its name is looked up.
+  std::optional<OmTimer> sendTimer;
 };
 
 #endif  // QUELM_HOSTS_HOST_H_

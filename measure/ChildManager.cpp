@@ -51,7 +51,6 @@ ChildManager::~ChildManager() {
   pr.RemoveSignalCallback(SIGINT, &sigintCallback);
   pr.RemoveSignalCallback(SIGPIPE, &sigpipeCallback);
   closePipe();
-  if (startPending) loop.RemoveTimeoutEvent(startDue, &startCallback);
   if (childPid > 0) {
     killTool();
     // The probe is going away: give the killed tool a moment to be reaped so
@@ -151,10 +150,8 @@ int ChildManager::forkChild() {
       // Tried again from the loop, which keeps serving meanwhile; a lasting
       // shortage of descriptors or processes never ends the probe.
       if (firstOfEpisode(StartFailed)) LogToolStartFailed(pr.LastError().Reason(), sampleRate);
-      startDue = OmTimeVal::now().PlusSeconds(sampleRate);
-      startPending = true;
       childPid = -1;
-      loop.AddTimeoutEvent(startDue, &startCallback);
+      startTimer.Arm(OmTimeVal::now().PlusSeconds(sampleRate));
       return -1;
     }
     OmEnv::Current().Sleep(kForkRetrySeconds);
@@ -279,10 +276,8 @@ void ChildManager::afterRun() {
     for (bool& r : reported) r = false;
   }
   if (early) {
-    startDue = runStart.PlusSeconds(sampleRate);
-    startPending = true;
     childPid = -1;
-    loop.AddTimeoutEvent(startDue, &startCallback);
+    startTimer.Arm(runStart.PlusSeconds(sampleRate));
     return;
   }
   forkChild();
@@ -310,30 +305,23 @@ void ChildManager::killTool() {
 void ChildManager::armStall() {
   const uint64_t intervals = mySettings->toolStallIntervals;
   if (intervals == 0) return;
-  disarmStall();
   const uint64_t seconds = intervals * sampleRate;
   constexpr uint64_t kFarAway = 1u << 30;  // beyond any run, and no wrap
-  stallDue = OmTimeVal::now().PlusSeconds(static_cast<uint32_t>(seconds < kFarAway ? seconds : kFarAway));
-  stallArmed = true;
-  loop.AddTimeoutEvent(stallDue, &stallCallback);
+  stallTimer.Arm(OmTimeVal::now().PlusSeconds(static_cast<uint32_t>(seconds < kFarAway ? seconds : kFarAway)));
 }
 
 void ChildManager::disarmStall() {
-  if (!stallArmed) return;
-  stallArmed = false;
-  loop.RemoveTimeoutEvent(stallDue, &stallCallback);
+  stallTimer.Cancel();
 }
 
 void ChildManager::stallCB(OmEventCallback*, OmEvent::cbdispatch reason) {
   if (reason != OmEvent::fired) return;
-  stallArmed = false;
   if (firstOfEpisode(Stalled)) LogToolStalled(mySettings->toolStallIntervals * sampleRate);
   restart(false);
 }
 
 void ChildManager::startCB(OmEventCallback*, OmEvent::cbdispatch reason) {
   if (reason != OmEvent::fired) return;
-  startPending = false;
   forkChild();
 }
 

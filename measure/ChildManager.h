@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "foundation/event/OmCallback.h"
+#include "foundation/event/OmTimer.h"
 #include "foundation/process/OmUnixProcess.h"
 #include "foundation/string/OmTimeVal.h"
 
@@ -85,6 +86,8 @@ class ChildManager {
   OmCallbackWithData<OmEvent::cbdispatch, ChildManager, int> sigpipeCallback;
   OmSimpleCallback<OmEvent::cbdispatch, ChildManager> startCallback;
   OmSimpleCallback<OmEvent::cbdispatch, ChildManager> stallCallback;
+  OmTimer startTimer{loop, &startCallback};
+  OmTimer stallTimer{loop, &stallCallback};
 
   unsigned sampleRate = 0;
   unsigned windowSize = 0;
@@ -109,11 +112,7 @@ class ChildManager {
   int pipeFd = -1;
 
   OmTimeVal runStart;
-  OmTimeVal startDue;  // with startPending
-  OmTimeVal stallDue;  // with stallArmed
   OmTimeVal lastRecalc;  // with recalculated
-  bool startPending = false;
-  bool stallArmed = false;
   bool recalculated = false;
   bool runTroubled = false;
   bool reported[kTroubles] = {};

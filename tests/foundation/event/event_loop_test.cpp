@@ -1,4 +1,5 @@
 #include "foundation/event/OmEventLoop.h"
+#include "foundation/event/OmTimer.h"
 
 #include <gtest/gtest.h>
 #include <sys/socket.h>
@@ -141,3 +142,31 @@ TEST_F(EventLoopTest, ClosedDescriptorIsReportedAndRemoved) {
 }
 
 }  // namespace
+
+// A timer is withdrawn by its handle alone: re-arming moves it, a cancel or
+// its destruction leaves nothing listed, and the target hears only firings.
+TEST_F(EventLoopTest, TimerArmsRearmsAndCancelsByHandle) {
+  Probe target("t", &log_);
+  OmTimer timer(loop_, &target);
+  timer.Arm(kStart.PlusSeconds(5));
+  timer.ArmBatched(kStart.PlusSeconds(1));
+  EXPECT_EQ(1u, loop_.TimeoutCount());
+  EXPECT_EQ(kStart.PlusSeconds(1), timer.When());
+  timer.Cancel();
+  timer.Cancel();
+  EXPECT_EQ(0u, loop_.TimeoutCount());
+  EXPECT_FALSE(timer.Armed());
+
+  target.action = [&](OmEvent::cbdispatch) { timer.Arm(kStart.PlusSeconds(9)); };
+  timer.Arm(kStart);
+  loop_.RunOneTurn();
+  EXPECT_EQ(Log({"t"}), log_);
+  EXPECT_TRUE(timer.Armed());  // re-armed by its own target
+  {
+    OmTimer gone(loop_, &target);
+    gone.Arm(kStart.PlusSeconds(2));
+    EXPECT_EQ(2u, loop_.TimeoutCount());
+  }
+  EXPECT_EQ(1u, loop_.TimeoutCount());
+  EXPECT_EQ(Log({"t"}), log_);
+}
