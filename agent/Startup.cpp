@@ -9,10 +9,7 @@
 #include "agent/ProcessExit.h"
 #include "agent/RunAs.h"
 #include "agent/Settings.h"
-#include "command/AgentCheck.h"
 #include "command/Listener.h"
-#include "command/MetricsPage.h"
-#include "command/ReplyListener.h"
 #include "foundation/event/OmEventLoop.h"
 #include "foundation/log/OmLog.h"
 #include "foundation/process/OmUnixProcess.h"
@@ -22,6 +19,9 @@
 #include "measure/Bogomips.h"
 #include "measure/Cache.h"
 #include "measure/ChildManager.h"
+#include "ports/AgentCheck.h"
+#include "ports/MetricsPage.h"
+#include "ports/ReplyListener.h"
 
 namespace {
 

@@ -4,7 +4,6 @@
 
 #include "agent/Counters.h"
 #include "agent/Messages.h"
-#include "command/Listener.h"
 #include "command/ParseCommand.h"
 #include "foundation/event/OmEventLoop.h"
 
@@ -20,21 +19,16 @@ OmUniString asText(const OmByteBuffer& bytes) {
 
 }  // namespace
 
-RequestCircuit::RequestCircuit(OmEventLoop& loop, int fd, Listener* owner)
-    : OmByteCircuit(loop),
+RequestCircuit::RequestCircuit(ConnectionServer& server, int fd)
+    : ServerConnection(server),
       // A quiet socket turns a vanished peer into a write error, not SIGPIPE.
-      files(std::make_unique<Files>(fd, owner->options().closeBrokenConnections ? OmFile::kQuietSocket
-                                                                               : OmFile::kInetSocket)),
-      listener(owner) {
-  // The listener accepts connections non-blocking already.
+      files(std::make_unique<Files>(fd, server.options().closeBrokenConnections ? OmFile::kQuietSocket
+                                                                               : OmFile::kInetSocket)) {
+  // The server accepts connections non-blocking already.
   SetReadFile(&files->readFile);
   SetWriteFile(&files->writeFile);
   RetireWhenDone();
   WantRead();
-  if (const unsigned seconds = owner->options().requestTimeout) {
-    deadline = std::make_unique<Deadline>(this, OmTimeVal::now().PlusSeconds(seconds));
-    loop.AddTimeoutEvent(deadline->when, &deadline->callback);
-  }
 }
 
 RequestCircuit::~RequestCircuit() {
@@ -47,16 +41,9 @@ RequestCircuit::~RequestCircuit() {
   if (open) filesClosed();
 }
 
-bool RequestCircuit::hardened() const { return listener->options().closeBrokenConnections; }
+bool RequestCircuit::hardened() const { return server().options().closeBrokenConnections; }
 
-void RequestCircuit::filesClosed() {
-  if (deadline != nullptr) {
-    // Withdrawing calls deadlineCB with "removed", which ignores it.
-    Loop().RemoveTimeoutEvent(deadline->when, &deadline->callback);
-    deadline.reset();
-  }
-  listener->connectionClosed();
-}
+void RequestCircuit::filesClosed() { descriptorClosed(); }
 
 void RequestCircuit::closeNow() {
   if (files == nullptr) return;
@@ -71,13 +58,10 @@ void RequestCircuit::closeNow() {
   filesClosed();
 }
 
-void RequestCircuit::deadlineCB(OmEventCallback*, OmEvent::cbdispatch reason) {
-  if (reason != OmEvent::fired || files == nullptr) return;
-  // Gone from the loop once fired: nothing to withdraw.
-  const bool requestDone = finished;
-  deadline.reset();
-  if (!requestDone) {
-    LogRequestTimedOut(listener->options().requestTimeout);
+void RequestCircuit::deadlineReached() {
+  if (files == nullptr) return;
+  if (!finished) {
+    LogRequestTimedOut(server().options().requestTimeout);
     finish();
   }
   closeNow();
@@ -95,7 +79,7 @@ void RequestCircuit::WriteError() {
 void RequestCircuit::Retired() {
   // Its deletion would find nothing left to close or withdraw; one waiting
   // for a look-up keeps it until then.
-  if (finished && files == nullptr && waiting == nullptr) listener->circuitRetired(this);
+  if (finished && files == nullptr && waiting == nullptr) server().deleteRetired(this);
 }
 
 void RequestCircuit::readIfWaiting() {
@@ -196,7 +180,7 @@ void RequestCircuit::finish() {
   while (StopRead() > 0) {
   }
   requestBuffer = OmByteBuffer();
-  listener->DeleteRequestCircuit(this);
+  retire();
 }
 
 void RequestCircuit::EndOfFile(bool) {

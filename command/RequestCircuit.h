@@ -3,29 +3,28 @@
 
 #include <memory>
 
+#include "command/ConnectionServer.h"
 #include "foundation/event/OmCallback.h"
-#include "foundation/net/OmByteCircuit.h"
 #include "foundation/string/OmByteBuffer.h"
 #include "foundation/string/OmFile.h"
-#include "foundation/string/OmTimeVal.h"
 
-class Listener;
 class ParseCommand;
 
 // One accepted command connection: collects one request, answers it with
 // one reply document and ends.
-class RequestCircuit : public OmByteCircuit {
+class RequestCircuit : public ServerConnection {
  public:
   static constexpr unsigned long MAXREQUESTSIZE = 512;
   static constexpr unsigned long MINREQUESTSIZE = 10;  // this many bytes or fewer is too short
   static const char* const BAD_REQUEST_MESSAGE;
 
   // fd: an accepted connection, already non-blocking and close-on-exec.
-  RequestCircuit(OmEventLoop& loop, int fd, Listener* owner);
+  RequestCircuit(ConnectionServer& server, int fd);
   ~RequestCircuit() override;
 
   // Reads the request at once if it has arrived with the connection, saving
   // the wait for the next readiness; otherwise readiness brings it as usual.
+  void begin() override { readIfWaiting(); }
   void readIfWaiting();
 
   void ReadAvail(OmByteBuffer& incoming) override;
@@ -40,6 +39,8 @@ class RequestCircuit : public OmByteCircuit {
   void Retired() override;
   // The descriptor is still open with a reply on its way.
   bool isSending() const { return files != nullptr && finished; }
+  // A slow reader keeps its reply while hardened.
+  bool holdsDeletion() const override { return hardened() && isSending(); }
 
   bool isComplete(OmByteBuffer& request);
   void DispatchRequest(OmByteBuffer& request);
@@ -57,7 +58,7 @@ class RequestCircuit : public OmByteCircuit {
   bool hardened() const;
   void closeNow();
   void filesClosed();
-  void deadlineCB(OmEventCallback* cb, OmEvent::cbdispatch reason);
+  void deadlineReached() override;
 
   // The connection's descriptor: the same one in both files. Kept apart
   // from the circuit so that a finished circuit, which waits a second for
@@ -69,14 +70,6 @@ class RequestCircuit : public OmByteCircuit {
   };
 
   std::unique_ptr<Files> files;
-  // Only with a request timeout: when the connection is closed regardless.
-  struct Deadline {
-    Deadline(RequestCircuit* rc, OmTimeVal w) : when(w), callback(rc, &RequestCircuit::deadlineCB) {}
-    OmTimeVal when;
-    OmSimpleCallback<OmEvent::cbdispatch, RequestCircuit> callback;
-  };
-  std::unique_ptr<Deadline> deadline;
-  Listener* listener;
   OmByteBuffer requestBuffer;
   bool finished = false;
   // A create whose reply waits for its subscriber's address look-up.

@@ -59,7 +59,9 @@ class Host final : private Responder::SentCB {
   // Counts the sends that changed some host's last values above.
   static uint64_t sendRevision() { return sends; }
   // While not yet started: the time of its creation.
-  OmTimeVal getNextSendTime() const { return sendTimer && sendTimer->Armed() ? sendTimer->When() : lastSendTime; }
+  OmTimeVal getNextSendTime() const {
+    return sendTimer && sendTimer->Armed() ? sendTimer->When() : lastSendTime;
+  }
   unsigned getCacheEntries() const { return cacheEntries; }
 
  private:

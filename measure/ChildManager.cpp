@@ -4,6 +4,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
@@ -307,12 +308,10 @@ void ChildManager::armStall() {
   if (intervals == 0) return;
   const uint64_t seconds = intervals * sampleRate;
   constexpr uint64_t kFarAway = 1u << 30;  // beyond any run, and no wrap
-  stallTimer.Arm(OmTimeVal::now().PlusSeconds(static_cast<uint32_t>(seconds < kFarAway ? seconds : kFarAway)));
+  stallTimer.Arm(OmTimeVal::now().PlusSeconds(static_cast<uint32_t>(std::min(seconds, kFarAway))));
 }
 
-void ChildManager::disarmStall() {
-  stallTimer.Cancel();
-}
+void ChildManager::disarmStall() { stallTimer.Cancel(); }
 
 void ChildManager::stallCB(OmEventCallback*, OmEvent::cbdispatch reason) {
   if (reason != OmEvent::fired) return;

@@ -1,11 +1,11 @@
-#ifndef QUELM_COMMAND_AGENTCHECK_H_
-#define QUELM_COMMAND_AGENTCHECK_H_
+#ifndef QUELM_PORTS_AGENTCHECK_H_
+#define QUELM_PORTS_AGENTCHECK_H_
 
 #include <memory>
 #include <string>
 
-#include "command/ReplyListener.h"
 #include "measure/StatsPacket.h"
+#include "ports/ReplyListener.h"
 
 struct Settings;
 
@@ -36,4 +36,4 @@ class AgentCheck : public ReplyListener::Service {
   bool draining = false;
 };
 
-#endif  // QUELM_COMMAND_AGENTCHECK_H_
+#endif  // QUELM_PORTS_AGENTCHECK_H_

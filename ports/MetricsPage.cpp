@@ -1,6 +1,5 @@
-#include "command/MetricsPage.h"
+#include "ports/MetricsPage.h"
 
-#include <dirent.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -13,10 +12,11 @@
 #include "agent/Counters.h"
 #include "agent/Globals.h"
 #include "agent/Settings.h"
-#include "command/AgentCheck.h"
+#include "command/ConnectionServer.h"
 #include "hosts/HostListMgr.h"
 #include "measure/Bogomips.h"
 #include "measure/Cache.h"
+#include "ports/AgentCheck.h"
 
 namespace {
 
@@ -73,11 +73,8 @@ ProcessFigures readProcess() {
       if (key == "btime" && systemStat >> bootTime) p.startTime = bootTime + value[21] / ticks;
     }
   }
-  if (DIR* fds = opendir("/proc/self/fd")) {
-    while (const dirent* entry = readdir(fds)) p.openFds += entry->d_name[0] != '.';
-    closedir(fds);
-    p.openFds -= 1;  // the listing's own descriptor
-  }
+  const long openFds = ConnectionServer::openDescriptors();
+  if (openFds >= 0) p.openFds = static_cast<double>(openFds);
   rlimit limit{};
   if (getrlimit(RLIMIT_NOFILE, &limit) == 0) p.maxFds = static_cast<double>(limit.rlim_cur);
   return p;

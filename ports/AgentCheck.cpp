@@ -1,4 +1,4 @@
-#include "command/AgentCheck.h"
+#include "ports/AgentCheck.h"
 
 #include <algorithm>
 

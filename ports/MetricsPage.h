@@ -1,9 +1,9 @@
-#ifndef QUELM_COMMAND_METRICSPAGE_H_
-#define QUELM_COMMAND_METRICSPAGE_H_
+#ifndef QUELM_PORTS_METRICSPAGE_H_
+#define QUELM_PORTS_METRICSPAGE_H_
 
 #include <string>
 
-#include "command/ReplyListener.h"
+#include "ports/ReplyListener.h"
 
 // The metrics port: "GET /metrics" over HTTP/1.x answers the probe's figures,
 // counters and process figures in Prometheus' text format 0.0.4; every
@@ -20,4 +20,4 @@ class MetricsPage : public ReplyListener::Service {
   static std::string page();
 };
 
-#endif  // QUELM_COMMAND_METRICSPAGE_H_
+#endif  // QUELM_PORTS_METRICSPAGE_H_

@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "agent/Settings.h"
-#include "command/AgentCheck.h"
+#include "ports/AgentCheck.h"
 
 TEST(AgentCheckTest, WeightDrainAndReady) {
   struct Case {
