@@ -23,11 +23,6 @@ const OmUniString Bootstrap::attrLogFilter(kSettingKeys[SettingKey::LogFilter].n
 const OmUniString Bootstrap::attrMaxVirtualMemory(kSettingKeys[SettingKey::MaxVirtualMemory].name);
 const OmUniString Bootstrap::attrMaxPhysMemory(kSettingKeys[SettingKey::MaxPhysMemory].name);
 const OmUniString Bootstrap::attrMultiProcessorFactor(kSettingKeys[SettingKey::MultiProcessorFactor].name);
-const OmUniString Bootstrap::attrToolBufferLimit(kSettingKeys[SettingKey::ToolBufferLimit].name);
-const OmUniString Bootstrap::attrToolProcessGroup(kSettingKeys[SettingKey::ToolProcessGroup].name);
-const OmUniString Bootstrap::attrToolRestartBackoff(kSettingKeys[SettingKey::ToolRestartBackoff].name);
-const OmUniString Bootstrap::attrToolStallIntervals(kSettingKeys[SettingKey::ToolStallIntervals].name);
-const OmUniString Bootstrap::attrSpeedRecalcInterval(kSettingKeys[SettingKey::SpeedRecalcInterval].name);
 const OmUniString Bootstrap::DEFAULT_FILTER(kSettingKeys[SettingKey::Filter].defaultText);
 const OmUniString Bootstrap::DEFAULT_PROBEPATH(kSettingKeys[SettingKey::ProbePath].defaultText);
 const OmUniString Bootstrap::DEFAULT_LOGDIR(kSettingKeys[SettingKey::LogDirectory].defaultText);

@@ -29,11 +29,6 @@ class Bootstrap {
   static const OmUniString attrMaxVirtualMemory;
   static const OmUniString attrMaxPhysMemory;
   static const OmUniString attrMultiProcessorFactor;
-  static const OmUniString attrToolBufferLimit;
-  static const OmUniString attrToolProcessGroup;
-  static const OmUniString attrToolRestartBackoff;
-  static const OmUniString attrToolStallIntervals;
-  static const OmUniString attrSpeedRecalcInterval;
   static const OmUniString DEFAULT_FILTER;
   static const OmUniString DEFAULT_PROBEPATH;
   static const OmUniString DEFAULT_LOGDIR;

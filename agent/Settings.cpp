@@ -23,60 +23,74 @@ bool isAddress(const OmUniString& text) {
 
 #define QUELM_KEY "varosa.config.quelmloadbalancing."
 
-const SettingKey kSettingKeys[SettingKey::Count] = {
-    {QUELM_KEY "port", &Settings::port, nullptr, 3579, nullptr, 0, false, 0},
-    {QUELM_KEY "windowsize", &Settings::windowSize, nullptr, 120, nullptr, 0, false, 0},
-    {QUELM_KEY "samplerate", &Settings::sampleRate, nullptr, 30, nullptr, 0, false, 0},
-    {QUELM_KEY "hostlifetime", &Settings::hostLifeTime, nullptr, 86400, nullptr, 0, false, 0},
-    {QUELM_KEY "mincachesize", &Settings::minCacheSize, nullptr, 10, nullptr, 0, false, 0},
-    {QUELM_KEY "filter", nullptr, &Settings::filter, 0, "vmstatFilter", 0, false, 0},
-    {QUELM_KEY "probepath", nullptr, &Settings::probePath, 0, "/usr/bin/vmstat -n", 0, false, 0},
-    {QUELM_KEY "logdirectory", nullptr, &Settings::logDirectory, 0, "/tmp", 0, false, 0},
-    {QUELM_KEY "piddirectory", nullptr, &Settings::pidDirectory, 0, "/tmp", 0, false, 0},
+constexpr SettingKey kSettingKeys[SettingKey::Count] = {
+    {SettingKey::Port, QUELM_KEY "port", &Settings::port, nullptr, 3579, nullptr, 0, false, 0},
+    {SettingKey::WindowSize, QUELM_KEY "windowsize", &Settings::windowSize, nullptr, 120, nullptr, 0, false, 0},
+    {SettingKey::SampleRate, QUELM_KEY "samplerate", &Settings::sampleRate, nullptr, 30, nullptr, 0, false, 0},
+    {SettingKey::HostLifeTime, QUELM_KEY "hostlifetime", &Settings::hostLifeTime, nullptr, 86400, nullptr, 0, false, 0},
+    {SettingKey::MinCacheSize, QUELM_KEY "mincachesize", &Settings::minCacheSize, nullptr, 10, nullptr, 0, false, 0},
+    {SettingKey::Filter, QUELM_KEY "filter", nullptr, &Settings::filter, 0, "vmstatFilter", 0, false, 0},
+    {SettingKey::ProbePath, QUELM_KEY "probepath", nullptr, &Settings::probePath, 0, "/usr/bin/vmstat -n", 0, false, 0},
+    {SettingKey::LogDirectory, QUELM_KEY "logdirectory", nullptr, &Settings::logDirectory, 0, "/tmp", 0, false, 0},
+    {SettingKey::PidDirectory, QUELM_KEY "piddirectory", nullptr, &Settings::pidDirectory, 0, "/tmp", 0, false, 0},
     // Every message to the .log file, errors also to the .csl file, fatal
     // errors also to standard error (the console sink).
-    {QUELM_KEY "logfilter", nullptr, &Settings::logFilter, 0,
+    {SettingKey::LogFilter, QUELM_KEY "logfilter", nullptr, &Settings::logFilter, 0,
      "*/*/*:quelmloadprobe%%PID%%_error.log,"
      "*/*/*error:quelmloadprobe%%PID%%_error.csl,"
      "*/*/fatalerror:.../_beans/quelm.log.ConsoleSink",
      0, false, 0},
-    {QUELM_KEY "maxvirtualmemory", &Settings::maxVirtualMemory, nullptr, 768, nullptr, 10, false, 0},
-    {QUELM_KEY "maxphysicalmemory", &Settings::maxPhysMemory, nullptr, 256, nullptr, 10, false, 0},
-    {QUELM_KEY "multiprocessorfactor", &Settings::multiProcessorFactor, nullptr, 80, nullptr, 0, false, 0},
+    {SettingKey::MaxVirtualMemory, QUELM_KEY "maxvirtualmemory", &Settings::maxVirtualMemory, nullptr, 768, nullptr, 10, false, 0},
+    {SettingKey::MaxPhysMemory, QUELM_KEY "maxphysicalmemory", &Settings::maxPhysMemory, nullptr, 256, nullptr, 10, false, 0},
+    {SettingKey::MultiProcessorFactor, QUELM_KEY "multiprocessorfactor", &Settings::multiProcessorFactor, nullptr, 80, nullptr, 0, false, 0},
     // The watch over the measuring tool, each off by default.
-    {QUELM_KEY "toolbufferlimit", &Settings::toolBufferLimit, nullptr, 0, nullptr, 0, true, UINT32_MAX},
-    {QUELM_KEY "toolprocessgroup", &Settings::toolProcessGroup, nullptr, 0, nullptr, 0, true, 1},
-    {QUELM_KEY "toolrestartbackoff", &Settings::toolRestartBackoff, nullptr, 0, nullptr, 0, true, 1},
-    {QUELM_KEY "toolstallintervals", &Settings::toolStallIntervals, nullptr, 0, nullptr, 0, true, UINT32_MAX},
-    {QUELM_KEY "speedrecalcinterval", &Settings::speedRecalcInterval, nullptr, 0, nullptr, 0, true, UINT32_MAX},
-    {QUELM_KEY "propertiesencoding", nullptr, &Settings::propertiesEncoding, 0, "US-ASCII", 0, true, 0, &usableEncoding},
-    {QUELM_KEY "user", nullptr, &Settings::user, 0, "", 0, true, 0},
-    {QUELM_KEY "group", nullptr, &Settings::group, 0, "", 0, true, 0},
+    {SettingKey::ToolBufferLimit, QUELM_KEY "toolbufferlimit", &Settings::toolBufferLimit, nullptr, 0, nullptr, 0, true, UINT32_MAX},
+    {SettingKey::ToolProcessGroup, QUELM_KEY "toolprocessgroup", &Settings::toolProcessGroup, nullptr, 0, nullptr, 0, true, 1},
+    {SettingKey::ToolRestartBackoff, QUELM_KEY "toolrestartbackoff", &Settings::toolRestartBackoff, nullptr, 0, nullptr, 0, true, 1},
+    {SettingKey::ToolStallIntervals, QUELM_KEY "toolstallintervals", &Settings::toolStallIntervals, nullptr, 0, nullptr, 0, true, UINT32_MAX},
+    {SettingKey::SpeedRecalcInterval, QUELM_KEY "speedrecalcinterval", &Settings::speedRecalcInterval, nullptr, 0, nullptr, 0, true, UINT32_MAX},
+    {SettingKey::PropertiesEncoding, QUELM_KEY "propertiesencoding", nullptr, &Settings::propertiesEncoding, 0, "US-ASCII", 0, true, 0, &usableEncoding},
+    {SettingKey::User, QUELM_KEY "user", nullptr, &Settings::user, 0, "", 0, true, 0},
+    {SettingKey::Group, QUELM_KEY "group", nullptr, &Settings::group, 0, "", 0, true, 0},
     // Hardening of the command port and the logs, each off by default.
-    {QUELM_KEY "closebrokenconnections", &Settings::closeBrokenConnections, nullptr, 0, nullptr, 0, true, 1},
-    {QUELM_KEY "requesttimeout", &Settings::requestTimeout, nullptr, 0, nullptr, 0, true, 86400},
-    {QUELM_KEY "maxconnections", &Settings::maxConnections, nullptr, 0, nullptr, 0, true, 1048576},
-    {QUELM_KEY "descriptorreserve", &Settings::descriptorReserve, nullptr, 0, nullptr, 0, true, 65536},
-    {QUELM_KEY "clientallow", nullptr, &Settings::clientAllow, 0, "", 0, true, 0, &isAddressList},
-    {QUELM_KEY "listenbacklog", &Settings::listenBacklog, nullptr, 5, nullptr, 0, true, 65535},
-    {QUELM_KEY "strictport", &Settings::strictPort, nullptr, 0, nullptr, 0, true, 1},
-    {QUELM_KEY "logfailurenotice", &Settings::logFailureNotice, nullptr, 0, nullptr, 0, true, 1},
+    {SettingKey::CloseBrokenConnections, QUELM_KEY "closebrokenconnections", &Settings::closeBrokenConnections, nullptr, 0, nullptr, 0, true, 1},
+    {SettingKey::RequestTimeout, QUELM_KEY "requesttimeout", &Settings::requestTimeout, nullptr, 0, nullptr, 0, true, 86400},
+    {SettingKey::MaxConnections, QUELM_KEY "maxconnections", &Settings::maxConnections, nullptr, 0, nullptr, 0, true, 1048576},
+    {SettingKey::DescriptorReserve, QUELM_KEY "descriptorreserve", &Settings::descriptorReserve, nullptr, 0, nullptr, 0, true, 65536},
+    {SettingKey::ClientAllow, QUELM_KEY "clientallow", nullptr, &Settings::clientAllow, 0, "", 0, true, 0, &isAddressList},
+    {SettingKey::ListenBacklog, QUELM_KEY "listenbacklog", &Settings::listenBacklog, nullptr, 5, nullptr, 0, true, 65535},
+    {SettingKey::StrictPort, QUELM_KEY "strictport", &Settings::strictPort, nullptr, 0, nullptr, 0, true, 1},
+    {SettingKey::LogFailureNotice, QUELM_KEY "logfailurenotice", &Settings::logFailureNotice, nullptr, 0, nullptr, 0, true, 1},
     // Subscribers: who, how many, and how long their names may take.
-    {QUELM_KEY "subscriberallow", nullptr, &Settings::subscriberAllow, 0, "", 0, true, 0, &isAddressList},
-    {QUELM_KEY "maxsubscribers", &Settings::maxSubscribers, nullptr, 0, nullptr, 0, true, 1000000},
-    {QUELM_KEY "resolvetimeout", &Settings::resolveTimeout, nullptr, 0, nullptr, 0, true, 3600},
-    {QUELM_KEY "resolvecache", &Settings::resolveCache, nullptr, 0, nullptr, 0, true, 86400},
+    {SettingKey::SubscriberAllow, QUELM_KEY "subscriberallow", nullptr, &Settings::subscriberAllow, 0, "", 0, true, 0, &isAddressList},
+    {SettingKey::MaxSubscribers, QUELM_KEY "maxsubscribers", &Settings::maxSubscribers, nullptr, 0, nullptr, 0, true, 1000000},
+    {SettingKey::ResolveTimeout, QUELM_KEY "resolvetimeout", &Settings::resolveTimeout, nullptr, 0, nullptr, 0, true, 3600},
+    {SettingKey::ResolveCache, QUELM_KEY "resolvecache", &Settings::resolveCache, nullptr, 0, nullptr, 0, true, 86400},
     // The agent check for HAProxy and the metrics page, each off by default.
-    {QUELM_KEY "agentcheckport", &Settings::agentCheckPort, nullptr, 0, nullptr, 0, true, 65535},
-    {QUELM_KEY "agentcheckmemoryweight", &Settings::agentCheckMemoryWeight, nullptr, 0, nullptr, 0, true, 100},
-    {QUELM_KEY "agentcheckdrainidle", &Settings::agentCheckDrainIdle, nullptr, 0, nullptr, 0, true, 100},
-    {QUELM_KEY "agentcheckdrainmemory", &Settings::agentCheckDrainMemory, nullptr, 0, nullptr, 0, true, 100},
-    {QUELM_KEY "metricsport", &Settings::metricsPort, nullptr, 0, nullptr, 0, true, 65535},
+    {SettingKey::AgentCheckPort, QUELM_KEY "agentcheckport", &Settings::agentCheckPort, nullptr, 0, nullptr, 0, true, 65535},
+    {SettingKey::AgentCheckMemoryWeight, QUELM_KEY "agentcheckmemoryweight", &Settings::agentCheckMemoryWeight, nullptr, 0, nullptr, 0, true, 100},
+    {SettingKey::AgentCheckDrainIdle, QUELM_KEY "agentcheckdrainidle", &Settings::agentCheckDrainIdle, nullptr, 0, nullptr, 0, true, 100},
+    {SettingKey::AgentCheckDrainMemory, QUELM_KEY "agentcheckdrainmemory", &Settings::agentCheckDrainMemory, nullptr, 0, nullptr, 0, true, 100},
+    {SettingKey::MetricsPort, QUELM_KEY "metricsport", &Settings::metricsPort, nullptr, 0, nullptr, 0, true, 65535},
     // Loopback: the page is unauthenticated, so reaching it from elsewhere is a choice.
-    {QUELM_KEY "metricsaddress", nullptr, &Settings::metricsAddress, 0, "127.0.0.1", 0, true, 0, &isAddress},
+    {SettingKey::MetricsAddress, QUELM_KEY "metricsaddress", nullptr, &Settings::metricsAddress, 0, "127.0.0.1", 0, true, 0, &isAddress},
 };
 
 #undef QUELM_KEY
+
+namespace {
+
+// SettingKey::Id names a key by its row: a row out of place would read and
+// write another key's value.
+constexpr bool keysFollowIds() {
+  for (int i = 0; i < SettingKey::Count; ++i) {
+    if (kSettingKeys[i].id != i) return false;
+  }
+  return true;
+}
+static_assert(keysFollowIds(), "kSettingKeys must list its rows in SettingKey::Id order");
+
+}  // namespace
 
 Settings::Settings() {
   for (const SettingKey& key : kSettingKeys) {

@@ -113,6 +113,7 @@ struct SettingKey {
     Count
   };
 
+  Id id;  // its own place in the table, checked when compiled
   const char* name;
   uint32_t Settings::*number;   // a number key: its field, else null
   OmUniString Settings::*text;  // a text key: its field, else null

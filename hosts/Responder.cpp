@@ -49,18 +49,19 @@ class PacketText {
 template <typename Out>
 void writeStatsTo(Out& out, unsigned flags, const StatsPacket& stats, int64_t bogomips,
                   Responder::StatsEntries entries) {
-  out << "<stats>";
-  if (flags & Host::CPU) out << "cpu=" << stats.idle << " ";
-  if (flags & Host::BOGO) out << "bogo=" << static_cast<long long>(bogomips) << " ";
+  using T = PacketTags;
+  out << T::StatsStart;
+  if (flags & Host::CPU) out << T::Idle << stats.idle << T::EntryEnd;
+  if (flags & Host::BOGO) out << T::Bogo << static_cast<long long>(bogomips) << T::EntryEnd;
   if (flags & Host::VMEM) {
-    out << "vmem=" << stats.vmem << " ";
+    out << T::Vmem << stats.vmem << T::EntryEnd;
     if (entries == Responder::PacketEntries) {
-      out << "vmax=" << mySettings->maxVirtualMemory / 1024 << " pmem=" << stats.pmem
-          << " pmax=" << mySettings->maxPhysMemory / 1024 << " sin=" << stats.sin
-          << " sout=" << stats.sout << " ";
+      out << T::MaxVmem << mySettings->maxVirtualMemory / 1024 << T::EntryEnd << T::Pmem << stats.pmem
+          << T::EntryEnd << T::MaxPmem << mySettings->maxPhysMemory / 1024 << T::EntryEnd << T::SwapIn
+          << stats.sin << T::EntryEnd << T::SwapOut << stats.sout << T::EntryEnd;
     }
   }
-  out << "</stats>";
+  out << T::StatsEnd;
 }
 
 }  // namespace
@@ -81,12 +82,10 @@ OmStatus::Value Responder::sendLoadPacket(unsigned, const OmUniString&, unsigned
   Packet& p = packets[slot];
   p.bytes.clear();
   PacketText out(p.bytes);
-  out << "<?xml version=\"1.0\"?>"
-      << "<znalbdata>"
-      << "<id>" << id << "</id>"
-      << "<seqno>" << OmTimeVal::now().Time() << "</seqno>";
+  out << PacketTags::XmlVersion << PacketTags::DataStart << PacketTags::IdStart << id
+      << PacketTags::IdEnd << PacketTags::SeqnoStart << OmTimeVal::now().Time() << PacketTags::SeqnoEnd;
   writeStatsTo(out, flags, *stats, myBogomips->getBogomips(), PacketEntries);
-  out << "</znalbdata>";
+  out << PacketTags::DataEnd;
   p.dest = dest;
   p.hostName = &hostName;
   p.stats = *stats;

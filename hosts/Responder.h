@@ -17,6 +17,31 @@
 
 class OmEventLoop;
 
+// The tags of a load packet and its stats record, written here once: the
+// responder builds packets with them and the command port names the same
+// texts among its constants.
+struct PacketTags {
+  static constexpr char XmlVersion[] = "<?xml version=\"1.0\"?>";
+  static constexpr char DataStart[] = "<znalbdata>";
+  static constexpr char DataEnd[] = "</znalbdata>";
+  static constexpr char IdStart[] = "<id>";
+  static constexpr char IdEnd[] = "</id>";
+  static constexpr char SeqnoStart[] = "<seqno>";
+  static constexpr char SeqnoEnd[] = "</seqno>";
+  static constexpr char StatsStart[] = "<stats>";
+  static constexpr char StatsEnd[] = "</stats>";
+  static constexpr char Idle[] = "cpu=";
+  static constexpr char Bogo[] = "bogo=";
+  static constexpr char Vmem[] = "vmem=";
+  static constexpr char MaxVmem[] = "vmax=";
+  static constexpr char Pmem[] = "pmem=";
+  static constexpr char MaxPmem[] = "pmax=";
+  static constexpr char SwapIn[] = "sin=";
+  static constexpr char SwapOut[] = "sout=";
+  // Ends every entry of the stats record.
+  static constexpr char EntryEnd[] = " ";
+};
+
 // Owns the probe's UDP socket and sends load packets to subscribed hosts.
 // Also owns the format of the stats record, which the get reply reuses.
 class Responder {

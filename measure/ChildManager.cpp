@@ -59,7 +59,7 @@ ChildManager::~ChildManager() {
     int status = 0;
     for (int i = 0; i < 100; ++i) {
       if (waitpid(childPid, &status, WNOHANG) != 0) break;
-      usleep(10000);
+      OmEnv::Current().SleepMilliseconds(10);
     }
     pr.RemoveSIGCHLDCallback(childPid);
   }

@@ -22,7 +22,8 @@
 # Everything talks to 127.0.0.1 only; every run is bounded in time or count.
 # Takes about 12 minutes on 2 cores (plus the builds). LOAD_SECONDS,
 # IDLE_SECONDS, FANOUT_SECONDS, FLOOD_SECONDS and SUSTAIN_SECONDS shorten
-# or lengthen the runs.
+# or lengthen the runs. BENCH_ONLY=command runs the command port round trips
+# alone (about two and a half minutes), for a change to the ports.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$(pwd)
@@ -34,6 +35,7 @@ IDLE_SECONDS=${IDLE_SECONDS:-20}
 FANOUT_SECONDS=${FANOUT_SECONDS:-20}
 FLOOD_SECONDS=${FLOOD_SECONDS:-15}
 SUSTAIN_SECONDS=${SUSTAIN_SECONDS:-60}
+BENCH_ONLY=${BENCH_ONLY:-}
 # Errors only, to the structured log file; empty: the built-in default.
 ERRORS_ONLY='*/*/*error:quelmloadprobe%%PID%%_error.csl'
 probe_logfilter=""
@@ -251,6 +253,8 @@ done
 row "probe peak RSS during (a), errors-only log filter" "$peak_a KiB" \
   "during (b), default log filter: $peak_b KiB"
 
+if [ "$BENCH_ONLY" != command ]; then
+
 # Fake tools: vmstat-like output without column names, two header lines, then
 # lines of 16 numbers. fake and fake_busy print a line every 0.2 s and end
 # after a second, to be started again: fake reports 98 % idle, and above 94 %
@@ -405,6 +409,8 @@ if command -v unshare >/dev/null && unshare -n true 2>/dev/null; then
 else
   row "MTU 1500 cases" "skipped" "needs unshare -n (root)"
 fi
+
+fi  # BENCH_ONLY
 
 # --- Table ---------------------------------------------------------------------------
 model=$(sed -n 's/^model name[[:space:]]*: //p' /proc/cpuinfo | head -1)

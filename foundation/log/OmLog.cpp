@@ -14,6 +14,7 @@
 #include <memory>
 #include <string>
 
+#include "foundation/string/OmEnv.h"
 #include "foundation/string/OmTimeVal.h"
 
 namespace {
@@ -91,7 +92,7 @@ OmUniString ResolvedPath(const OmUniString& pattern);
 
 bool Lost(CsLogFile& file, bool written) {
   if (!written) return true;
-  const long second = static_cast<long>(time(nullptr));
+  const long second = static_cast<long>(OmEnv::Current().Now().seconds);
   if (second == file.checkedSecond && !file.failing) return false;
   file.checkedSecond = second;
   struct stat info {};

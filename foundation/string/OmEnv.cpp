@@ -20,6 +20,8 @@ OmEnv* g_current = nullptr;
 
 }  // namespace
 
+void OmEnv::SleepMilliseconds(unsigned ms) { ::usleep(static_cast<useconds_t>(ms) * 1000); }
+
 OmEnv* OmEnv::Default() {
   static SystemEnv system;
   return &system;

@@ -16,6 +16,9 @@ class OmEnv {
   virtual OmTimeVal Now() = 0;
   // Waits whole seconds.
   virtual void Sleep(unsigned seconds) = 0;
+  // Waits a few milliseconds: short waits for another process, which even
+  // a test's clock leaves to the system unless it says otherwise.
+  virtual void SleepMilliseconds(unsigned ms);
   // Processor time used by the process, CLOCKS_PER_SEC ticks a second.
   virtual std::clock_t ProcessorClock() = 0;
 
@@ -33,6 +36,7 @@ class OmEnvWrapper : public OmEnv {
  public:
   OmTimeVal Now() override { return Default()->Now(); }
   void Sleep(unsigned seconds) override { Default()->Sleep(seconds); }
+  void SleepMilliseconds(unsigned ms) override { Default()->SleepMilliseconds(ms); }
   std::clock_t ProcessorClock() override { return Default()->ProcessorClock(); }
 };
 
