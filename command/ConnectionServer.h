@@ -109,6 +109,8 @@ class ConnectionServer {
   // Opens the port and starts accepting; a failure is told to the port.
   bool start(const OmInetAddr& address, const Options& options);
 
+  // Where the port listens (the system's choice for port 0).
+  bool localAddress(OmInetAddr& address) { return socket_.LocalAddress(address); }
   OmEventLoop& loop() const { return loop_; }
   const Options& options() const { return opts_; }
   unsigned connectionCap() const { return cap_; }
