@@ -70,12 +70,27 @@ unsigned ConnectionServer::connectionCapFor(unsigned maxConnections, unsigned re
 }
 
 bool ConnectionServer::start(const OmInetAddr& address, const Options& options) {
+  if (!listen(address, options)) return false;
+  startAccepting();
+  return accepting_;
+}
+
+bool ConnectionServer::listen(const OmInetAddr& address, const Options& options) {
   opts_ = options;
   if (!openSocket(address)) return false;
   // Counted once the port's own descriptor is open.
   cap_ = connectionCapFor(opts_.maxConnections, opts_.descriptorReserve);
-  setAccepting(true);
-  return accepting_;
+  return true;
+}
+
+void ConnectionServer::startAccepting() {
+  stopped_ = false;
+  resumeAccepting();
+}
+
+void ConnectionServer::stopAccepting() {
+  stopped_ = true;
+  setAccepting(false);
 }
 
 bool ConnectionServer::openSocket(const OmInetAddr& address) {
@@ -106,7 +121,7 @@ void ConnectionServer::setAccepting(bool on) {
 // At the cap the pending connections wait in the backlog, not in our
 // descriptors.
 void ConnectionServer::resumeAccepting() {
-  setAccepting(!closing_ && !paused_ && (cap_ == 0 || open_ < cap_));
+  setAccepting(!closing_ && !stopped_ && !paused_ && (cap_ == 0 || open_ < cap_));
 }
 
 void ConnectionServer::acceptCB(OmEventCallback*, OmEvent::cbdispatch reason) {

@@ -108,6 +108,13 @@ class ConnectionServer {
 
   // Opens the port and starts accepting; a failure is told to the port.
   bool start(const OmInetAddr& address, const Options& options);
+  // The two halves of start: the listening socket (and the cap, counted
+  // once it is open), then polling it.
+  bool listen(const OmInetAddr& address, const Options& options);
+  void startAccepting();
+  // Stops polling the port until startAccepting: clients wait in the backlog.
+  void stopAccepting();
+  bool accepting() const { return accepting_; }
 
   // Where the port listens (the system's choice for port 0).
   bool localAddress(OmInetAddr& address) { return socket_.LocalAddress(address); }
@@ -144,6 +151,7 @@ class ConnectionServer {
   bool paused_ = false;            // out of descriptors, until the pause ends
   bool outOfDescriptors_ = false;  // until the next successful accept
   bool capLogged_ = false;         // until the connections fall to half the cap
+  bool stopped_ = false;           // by stopAccepting
   bool closing_ = false;           // connections closing must not reopen the port
   OmIList<ServerConnection> live_;
   // Deletions in the order they fall due, served by one timer; a connection

@@ -6,14 +6,22 @@
 Listener::Listener(OmEventLoop& loop) : server(loop, *this) {}
 
 bool Listener::startListener(int port) {
+  if (!startListeningSocket(port)) return false;
+  AddCallback();
+  return true;
+}
+
+bool Listener::startListeningSocket(int port) {
   OmInetAddr address = OmInetAddr::AddressAny();
   address.Port(static_cast<unsigned>(port));
   Options o = opts;
   o.deletionDelay = DELETION_DELAY_SECONDS;
-  return server.start(address, o);
+  return server.listen(address, o);
 }
 
-ServerConnection* Listener::connect(int fd) { return new RequestCircuit(server, fd); }
+RequestCircuit* Listener::startNewConnection(int fd) { return new RequestCircuit(server, fd); }
+
+ServerConnection* Listener::connect(int fd) { return startNewConnection(fd); }
 
 void Listener::listenFailed(const OmInetAddr& address, bool bound, const OmUniString& reason) {
   bound ? LogListenFailed(address.GetPort(), reason) : LogBindFailed(address.GetPort(), reason);

@@ -4,6 +4,7 @@
 #include "command/ConnectionServer.h"
 
 class OmEventLoop;
+class RequestCircuit;
 
 // The command port: its server's protocol part. Each connection is a
 // request circuit that answers one request; a finished circuit waits a
@@ -23,8 +24,16 @@ class Listener : private ConnectionServer::Port {
   void setOptions(const Options& o) { opts = o; }
   const Options& options() const { return opts; }
 
-  // Binds every address at port and accepts; a failure is logged.
+  // Binds every address at port and accepts; a failure is logged. True
+  // once the port is open, whether or not the loop took the registration.
   bool startListener(int port);
+  // Opens the listening socket only.
+  bool startListeningSocket(int port);
+  // Start and stop polling the port for connections.
+  void AddCallback() { server.startAccepting(); }
+  void RemoveCallback() { server.stopAccepting(); }
+  // The circuit for an accepted connection; the server keeps it in its set.
+  RequestCircuit* startNewConnection(int fd);
 
  private:
   ServerConnection* connect(int fd) override;
