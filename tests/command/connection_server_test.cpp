@@ -19,31 +19,19 @@ struct CountingPort : ConnectionServer::Port {
       SetReadFile(&file);
       WantRead();
     }
-    ~Connection() override {
-      while (StopRead() > 0) {
-      }
-      ++port.deleted;
-    }
+    ~Connection() override { ++port.deleted; }
     void ReadAvail(OmByteBuffer& in) override { in.IsEmpty() ? ReadMore(1) : (void)TakeIncoming(); }
     void EndOfFile(bool) override { end(); }
-    void deadlineReached() override {
-      ++port.timedOut;
-      end();
-    }
+    void deadlineReached() override { ++port.timedOut, end(); }
     void end() {
       while (StopRead() > 0) {
       }
-      file.Close();
-      descriptorClosed();
-      retire();
+      file.Close(), descriptorClosed(), retire();
     }
     OmFile file;
     CountingPort& port;
   };
-  ServerConnection* connect(int fd) override {
-    ++accepted;
-    return new Connection(*server, fd, *this);
-  }
+  ServerConnection* connect(int fd) override { return ++accepted, new Connection(*server, fd, *this); }
   void listenFailed(const OmInetAddr&, bool, const OmUniString&) override { ++failed; }
   void capReached(unsigned) override { ++capped; }
 
