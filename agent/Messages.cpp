@@ -231,6 +231,10 @@ const MessageEntry kMessageCatalogue[kMessageCount] = {
      "The agent check now answers drain: average idle {1}, free virtual memory {2} percent."},
     {60, "quelmloadprobe/results/info",  // LogAgentCheckReady
      "The agent check now answers ready again: average idle {1}, free virtual memory {2} percent."},
+    {61, "quelmloadprobe/responder/error",  // LogResponderIPv6Failed
+     "The connectionless port for IPv6 subscribers could not be opened: {1}.\n"
+     "Load packets to IPv6 subscribers fail until the quelm loadprobe is restarted; IPv4 subscribers are served as before.\n"
+     "Check that the machine has IPv6, or set ipv6 to 0 in the quelmloadprobe.properties file."},
 };
 
 namespace {
@@ -338,3 +342,4 @@ void LogSubscriberLimit(OmScalar<unsigned int> a1) { Log(57, a1); }
 void LogReplyPortFailed(const OmUniString& a1, const OmUniString& a2, const OmUniString& a3) { Log(58, a1, a2, a3); }
 void LogAgentCheckDrain(OmScalar<unsigned int> a1, OmScalar<unsigned int> a2) { Log(59, a1, a2); }
 void LogAgentCheckReady(OmScalar<unsigned int> a1, OmScalar<unsigned int> a2) { Log(60, a1, a2); }
+void LogResponderIPv6Failed(const OmUniString& a1) { Log(61, a1); }

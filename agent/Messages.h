@@ -14,7 +14,7 @@ struct MessageEntry {
   const char* format;    // {1}, {2}, ... stand for the arguments in order
 };
 
-inline constexpr unsigned kMessageCount = 61;
+inline constexpr unsigned kMessageCount = 62;
 extern const MessageEntry kMessageCatalogue[kMessageCount];
 
 void LogPropsNotFound(const OmUniString& a1);
@@ -79,5 +79,6 @@ void LogSubscriberLimit(OmScalar<unsigned int> a1);
 void LogReplyPortFailed(const OmUniString& a1, const OmUniString& a2, const OmUniString& a3);
 void LogAgentCheckDrain(OmScalar<unsigned int> a1, OmScalar<unsigned int> a2);
 void LogAgentCheckReady(OmScalar<unsigned int> a1, OmScalar<unsigned int> a2);
+void LogResponderIPv6Failed(const OmUniString& a1);
 
 #endif  // QUELM_AGENT_MESSAGES_H_

@@ -19,6 +19,8 @@ bool isAddress(const OmUniString& text) {
   return address.FromString(text, false);
 }
 
+bool isListenAddress(const OmUniString& text) { return OmInetAddr().FromListenText(text, 0); }
+
 }  // namespace
 
 #define QUELM_KEY "varosa.config.quelmloadbalancing."
@@ -74,6 +76,9 @@ constexpr SettingKey kSettingKeys[SettingKey::Count] = {
     {SettingKey::MetricsPort, QUELM_KEY "metricsport", &Settings::metricsPort, nullptr, 0, nullptr, 0, true, 65535},
     // Loopback: the page is unauthenticated, so reaching it from elsewhere is a choice.
     {SettingKey::MetricsAddress, QUELM_KEY "metricsaddress", nullptr, &Settings::metricsAddress, 0, "127.0.0.1", 0, true, 0, &isAddress},
+    // IPv6, off by default: "::" listens on every address of both families.
+    {SettingKey::ListenAddress, QUELM_KEY "listenaddress", nullptr, &Settings::listenAddress, 0, "", 0, true, 0, &isListenAddress},
+    {SettingKey::Ipv6, QUELM_KEY "ipv6", &Settings::ipv6, nullptr, 0, nullptr, 0, true, 1},
 };
 
 #undef QUELM_KEY

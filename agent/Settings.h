@@ -59,6 +59,9 @@ struct Settings {
   uint32_t agentCheckDrainMemory;   // percent free virtual memory below which it is drain
   uint32_t metricsPort;
   OmUniString metricsAddress;
+  // IPv6; each off (IPv4 alone) by default.
+  OmUniString listenAddress;  // of the command and agent-check ports; empty: every IPv4 address
+  uint32_t ipv6;              // 1: subscribers may be IPv6 addresses or names resolving to one
 
   Settings();
 
@@ -110,6 +113,8 @@ struct SettingKey {
     AgentCheckDrainMemory,
     MetricsPort,
     MetricsAddress,
+    ListenAddress,
+    Ipv6,
     Count
   };
 

@@ -61,8 +61,8 @@ void startReplyPorts(const Settings& settings, const Listener::Options& limits) 
   if (settings.agentCheckPort != 0) {
     agentCheckListener =
         new ReplyListener(eventloop, "agent check", std::make_unique<AgentCheck>(settings));
-    OmInetAddr address = OmInetAddr::AddressAny();
-    address.Port(settings.agentCheckPort);
+    OmInetAddr address;
+    address.FromListenText(settings.listenAddress, settings.agentCheckPort);  // checked when read
     agentCheckListener->start(address, limits);
   }
   if (settings.metricsPort != 0) {

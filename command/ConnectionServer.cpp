@@ -150,7 +150,7 @@ void ConnectionServer::acceptCB(OmEventCallback*, OmEvent::cbdispatch reason) {
     return;  // closing the socket drops the connection unanswered
   }
   if (!opts_.clientAllow.IsEmpty() && !opts_.clientAllow.Contains(peer)) {
-    LogClientRefused(peer.AsString(false));
+    LogClientRefused(peer.AsPeerString());
     return;  // closed unanswered
   }
   port_.admitted(peer);

@@ -1,6 +1,8 @@
 #include "command/Listener.h"
 
+#include "agent/Globals.h"
 #include "agent/Messages.h"
+#include "agent/Settings.h"
 #include "command/RequestCircuit.h"
 
 Listener::Listener(OmEventLoop& loop) : server(loop, *this) {}
@@ -12,8 +14,10 @@ bool Listener::startListener(int port) {
 }
 
 bool Listener::startListeningSocket(int port) {
-  OmInetAddr address = OmInetAddr::AddressAny();
-  address.Port(static_cast<unsigned>(port));
+  // Every IPv4 address unless listenaddress names one (checked when read).
+  OmInetAddr address;
+  address.FromListenText(mySettings != nullptr ? mySettings->listenAddress : OmUniString(),
+                         static_cast<unsigned>(port));
   Options o = opts;
   o.deletionDelay = DELETION_DELAY_SECONDS;
   return server.listen(address, o);
@@ -29,6 +33,6 @@ void Listener::listenFailed(const OmInetAddr& address, bool bound, const OmUniSt
 
 void Listener::peerUnknown() { LogRemoteAddressFail(); }
 
-void Listener::admitted(const OmInetAddr& peer) { LogNewConnection(peer.AsString(false)); }
+void Listener::admitted(const OmInetAddr& peer) { LogNewConnection(peer.AsPeerString()); }
 
 void Listener::capReached(unsigned cap) { LogConnectionLimit(cap); }

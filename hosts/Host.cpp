@@ -47,7 +47,7 @@ Host::Host(const OmUniString& hostName, unsigned hostPort, unsigned sampleRateMs
 
 Host::Host(const OmUniString& hostName, unsigned hostPort, unsigned sampleRateMs,
            unsigned windowSz, unsigned replyFrequencyMs, unsigned threshold, unsigned hostId,
-           const OmUniString& hostText, unsigned hostFlags, const in_addr& resolved)
+           const OmUniString& hostText, unsigned hostFlags, const OmInetAddr& resolved)
     : Host(hostName, hostPort, sampleRateMs, windowSz, replyFrequencyMs, threshold, hostId,
            hostText, hostFlags, nullptr) {
   start(resolved);
@@ -59,7 +59,7 @@ Host::Host(const OmUniString& hostName, unsigned hostPort, unsigned sampleRateMs
     : Host(hostName, hostPort, sampleRateMs, windowSz, replyFrequencyMs, threshold, hostId,
            hostText, hostFlags, nullptr) {
   // Numeric addresses resolve here as well as names.
-  const OmResolver::Answer answer = OmResolver::LookUpNow(name.AsUtf8());
+  const OmResolver::Answer answer = OmResolver::LookUpNow(name.AsUtf8(), mySettings->ipv6 != 0);
   if (!answer.found) {
     LogAddressLookupFail(name, static_cast<unsigned>(answer.failure));
     return;
@@ -67,10 +67,11 @@ Host::Host(const OmUniString& hostName, unsigned hostPort, unsigned sampleRateMs
   start(answer.address);
 }
 
-void Host::start(const in_addr& resolved) {
+void Host::start(const OmInetAddr& resolved) {
   const OmTimeVal now = OmTimeVal::now();
   lastSendTime = now;
-  address = OmInetAddr(resolved, port);
+  address = resolved;
+  address.Port(port);
   sendTimer.emplace(*HostListMgr::getEventLoop(), &sendResultsCallback);
   expiryTime = now.PlusSeconds(mySettings->hostLifeTime);
   armTimer(now.PlusSeconds(replyFrequency));

@@ -31,7 +31,7 @@ class Host final : private Responder::SentCB {
   // The same with the name's address already found: no look-up.
   Host(const OmUniString& name, unsigned port, unsigned sampleRateMs, unsigned windowSize,
        unsigned replyFrequencyMs, unsigned percentChangeThreshold, unsigned id,
-       const OmUniString& text, unsigned flags, const in_addr& resolved);
+       const OmUniString& text, unsigned flags, const OmInetAddr& resolved);
   ~Host();
   Host(const Host&) = delete;
   Host& operator=(const Host&) = delete;
@@ -74,7 +74,7 @@ class Host final : private Responder::SentCB {
        const OmUniString& text, unsigned flags, std::nullptr_t);
   void armTimer(const OmTimeVal& when);
   // Sets the address and the times and arms the send timer.
-  void start(const in_addr& resolved);
+  void start(const OmInetAddr& resolved);
 
   OmUniString name;
   OmInetAddr address;

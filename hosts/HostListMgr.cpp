@@ -51,6 +51,7 @@ struct HostListMgr::Admission {
   Admission(OmEventLoop& loop, const Settings& settings)
       : resolver(loop, settings.resolveTimeout, settings.resolveCache) {
     allowed.Parse(settings.subscriberAllow);  // checked when the file was read
+    resolver.AllowIPv6(settings.ipv6 != 0);
   }
   OmResolver resolver;
   OmAddressRangeList allowed;  // empty: any address
@@ -130,7 +131,7 @@ Host* HostListMgr::admit(const PendingAdd& wish, const OmResolver::Answer& answe
     LogAddressLookupFail(wish.name, static_cast<unsigned>(answer.failure));
     return nullptr;
   }
-  const OmInetAddr address(answer.address);
+  const OmInetAddr& address = answer.address;
   const OmAddressRangeList& allowed = admission().allowed;
   if (!allowed.IsEmpty() && !allowed.Contains(address)) {
     LogSubscriberRefused(wish.name, address.AsString(false));

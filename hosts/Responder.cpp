@@ -20,6 +20,12 @@ Responder::Responder() {
   if (!socket.Bind(OmSocketAddress(OmInetAddr()), OmSocket::Datagram, false, 0, false)) {
     LogResponderBindFailed(socket.LastError().Reason());
   }
+  // Only when subscribers may be IPv6: a machine without IPv6 then stays silent.
+  if (mySettings != nullptr && mySettings->ipv6 != 0 &&
+      !socket6.Bind(OmSocketAddress(OmInetAddr::AddressAny6()), OmSocket::Datagram, false, 0,
+                    false)) {
+    LogResponderIPv6Failed(socket6.LastError().Reason());
+  }
 }
 
 namespace {
@@ -93,8 +99,8 @@ OmStatus::Value Responder::sendLoadPacket(unsigned, const OmUniString&, unsigned
   if (batched) return OmStatus::Success;
 
   long done = 0;
-  return report(socket.WriteMessage(p.bytes.data(), static_cast<long>(p.bytes.size()), done,
-                                    dest),
+  return report(socketFor(dest).WriteMessage(p.bytes.data(), static_cast<long>(p.bytes.size()),
+                                             done, dest),
                 p);
 }
 
@@ -109,21 +115,25 @@ void Responder::flushCB(OmEventCallback*, OmEvent::cbdispatch) {
   buffers.resize(count);
   addresses.resize(count);
   for (size_t i = 0; i < count; ++i) {
-    addresses[i] = packets[i].dest.ToSockaddr();
     buffers[i] = {packets[i].bytes.data(), packets[i].bytes.size()};
     headers[i] = {};
     headers[i].msg_hdr.msg_name = &addresses[i];
-    headers[i].msg_hdr.msg_namelen = sizeof(sockaddr_in);
+    headers[i].msg_hdr.msg_namelen = packets[i].dest.ToSockaddr(addresses[i]);
     headers[i].msg_hdr.msg_iov = &buffers[i];
     headers[i].msg_hdr.msg_iovlen = 1;
   }
   // The kernel stops at a packet that fails and tells why only when asked
   // again starting with it: reported as a single send would be, the rest go
-  // on without it.
+  // on without it. A system call takes one socket: each run of packets of
+  // one family goes in calls of its own, in order.
   for (size_t next = 0; next < count;) {
+    const int family = packets[next].dest.Family();
+    size_t runEnd = next + 1;
+    while (runEnd < count && packets[runEnd].dest.Family() == family) ++runEnd;
+    OmSocket& out = socketFor(packets[next].dest);
     int result = OmFile::ioComplete;
     const unsigned sent =
-        socket.WriteMessages(&headers[next], static_cast<unsigned>(count - next), result);
+        out.WriteMessages(&headers[next], static_cast<unsigned>(runEnd - next), result);
     for (const size_t end = next + sent; next < end; ++next) report(result, packets[next]);
     if (sent == 0) report(result, packets[next++]);
   }
@@ -140,7 +150,7 @@ OmStatus::Value Responder::report(int result, const Packet& p) {
   if (failure != nullptr) {
     ++probeCounters.loadPacketsFailed;
     LogLoadPacketFail(*p.hostName, p.dest.AsString(true), OmUniString(failure),
-                      static_cast<unsigned>(socket.LastError().Errno()));
+                      static_cast<unsigned>(socketFor(p.dest).LastError().Errno()));
     return OmStatus::Failure;
   }
   ++probeCounters.loadPacketsSent;

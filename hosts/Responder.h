@@ -42,7 +42,8 @@ struct PacketTags {
   static constexpr char EntryEnd[] = " ";
 };
 
-// Owns the probe's UDP socket and sends load packets to subscribed hosts.
+// Owns the probe's UDP sockets, one per address family (the IPv6 one only
+// when subscribers may be IPv6), and sends load packets to subscribed hosts.
 // Also owns the format of the stats record, which the get reply reuses.
 class Responder {
  public:
@@ -93,14 +94,16 @@ class Responder {
   // write is a failure.
   OmStatus::Value report(int result, const Packet& p);
   void flushCB(OmEventCallback* cb, OmEvent::cbdispatch reason);
+  OmSocket& socketFor(const OmInetAddr& dest) { return dest.IsIPv6() ? socket6 : socket; }
 
   OmSocket socket;
+  OmSocket socket6;  // unopened unless IPv6 is on: its sends fail
   OmEventLoop* loop = nullptr;
   std::vector<Packet> packets;  // [0, queued) wait for the batch's end
   size_t queued = 0;
   std::vector<mmsghdr> headers;
   std::vector<iovec> buffers;
-  std::vector<sockaddr_in> addresses;
+  std::vector<OmSockaddrInet> addresses;
   OmSimpleCallback<OmEvent::cbdispatch, Responder> flushCallback{this, &Responder::flushCB};
 };
 

@@ -1,5 +1,8 @@
 #include "foundation/net/OmAddressRange.h"
 
+#include <arpa/inet.h>
+
+#include <cstring>
 #include <string>
 
 namespace {
@@ -26,6 +29,7 @@ std::string_view trimmed(std::string_view text) {
 }  // namespace
 
 bool OmAddressRange::Parse(std::string_view text) {
+  if (text.find(':') != std::string_view::npos) return parse6(text);
   uint32_t address = 0;
   for (int part = 0; part < 4; ++part) {
     unsigned byte = 0;
@@ -42,13 +46,49 @@ bool OmAddressRange::Parse(std::string_view text) {
     text.remove_prefix(1);
     if (!takeNumber(text, 32, prefix) || !text.empty()) return false;
   }
+  v6_ = false;
   mask_ = prefix == 0 ? 0 : 0xffffffffu << (32 - prefix);
   network_ = address & mask_;
   return true;
 }
 
+bool OmAddressRange::parse6(std::string_view text) {
+  const size_t slash = text.find('/');
+  unsigned prefix = 128;
+  if (slash != std::string_view::npos) {
+    std::string_view digits = text.substr(slash + 1);
+    if (!takeNumber(digits, 128, prefix) || !digits.empty()) return false;
+  }
+  in6_addr address;
+  if (inet_pton(AF_INET6, std::string(text.substr(0, slash)).c_str(), &address) != 1) return false;
+  v6_ = true;
+  prefix6_ = prefix;
+  std::memcpy(network6_, address.s6_addr, 16);
+  maskBelow(network6_, prefix);
+  return true;
+}
+
+void OmAddressRange::maskBelow(unsigned char (&bytes)[16], unsigned prefix) {
+  for (unsigned i = 0; i < 16; ++i) {
+    const unsigned kept = prefix >= 8 * (i + 1) ? 8 : prefix > 8 * i ? prefix - 8 * i : 0;
+    bytes[i] &= static_cast<unsigned char>(0xff00u >> kept);
+  }
+}
+
 bool OmAddressRange::Contains(const OmInetAddr& address) const {
-  return (address.AsUint32() & mask_) == network_;
+  if (!v6_) {
+    if (!address.IsIPv6()) return (address.AsUint32() & mask_) == network_;
+    const OmInetAddr four = address.Unmapped();
+    return !four.IsIPv6() && (four.AsUint32() & mask_) == network_;
+  }
+  unsigned char bytes[16] = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xff, 0xff};
+  if (address.IsIPv6()) {
+    std::memcpy(bytes, address.Bytes(), 16);
+  } else {
+    std::memcpy(bytes + 12, address.Bytes(), 4);
+  }
+  maskBelow(bytes, prefix6_);
+  return std::memcmp(bytes, network6_, 16) == 0;
 }
 
 bool OmAddressRangeList::Parse(const OmUniString& text) {

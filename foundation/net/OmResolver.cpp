@@ -51,6 +51,16 @@ void notifyLoop(sigval value) {
   (void)n;  // a full pipe has a wake-up waiting already
 }
 
+// The first IPv4 address of the list, else its first IPv6 one.
+bool pickAddress(const addrinfo* list, OmInetAddr& address) {
+  const addrinfo* six = nullptr;
+  for (const addrinfo* entry = list; entry != nullptr; entry = entry->ai_next) {
+    if (entry->ai_family == AF_INET) return address.FromSockaddr(entry->ai_addr, entry->ai_addrlen);
+    if (entry->ai_family == AF_INET6 && six == nullptr) six = entry;
+  }
+  return six != nullptr && address.FromSockaddr(six->ai_addr, six->ai_addrlen);
+}
+
 int asHostError(int eai) {
   switch (eai) {
     case EAI_NONAME:
@@ -83,7 +93,15 @@ OmResolver::~OmResolver() {
   for (auto& request : abandoned_) (void)request.release();
 }
 
-bool OmResolver::ReadNumeric(const std::string& name, Answer& answer) {
+bool OmResolver::ReadNumeric(const std::string& name, Answer& answer, bool ipv6) {
+  if (ipv6 && name.find(':') != std::string::npos) {
+    answer = Answer();
+    in6_addr six;
+    answer.found = inet_pton(AF_INET6, name.c_str(), &six) == 1;
+    if (answer.found) answer.address = OmInetAddr(six);
+    if (!answer.found) answer.failure = HOST_NOT_FOUND;
+    return true;
+  }
   // Digits and dots, not ending in a dot: a number the name service would
   // not look up either, whether or not it is a good one.
   if (name.empty() || name.back() == '.' ||
@@ -91,35 +109,50 @@ bool OmResolver::ReadNumeric(const std::string& name, Answer& answer) {
     return false;
   }
   answer = Answer();
-  answer.found = inet_aton(name.c_str(), &answer.address) != 0;
+  in_addr four;
+  answer.found = inet_aton(name.c_str(), &four) != 0;
+  if (answer.found) answer.address = OmInetAddr(four);
   if (!answer.found) answer.failure = HOST_NOT_FOUND;
   return true;
 }
 
-OmResolver::Answer OmResolver::LookUpNow(const std::string& name) {
+OmResolver::Answer OmResolver::LookUpNow(const std::string& name, bool ipv6) {
   Answer answer;
+  if (ipv6) {
+    addrinfo hints{};
+    hints.ai_family = AF_UNSPEC;
+    hints.ai_socktype = SOCK_DGRAM;  // one entry per address
+    addrinfo* list = nullptr;
+    const int result = getaddrinfo(name.c_str(), nullptr, &hints, &list);
+    answer.found = result == 0 && pickAddress(list, answer.address);
+    if (!answer.found) answer.failure = result == 0 ? NO_DATA : asHostError(result);
+    if (list != nullptr) freeaddrinfo(list);
+    return answer;
+  }
   const hostent* entry = gethostbyname(name.c_str());
   if (entry == nullptr || entry->h_addrtype != AF_INET ||
       entry->h_length != static_cast<int>(sizeof(in_addr)) || entry->h_addr_list[0] == nullptr) {
     answer.failure = entry == nullptr ? h_errno : NO_DATA;
     return answer;
   }
-  std::memcpy(&answer.address, entry->h_addr_list[0], sizeof answer.address);
+  in_addr four;
+  std::memcpy(&four, entry->h_addr_list[0], sizeof four);
+  answer.address = OmInetAddr(four);
   answer.found = true;
   return answer;
 }
 
 bool OmResolver::Resolve(const std::string& name, Answer& answer, Callback* done,
                          Request** request) {
-  if (ReadNumeric(name, answer) || recall(name, answer)) return true;
+  if (ReadNumeric(name, answer, ipv6_) || recall(name, answer)) return true;
   if (timeoutSeconds_ == 0 || done == nullptr || wakePipe().readFd < 0) {
-    answer = LookUpNow(name);
+    answer = LookUpNow(name, ipv6_);
     if (answer.found) keep(name, answer.address);
     return true;
   }
 
   auto r = std::make_unique<Request>(this, name, done);
-  r->hints.ai_family = AF_INET;
+  r->hints.ai_family = ipv6_ ? AF_UNSPEC : AF_INET;
   r->hints.ai_socktype = SOCK_DGRAM;  // one entry per address
   r->block.ar_name = r->name.c_str();
   r->block.ar_request = &r->hints;
@@ -171,10 +204,7 @@ void OmResolver::abandon(std::unique_ptr<Request> request) {
 OmResolver::Answer OmResolver::finish(Request& request) {
   Answer answer;
   const int result = gai_error(&request.block);
-  const addrinfo* first = request.block.ar_result;
-  if (result == 0 && first != nullptr && first->ai_family == AF_INET) {
-    std::memcpy(&answer.address, &reinterpret_cast<const sockaddr_in*>(first->ai_addr)->sin_addr,
-                sizeof answer.address);
+  if (result == 0 && pickAddress(request.block.ar_result, answer.address)) {
     answer.found = true;
     keep(request.name, answer.address);
   } else {
@@ -242,7 +272,7 @@ bool OmResolver::recall(const std::string& name, Answer& answer) {
   return true;
 }
 
-void OmResolver::keep(const std::string& name, const in_addr& address) {
+void OmResolver::keep(const std::string& name, const OmInetAddr& address) {
   if (cacheSeconds_ == 0 || cacheLimit_ == 0) return;
   const OmTimeVal now = OmTimeVal::now();
   if (cache_.size() >= cacheLimit_ && cache_.find(name) == cache_.end()) {

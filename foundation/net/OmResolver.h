@@ -10,11 +10,14 @@
 #include <unordered_map>
 
 #include "foundation/event/OmCallback.h"
+#include "foundation/net/OmInetAddr.h"
 #include "foundation/string/OmTimeVal.h"
 
 class OmEventLoop;
 
-// Finds the IPv4 address of a host name. Dotted numeric addresses are read
+// Finds the IPv4 address of a host name, or with IPv6 allowed its IPv4 or
+// IPv6 address: an IPv4 one when the name has both (A before AAAA), so that
+// a dual-stack host is reached as it was before. Numeric addresses are read
 // at once. Without a time limit a name is looked up in place with
 // gethostbyname, which blocks for as long as the name service takes. With a
 // limit the C library's asynchronous getaddrinfo looks it up on its own
@@ -25,7 +28,7 @@ class OmResolver {
  public:
   struct Answer {
     bool found = false;
-    in_addr address{};
+    OmInetAddr address;  // port 0
     int failure = 0;  // as h_errno: HOST_NOT_FOUND, TRY_AGAIN, NO_RECOVERY, NO_DATA
   };
   using Callback = OmCallback<const Answer&>;
@@ -37,6 +40,8 @@ class OmResolver {
   OmResolver(OmEventLoop& loop, unsigned timeoutSeconds, unsigned cacheSeconds,
              size_t cacheLimit = kCacheLimit);
   ~OmResolver();
+  // Off at first: IPv4 alone, looked up as gethostbyname does.
+  void AllowIPv6(bool on) { ipv6_ = on; }
   OmResolver(const OmResolver&) = delete;
   OmResolver& operator=(const OmResolver&) = delete;
 
@@ -48,13 +53,15 @@ class OmResolver {
   void Cancel(Request* request);
   size_t Running() const { return running_.size(); }
 
-  // The numeric and in-place look-ups, without time limit or cache.
-  static bool ReadNumeric(const std::string& name, Answer& answer);
-  static Answer LookUpNow(const std::string& name);
+  // The numeric and in-place look-ups, without time limit or cache. With
+  // ipv6, an address with a colon is read as IPv6 and names are looked up
+  // with getaddrinfo for both families.
+  static bool ReadNumeric(const std::string& name, Answer& answer, bool ipv6 = false);
+  static Answer LookUpNow(const std::string& name, bool ipv6 = false);
 
  private:
   struct Kept {
-    in_addr address;
+    OmInetAddr address;
     OmTimeVal until;
   };
   using Owned = std::list<std::unique_ptr<Request>>;
@@ -67,7 +74,7 @@ class OmResolver {
   void abandon(std::unique_ptr<Request> request);
   Answer finish(Request& request);
   bool recall(const std::string& name, Answer& answer);
-  void keep(const std::string& name, const in_addr& address);
+  void keep(const std::string& name, const OmInetAddr& address);
 
   OmEventLoop& loop_;
   unsigned timeoutSeconds_;
@@ -78,6 +85,7 @@ class OmResolver {
   std::unordered_map<std::string, Kept> cache_;
   OmSimpleCallback<OmEvent::cbdispatch, OmResolver> wakeCallback_;
   bool wakeRegistered_ = false;
+  bool ipv6_ = false;
 };
 
 #endif  // QUELM_FOUNDATION_NET_OMRESOLVER_H_

@@ -43,6 +43,13 @@ bool OmSocket::Bind(const OmSocketAddress& addr, connectionType type, bool reuse
   if (reuse && !SetIntOption(SOL_SOCKET, "SOL_SOCKET", SO_REUSEADDR, "SO_REUSEADDR", 1)) {
     return false;
   }
+  // "::" then takes IPv4 clients too, on the one socket, whatever the
+  // system's default (net.ipv6.bindv6only) says; and a datagram socket can
+  // reach an IPv4-mapped destination.
+  if (addr.Family() == AF_INET6 &&
+      !SetIntOption(IPPROTO_IPV6, "IPPROTO_IPV6", IPV6_V6ONLY, "IPV6_V6ONLY", 0)) {
+    return false;
+  }
 
   OmOSStream args;
   args << fd_ << "," << addr.Describe();
@@ -90,6 +97,14 @@ bool OmSocket::Bind(const OmSocketAddress& addr, connectionType type, bool reuse
   }
   Record(err, "bind", args.Str());
   return false;
+}
+
+bool OmSocket::ListenOn(const OmInetAddr& address, unsigned backlog) {
+  if (!Bind(OmSocketAddress(address), Stream, true, 0, false) || !Listen(backlog)) return false;
+  // Close-on-exec, so that a child process does not inherit the port.
+  SetBlocking(false);
+  SetCloseOnExec(true);
+  return true;
 }
 
 bool OmSocket::Listen(unsigned backlog) {
@@ -175,11 +190,10 @@ OmSocket::ConnectState OmSocket::ConnectionComplete(OmUniString& reason) {
 }
 
 int OmSocket::ReadMessage(void* buf, long len, long& done, OmInetAddr& from) {
-  sockaddr_in sa;
+  OmSockaddrInet sa;
   socklen_t saLen = sizeof sa;
   std::memset(&sa, 0, sizeof sa);
-  const ssize_t n = ::recvfrom(fd_, buf, static_cast<size_t>(len), 0,
-                               reinterpret_cast<sockaddr*>(&sa), &saLen);
+  const ssize_t n = ::recvfrom(fd_, buf, static_cast<size_t>(len), 0, &sa.any, &saLen);
   if (n < 0) {
     if (errno == EAGAIN || errno == EWOULDBLOCK) {
       done = 0;
@@ -191,15 +205,15 @@ int OmSocket::ReadMessage(void* buf, long len, long& done, OmInetAddr& from) {
     return ioError;
   }
   done = n;
-  if (sa.sin_family == AF_INET) from = sa;
+  from.FromSockaddr(&sa.any, saLen);
   if (n == 0 && len != 0) return ioEndOfFile;
   return n == len ? ioComplete : ioPartial;
 }
 
 int OmSocket::WriteMessage(const void* buf, long len, long& done, const OmInetAddr& to) {
-  const sockaddr_in sa = to.ToSockaddr();
-  const ssize_t n = ::sendto(fd_, buf, static_cast<size_t>(len), 0,
-                             reinterpret_cast<const sockaddr*>(&sa), sizeof sa);
+  OmSockaddrInet sa;
+  const socklen_t saLen = to.ToSockaddr(sa);
+  const ssize_t n = ::sendto(fd_, buf, static_cast<size_t>(len), 0, &sa.any, saLen);
   if (n == len) return ioComplete;
   if (n == 0) return ioEndOfFile;
   if (n > 0) {
@@ -212,7 +226,7 @@ int OmSocket::WriteMessage(const void* buf, long len, long& done, const OmInetAd
   }
   const int err = errno;
   OmOSStream args;
-  args << fd_ << ",<address>," << len << "," << to << "," << static_cast<int>(sizeof sa);
+  args << fd_ << ",<address>," << len << "," << to << "," << static_cast<int>(saLen);
   Record(err, "sendto", args.Str());
   return ioError;
 }
@@ -237,9 +251,11 @@ unsigned OmSocket::WriteMessages(mmsghdr* msgs, unsigned count, int& result) {
 
 namespace {
 
-bool ToInet(const sockaddr_storage& storage, OmInetAddr& addr) {
-  if (storage.ss_family != AF_INET) return false;
-  addr = *reinterpret_cast<const sockaddr_in*>(&storage);
+// An IPv4 client of a dual-stack socket comes as ::ffff:a.b.c.d; it is
+// given as the IPv4 address it is, so that logs and allow-lists see it so.
+bool ToInet(const sockaddr_storage& storage, socklen_t len, OmInetAddr& addr) {
+  if (!addr.FromSockaddr(reinterpret_cast<const sockaddr*>(&storage), len)) return false;
+  addr = addr.Unmapped();
   return true;
 }
 
@@ -257,7 +273,7 @@ bool OmSocket::NameOf(int (*call)(int, sockaddr*, socklen_t*), const char* callN
     Record(errno, callName, args.Str());
     return false;
   }
-  if (!ToInet(storage, addr)) {
+  if (!ToInet(storage, len, addr)) {
     Record(EAFNOSUPPORT, callName, args.Str());
     return false;
   }

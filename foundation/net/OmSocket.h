@@ -9,7 +9,7 @@
 #include "foundation/string/OmStatus.h"
 #include "foundation/string/OmUniString.h"
 
-// One socket descriptor: TCP or UDP over IPv4, or a local socket. Every
+// One socket descriptor: TCP or UDP over IPv4 or IPv6, or a local socket. Every
 // failing call returns failure and leaves errno and a description of the
 // call in LastError(); nothing throws.
 class OmSocket : public OmFile {
@@ -29,6 +29,12 @@ class OmSocket : public OmFile {
   bool Bind(const OmSocketAddress& addr, connectionType type = Datagram, bool reuse = false,
             unsigned retries = 0, bool verbose = false);
   bool Listen(unsigned backlog);
+  // A listening stream socket on address (SO_REUSEADDR, no retries),
+  // non-blocking and close-on-exec. Any IPv6 address binds with IPV6_V6ONLY
+  // off, so "::" is one socket for every address of both families. On
+  // failure LastError().Call() says which step failed: "socket",
+  // "setsockopt", "bind" or "listen".
+  bool ListenOn(const OmInetAddr& address, unsigned backlog);
   // Takes the next connection waiting on the listening descriptor fd.
   OmStatus::Value AcceptFrom(int fd);
   // The same from a listening socket of this library, whose kind the new
@@ -50,6 +56,8 @@ class OmSocket : public OmFile {
   // with its outcome as WriteMessage would give it in result.
   unsigned WriteMessages(mmsghdr* msgs, unsigned count, int& result);
 
+  // An IPv4-mapped address (an IPv4 client of a dual-stack socket) is
+  // given as the IPv4 address.
   bool RemoteAddress(OmInetAddr& addr);
   bool LocalAddress(OmInetAddr& addr);
 

@@ -6,7 +6,7 @@
 
 unsigned OmSocketAddress::Length() const {
   if (family_ == AF_UNIX) return static_cast<unsigned>(path_.AsUtf8().size() + 3);
-  return sizeof(sockaddr_in);
+  return family_ == AF_INET6 ? sizeof(sockaddr_in6) : sizeof(sockaddr_in);
 }
 
 bool OmSocketAddress::ToSockaddr(sockaddr_storage& storage) const {
@@ -19,8 +19,8 @@ bool OmSocketAddress::ToSockaddr(sockaddr_storage& storage) const {
     std::memcpy(un->sun_path, path.data(), path.size());
     return true;
   }
-  const sockaddr_in in = inet_.ToSockaddr();
-  std::memcpy(&storage, &in, sizeof in);
+  OmSockaddrInet inet;
+  std::memcpy(&storage, &inet, inet_.ToSockaddr(inet));
   return true;
 }
 

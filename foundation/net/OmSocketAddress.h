@@ -8,22 +8,24 @@
 #include "foundation/net/OmInetAddr.h"
 #include "foundation/string/OmUniString.h"
 
-// The address of Bind and Connect: AF_INET with an OmInetAddr, or AF_UNIX
-// with a path.
+// The address of Bind and Connect: AF_INET or AF_INET6 with an OmInetAddr
+// (whose own family it is), or AF_UNIX with a path.
 class OmSocketAddress {
  public:
-  OmSocketAddress() = default;                                           // AF_INET, any:0
-  OmSocketAddress(const OmInetAddr& inet) : inet_(inet) {}              // NOLINT: implicit
+  OmSocketAddress() = default;  // AF_INET, any:0
+  OmSocketAddress(const OmInetAddr& inet)  // NOLINT: implicit
+      : family_(inet.Family()), inet_(inet) {}
   explicit OmSocketAddress(const OmUniString& path) : family_(AF_UNIX), path_(path) {}
 
   int Family() const { return family_; }
   const OmInetAddr& Inet() const { return inet_; }
   const OmUniString& Path() const { return path_; }
-  // 16 for AF_INET; the path's length + 3 for AF_UNIX.
+  // 16 for AF_INET, 28 for AF_INET6; the path's length + 3 for AF_UNIX.
   unsigned Length() const;
   // Fills storage with the system form; false when a path is too long.
   bool ToSockaddr(sockaddr_storage& storage) const;
-  // The address as call descriptions show it: "a.b.c.d:port" or the path.
+  // The address as call descriptions show it: "a.b.c.d:port", "[addr]:port"
+  // or the path.
   OmUniString Describe() const;
 
  private:

@@ -137,10 +137,17 @@ TEST_F(BootstrapTest, PropertiesEncodingAndUser) {
 }
 
 TEST_F(BootstrapTest, StrictPortAndAnAllowListRejectTheirBadValues) {
-  Write("port=70000\nstrictport=1\nclientallow=10.0.0.0/8,10.1\n");
-  EXPECT_EQ(Bootstrap(OmUniString(dir.c_str()), 1).settings().port, 3579u);
+  Write("port=70000\nstrictport=1\nclientallow=10.0.0.0/8,10.1\nsubscriberallow=::1,2001:db8::/129\n"
+        "listenaddress=[::1]\nipv6=2\nmetricsaddress=::1\n");
+  const Bootstrap b(OmUniString(dir.c_str()), 1);
+  const Settings& s = b.settings();
+  EXPECT_TRUE(s.port == 3579u && s.listenAddress.IsEmpty() && s.ipv6 == 0u);
+  EXPECT_EQ(s.metricsAddress, OmUniString("::1"));  // an IPv6 address is good
   for (const char* text : {"port has the value 70000 which is invalid. The built-in default value 3579",
-                           "clientallow has the value 10.0.0.0/8,10.1 which is invalid. The built-in default value  will"}) {
+                           "clientallow has the value 10.0.0.0/8,10.1 which is invalid. The built-in default value  will",
+                           "subscriberallow has the value ::1,2001:db8::/129 which is invalid",
+                           "listenaddress has the value [::1] which is invalid. The built-in default value  will",
+                           "ipv6 has the value 2 which is invalid. The built-in default value 0"}) {
     EXPECT_NE(Log().find(text), std::string::npos) << text;
   }
 }

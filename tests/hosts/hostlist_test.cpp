@@ -108,4 +108,21 @@ TEST_F(HostListTest, NamesLookedUpInTheBackgroundAndKept) {
   EXPECT_EQ(3u, HostListMgr::getHosts().Length());
 }
 
+// IPv6 subscribers only with ipv6 on; a name with both families gets its
+// IPv4 address.
+TEST_F(HostListTest, Ipv6SubscribersFollowTheSetting) {
+  const struct {
+    uint32_t ipv6;
+    const char *name, *address;  // address empty: not created
+  } cases[] = {{0, "::1", ""}, {1, "::1", "::1"}, {1, "1::g", ""}, {1, "localhost", "127.0.0.1"}};
+  for (const auto& c : cases) {
+    HostListMgr::clear();
+    settings.ipv6 = c.ipv6;
+    HostListMgr::addHost(OmUniString(c.name), port, 5000, 3, 10000, 10, 1, OmUniString(), Host::CPU);
+    const Host* host = HostListMgr::getHosts().Find(1);
+    EXPECT_EQ(host == nullptr ? "" : host->getAddress().AsString(false).AsUtf8(), c.address)
+        << c.name;
+  }
+}
+
 }  // namespace

@@ -32,7 +32,10 @@ int pollUntil(pollfd& p, Clock::time_point deadline) {
 CommandClient::CommandClient(std::string host, uint16_t port, std::chrono::milliseconds timeout)
     : host_(std::move(host)), port_(port), timeout_(timeout) {}
 
-std::string CommandClient::address() const { return host_ + ":" + std::to_string(port_); }
+std::string CommandClient::address() const {
+  const bool ipv6 = host_.find(':') != std::string::npos;
+  return (ipv6 ? "[" + host_ + "]" : host_) + ":" + std::to_string(port_);
+}
 
 bool CommandClient::fail(const std::string& what, int err) {
   error_ = what + ": " + std::strerror(err);
@@ -44,9 +47,9 @@ bool CommandClient::exchange(const std::string& request, std::string& reply) {
   const Clock::time_point deadline = Clock::now() + timeout_;
   const std::string waited = " within " + std::to_string(timeout_.count()) + " ms";
 
-  // The probe listens on IPv4 only.
+  // Either family; a name with both is tried in the order the look-up gives.
   addrinfo hints{};
-  hints.ai_family = AF_INET;
+  hints.ai_family = AF_UNSPEC;
   hints.ai_socktype = SOCK_STREAM;
   addrinfo* found = nullptr;
   const int rc = ::getaddrinfo(host_.c_str(), std::to_string(port_).c_str(), &hints, &found);
@@ -56,21 +59,31 @@ bool CommandClient::exchange(const std::string& request, std::string& reply) {
   }
   std::unique_ptr<addrinfo, decltype(&::freeaddrinfo)> addresses(found, ::freeaddrinfo);
 
-  Socket sock(::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-  if (!sock.valid()) return fail("socket", errno);
-  if (::connect(sock.fd(), found->ai_addr, found->ai_addrlen) != 0) {
-    if (errno != EINPROGRESS) return fail("cannot connect to " + address(), errno);
-    pollfd p{sock.fd(), POLLOUT, 0};
-    const int n = pollUntil(p, deadline);
-    if (n < 0) return fail("poll", errno);
-    if (n == 0) {
-      error_ = "cannot connect to " + address() + ": no answer" + waited;
-      return false;
-    }
+  Socket sock;
+  for (const addrinfo* at = found; at != nullptr; at = at->ai_next) {
+    Socket attempt(::socket(at->ai_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    if (!attempt.valid()) return fail("socket", errno);
     int err = 0;
-    socklen_t len = sizeof err;
-    ::getsockopt(sock.fd(), SOL_SOCKET, SO_ERROR, &err, &len);
-    if (err != 0) return fail("cannot connect to " + address(), err);
+    if (::connect(attempt.fd(), at->ai_addr, at->ai_addrlen) != 0) {
+      if (errno != EINPROGRESS) {
+        err = errno;
+      } else {
+        pollfd p{attempt.fd(), POLLOUT, 0};
+        const int n = pollUntil(p, deadline);
+        if (n < 0) return fail("poll", errno);
+        if (n == 0) {
+          error_ = "cannot connect to " + address() + ": no answer" + waited;
+          return false;
+        }
+        socklen_t len = sizeof err;
+        ::getsockopt(attempt.fd(), SOL_SOCKET, SO_ERROR, &err, &len);
+      }
+    }
+    if (err == 0) {
+      sock.reset(attempt.release());
+      break;
+    }
+    if (at->ai_next == nullptr) return fail("cannot connect to " + address(), err);
   }
 
   // One write: the probe takes whatever its first read returns as the

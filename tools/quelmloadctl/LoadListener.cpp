@@ -10,23 +10,38 @@
 
 namespace quelmctl {
 
-LoadListener::LoadListener(uint16_t port)
-    : sock_(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)), port_(port) {
-  if (!sock_.valid()) {
-    error_ = std::string("socket: ") + std::strerror(errno);
-    return;
+LoadListener::LoadListener(uint16_t port) : port_(port) {
+  // One IPv6 socket on "::" with IPV6_V6ONLY off hears both families; a
+  // machine without IPv6 gets an IPv4 socket as before.
+  sockaddr_in6 six{};
+  six.sin6_family = AF_INET6;
+  six.sin6_addr = in6addr_any;
+  six.sin6_port = htons(port);
+  const int off = 0;
+  Socket dual(::socket(AF_INET6, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  if (dual.valid() && ::setsockopt(dual.fd(), IPPROTO_IPV6, IPV6_V6ONLY, &off, sizeof off) == 0 &&
+      ::bind(dual.fd(), reinterpret_cast<sockaddr*>(&six), sizeof six) == 0) {
+    sock_.reset(dual.release());
+  } else {
+    sock_.reset(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    if (!sock_.valid()) {
+      error_ = std::string("socket: ") + std::strerror(errno);
+      return;
+    }
+    sockaddr_in four{};
+    four.sin_family = AF_INET;
+    four.sin_addr.s_addr = htonl(INADDR_ANY);
+    four.sin_port = htons(port);
+    if (::bind(sock_.fd(), reinterpret_cast<sockaddr*>(&four), sizeof four) != 0) {
+      error_ = "cannot bind UDP port " + std::to_string(port) + ": " + std::strerror(errno);
+      return;
+    }
   }
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_addr.s_addr = htonl(INADDR_ANY);
-  addr.sin_port = htons(port);
-  if (::bind(sock_.fd(), reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
-    error_ = "cannot bind UDP port " + std::to_string(port) + ": " + std::strerror(errno);
-    return;
-  }
-  socklen_t len = sizeof addr;
-  if (::getsockname(sock_.fd(), reinterpret_cast<sockaddr*>(&addr), &len) == 0) {
-    port_ = ntohs(addr.sin_port);
+  sockaddr_storage bound{};
+  socklen_t len = sizeof bound;
+  if (::getsockname(sock_.fd(), reinterpret_cast<sockaddr*>(&bound), &len) == 0) {
+    port_ = ntohs(bound.ss_family == AF_INET6 ? reinterpret_cast<sockaddr_in6*>(&bound)->sin6_port
+                                              : reinterpret_cast<sockaddr_in*>(&bound)->sin_port);
   }
 }
 

@@ -8,7 +8,7 @@
 
 namespace quelmctl {
 
-// A UDP socket on all local addresses that receives load packets.
+// A UDP socket on all local addresses of both families that receives load packets.
 class LoadListener {
  public:
   enum class Result { Packet, Timeout, Failed };

@@ -1,6 +1,7 @@
 #include "tools/quelmloadctl/Options.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cstdint>
 #include <limits>
 #include <map>
@@ -59,12 +60,24 @@ bool isHostName(const std::string& host) {
   });
 }
 
+// An IPv6 address between brackets: hex digits, colons, and the dots of a
+// trailing IPv4 part.
+bool isIPv6Address(const std::string& host) {
+  return host.find(':') != std::string::npos && std::all_of(host.begin(), host.end(), [](char c) {
+    return std::isxdigit(static_cast<unsigned char>(c)) || c == ':' || c == '.';
+  });
+}
+
 void parseSubscriber(const std::string& text, Options& o) {
   const size_t colon = text.rfind(':');
-  if (colon == std::string::npos || !isHostName(text.substr(0, colon))) {
-    throw UsageError("--subscriber: '" + text + "' is not HOST:UDPPORT");
+  std::string host = colon == std::string::npos ? "" : text.substr(0, colon);
+  // "[2001:db8::5]:4444": the probe is sent the address without brackets.
+  const bool bracketed = host.size() > 2 && host.front() == '[' && host.back() == ']';
+  if (bracketed) host = host.substr(1, host.size() - 2);
+  if (bracketed ? !isIPv6Address(host) : !isHostName(host)) {
+    throw UsageError("--subscriber: '" + text + "' is not HOST:UDPPORT or [IPV6]:UDPPORT");
   }
-  o.subscriberHost = text.substr(0, colon);
+  o.subscriberHost = host;
   o.subscriberPort = parsePort("subscriber", text.substr(colon + 1));
 }
 
@@ -157,7 +170,9 @@ class Parser {
   static void applyConnection(const std::string& name, const std::string& value, Options& o) {
     if (name == "host") {
       if (value.empty()) throw UsageError("--host: empty host name");
-      o.host = value;
+      // "[::1]" as in URLs is "::1".
+      const bool bracketed = value.size() > 2 && value.front() == '[' && value.back() == ']';
+      o.host = bracketed ? value.substr(1, value.size() - 2) : value;
     } else if (name == "port") {
       o.port = parsePort(name, value);
     } else if (name == "timeout") {
@@ -240,7 +255,7 @@ Commands:
   get [--pretty]
       Show the probe's settings, load and subscribed hosts. --pretty prints
       them indented, with the hosts in a table.
-  create --id N --subscriber HOST:UDPPORT --stat cpu[,bogo][,vmem]
+  create --id N --subscriber HOST:UDPPORT|[IPV6]:UDPPORT --stat cpu[,bogo][,vmem]
          [--samplerate MS] [--windowsize N] [--replyfreq MS] [--percentchange N]
       Subscribe HOST:UDPPORT to load packets under id N. Defaults: sample rate
       5000 ms, window 3 samples, reply frequency 10000 ms, percent change 10.
@@ -251,11 +266,11 @@ Commands:
       P2 defaults to the probe's port.
   listen --port UDPPORT [--count N] [--pretty]
       Receive load packets on UDP port UDPPORT (0: any free port) on all
-      addresses and print one per line (--pretty: id, seqno and stats), until
-      N packets arrived or --timeout ran out.
+      addresses, IPv4 and IPv6, and print one per line (--pretty: id, seqno
+      and stats), until N packets arrived or --timeout ran out.
 
 Options:
-  --host H        probe's address or name (default 127.0.0.1)
+  --host H        probe's address (IPv4 or IPv6) or name (default 127.0.0.1)
   --port P        probe's command port (default 3579); after admin or listen
                   it is that command's own port
   --timeout MS    give up after MS milliseconds (default 5000; listen: none)

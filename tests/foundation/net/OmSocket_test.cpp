@@ -130,4 +130,28 @@ TEST_F(OmSocketTest, AcceptFrom) {
   EXPECT_EQ(std::string(buf, 4), "ping");
 }
 
+// One socket on "::" serves both families; an IPv4 client is seen as the
+// IPv4 address it is, not as ::ffff:127.0.0.1.
+TEST_F(OmSocketTest, DualStackListenerAcceptsBothFamilies) {
+  OmSocket listener, taken;
+  if (!listener.ListenOn(OmInetAddr::AddressAny6(), 5)) {
+    GTEST_SKIP() << "no IPv6 here: " << listener.LastError().Reason().AsAscii();
+  }
+  OmInetAddr bound, held = OmInetAddr::AddressLoopback6();
+  ASSERT_TRUE(listener.LocalAddress(bound) && listener.SetBlocking(true));
+  for (OmInetAddr to : {OmInetAddr::AddressLoopback6(), OmInetAddr::AddressLoopback()}) {
+    to.Port(bound.GetPort());
+    OmSocket client, accepted;
+    OmInetAddr clientAddr, peer;
+    ASSERT_TRUE(client.Connect(to) && client.LocalAddress(clientAddr));
+    ASSERT_EQ(accepted.AcceptFrom(listener, SOCK_CLOEXEC), OmStatus::Success);
+    EXPECT_TRUE(accepted.RemoteAddress(peer) && peer == clientAddr && !peer.IsMappedIPv4());
+  }
+  // A failed bind names its IPv6 address in brackets.
+  held.Port(bound.GetPort());
+  EXPECT_FALSE(taken.ListenOn(held, 5));
+  EXPECT_EQ(taken.LastError().Args().AsAscii(),
+            std::to_string(taken.Fd()) + ",[::1]:" + std::to_string(bound.GetPort()));
+}
+
 }  // namespace
