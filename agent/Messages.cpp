@@ -231,6 +231,16 @@ const MessageEntry kMessageCatalogue[kMessageCount] = {
      "The agent check now answers drain: average idle {1}, free virtual memory {2} percent."},
     {60, "quelmloadprobe/results/info",  // LogAgentCheckReady
      "The agent check now answers ready again: average idle {1}, free virtual memory {2} percent."},
+    {61, "quelmloadprobe/initialize/error",  // LogLoadCgroupUnreadable
+     "The cgroup folder {1} cannot be read as the load source ({2}). The quelm loadprobe measures the whole host's load from /proc instead.\n"
+     "The most likely cause is incorrect configuration, or a probe that does not run in the cgroup it should measure.\n"
+     "Correct the loadcgroup attribute in the quelmloadprobe.properties file (empty: the probe's own cgroup) and restart the quelm loadprobe."},
+    {62, "quelmloadprobe/child/error",  // LogLoadCgroupLost
+     "The cgroup folder {1} can no longer be read. The quelm loadprobe measures the whole host's load from /proc from now on.\n"
+     "The most likely cause is that the cgroup was removed while the quelm loadprobe ran.\n"
+     "Restart the quelm loadprobe inside the cgroup it should measure."},
+    {63, "quelmloadprobe/results/info",  // LogAgentCheckPressureDrain
+     "The agent check now answers drain: processor pressure {1} percent."},
 };
 
 namespace {
@@ -338,3 +348,6 @@ void LogSubscriberLimit(OmScalar<unsigned int> a1) { Log(57, a1); }
 void LogReplyPortFailed(const OmUniString& a1, const OmUniString& a2, const OmUniString& a3) { Log(58, a1, a2, a3); }
 void LogAgentCheckDrain(OmScalar<unsigned int> a1, OmScalar<unsigned int> a2) { Log(59, a1, a2); }
 void LogAgentCheckReady(OmScalar<unsigned int> a1, OmScalar<unsigned int> a2) { Log(60, a1, a2); }
+void LogLoadCgroupUnreadable(const OmUniString& a1, const OmUniString& a2) { Log(61, a1, a2); }
+void LogLoadCgroupLost(const OmUniString& a1) { Log(62, a1); }
+void LogAgentCheckPressureDrain(OmScalar<unsigned int> a1) { Log(63, a1); }

@@ -14,7 +14,7 @@ struct MessageEntry {
   const char* format;    // {1}, {2}, ... stand for the arguments in order
 };
 
-inline constexpr unsigned kMessageCount = 61;
+inline constexpr unsigned kMessageCount = 64;
 extern const MessageEntry kMessageCatalogue[kMessageCount];
 
 void LogPropsNotFound(const OmUniString& a1);
@@ -79,5 +79,9 @@ void LogSubscriberLimit(OmScalar<unsigned int> a1);
 void LogReplyPortFailed(const OmUniString& a1, const OmUniString& a2, const OmUniString& a3);
 void LogAgentCheckDrain(OmScalar<unsigned int> a1, OmScalar<unsigned int> a2);
 void LogAgentCheckReady(OmScalar<unsigned int> a1, OmScalar<unsigned int> a2);
+// The load source and the agent check's pressure.
+void LogLoadCgroupUnreadable(const OmUniString& a1, const OmUniString& a2);
+void LogLoadCgroupLost(const OmUniString& a1);
+void LogAgentCheckPressureDrain(OmScalar<unsigned int> a1);
 
 #endif  // QUELM_AGENT_MESSAGES_H_

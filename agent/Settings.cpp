@@ -19,6 +19,17 @@ bool isAddress(const OmUniString& text) {
   return address.FromString(text, false);
 }
 
+bool isLoadSource(const OmUniString& text) {
+  return text == OmUniString("tool") || text == OmUniString("proc") || text == OmUniString("cgroup");
+}
+
+bool isProcessorCount(const OmUniString& text) {
+  if (text == OmUniString("auto") || text.Length() == 0) return true;
+  const std::string digits = text.AsAscii();
+  return digits.size() <= 4 && digits.find_first_not_of("0123456789") == std::string::npos &&
+         text.AsUint32() > 0;
+}
+
 }  // namespace
 
 #define QUELM_KEY "varosa.config.quelmloadbalancing."
@@ -74,6 +85,16 @@ const SettingKey kSettingKeys[SettingKey::Count] = {
     {QUELM_KEY "metricsport", &Settings::metricsPort, nullptr, 0, nullptr, 0, true, 65535},
     // Loopback: the page is unauthenticated, so reaching it from elsewhere is a choice.
     {QUELM_KEY "metricsaddress", nullptr, &Settings::metricsAddress, 0, "127.0.0.1", 0, true, 0, &isAddress},
+    // The load source and the agent check's pressure and steadiness; the
+    // defaults measure and answer as the measuring tool always did.
+    {QUELM_KEY "loadsource", nullptr, &Settings::loadSource, 0, "tool", 0, true, 0, &isLoadSource},
+    {QUELM_KEY "loadcgroup", nullptr, &Settings::loadCgroup, 0, "", 0, true, 0},
+    {QUELM_KEY "agentcheckpressureweight", &Settings::agentCheckPressureWeight, nullptr, 0, nullptr, 0, true, 100},
+    {QUELM_KEY "agentcheckdrainpressure", &Settings::agentCheckDrainPressure, nullptr, 0, nullptr, 0, true, 100},
+    {QUELM_KEY "agentcheckreadymargin", &Settings::agentCheckReadyMargin, nullptr, 0, nullptr, 0, true, 100},
+    {QUELM_KEY "agentcheckmaxrise", &Settings::agentCheckMaxRise, nullptr, 0, nullptr, 0, true, 100},
+    {QUELM_KEY "processorcount", nullptr, &Settings::processorCount, 0, "", 0, true, 0, &isProcessorCount},
+    {QUELM_KEY "memoryfromsystem", &Settings::memoryFromSystem, nullptr, 0, nullptr, 0, true, 1},
 };
 
 #undef QUELM_KEY

@@ -14,9 +14,11 @@
 #include "agent/Globals.h"
 #include "agent/Settings.h"
 #include "command/AgentCheck.h"
+#include "command/PressureMetrics.h"
 #include "hosts/HostListMgr.h"
 #include "measure/Bogomips.h"
 #include "measure/Cache.h"
+#include "measure/LoadSampler.h"
 
 namespace {
 
@@ -159,7 +161,7 @@ std::string MetricsPage::page() {
   e.one("process_max_fds", "gauge", "Maximum number of open file descriptors.", p.maxFds);
   e.one("process_resident_memory_bytes", "gauge", "Resident memory size in bytes.", p.residentBytes);
   e.one("process_virtual_memory_bytes", "gauge", "Virtual memory size in bytes.", p.virtualBytes);
-  return e.text();
+  return e.text() + pressureMetrics(scopePressure());
 }
 
 ReplyListener::Service::Verdict MetricsPage::serve(const OmByteBuffer& received, OmByteBuffer& reply) {
