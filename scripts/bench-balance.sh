@@ -55,28 +55,44 @@ cleanup() {
   rm -rf "$work"
 }
 trap cleanup EXIT
+trap "exit 1" INT TERM
 
 # The backends, and separately the driver (HAProxy and the load), each in a
-# cgroup of its own: the machine's other work then takes processor time from
-# them only as from any other group, however busy it is.
+# cgroup of its own.
 for n in 1 2 3 driver; do
   for c in cpu cpuacct memory; do mkdir -p "$cg/$c/$tag$n"; done
 done
 for n in 1 2 3; do echo "$QUOTA_US" >"$cg/cpu/$tag$n/cpu.cfs_quota_us"; done
-# in_cgroup NAME CMD...: CMD, started inside cgroup NAME.
+# A large share for each: on a machine busy with other work the quota, not
+# that work, must be what limits a backend, as on a server of its own.
+for n in 1 2 3 driver; do echo "${SHARES:-8192}" >"$cg/cpu/$tag$n/cpu.shares"; done
+# in_cgroup NAME CMD...: becomes CMD inside cgroup NAME; call it with & or
+# in a command substitution.
 in_cgroup() {
   local name=$1
   shift
-  bash -c 'for c in cpu cpuacct memory; do echo $$ > "$1/$c/$2/cgroup.procs"; done; shift 2; exec "$@"' \
+  # exec: the caller's $! (or its command substitution) is the command itself.
+  exec bash -c 'for c in cpu cpuacct memory; do echo $$ > "$1/$c/$2/cgroup.procs"; done; shift 2; exec "$@"' \
     _ "$cg" "$tag$name" "$@"
 }
 free_port() { python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1",0)); print(s.getsockname()[1])'; }
 
-for n in 1 2 3; do
-  web_port[$n]=$(free_port)
-  in_cgroup "$n" python3 "$root/bench/balance/backend.py" "${web_port[$n]}" "$n" "$CPU_MS" &
-  pids+=($!)
-done
+# Fresh backends for every run: an overloaded one would otherwise carry its
+# queue into the next run.
+web_pids=()
+start_backends() {
+  for n in 1 2 3; do
+    web_port[$n]=$(free_port)
+    in_cgroup "$n" python3 "$root/bench/balance/backend.py" "${web_port[$n]}" "$n" "$CPU_MS" &
+    web_pids+=($!)
+    pids+=($!)
+  done
+}
+stop_backends() {
+  for p in "${web_pids[@]}"; do kill "$p" 2>/dev/null || true; done
+  for p in "${web_pids[@]}"; do wait "$p" 2>/dev/null || true; done
+  web_pids=()
+}
 
 # start_probes SOURCE [KEY=VALUE...]: one probe in each backend's cgroup.
 probe_pids=()
@@ -123,11 +139,14 @@ stop_probes() {
 rows=()
 run() {
   local label=$1 agent=$2
+  local label_short=${label:1:1}
   local lb_port
   lb_port=$(free_port)
+  start_backends
   {
     echo "global"
     echo "  maxconn 4096"
+    echo "  stats socket $work/admin.sock level admin"
     echo "defaults"
     echo "  mode http"
     echo "  timeout connect 5s"
@@ -150,29 +169,47 @@ run() {
   local lb=$!
   pids+=($lb)
   sleep 3  # the first agent checks
+  # The weights HAProxy applied, once a second, for TRACE=1.
+  local tracer=""
+  if [ "${TRACE:-0}" = 1 ]; then
+    (while sleep 1; do
+       echo "$(date +%s) $(echo 'show servers state be' | socat -t 2 - UNIX-CONNECT:$work/admin.sock |
+         awk '$4 ~ /^web/ { printf "%s=%s/%s ", $4, $7, $8 }') $(cat $cg/cpuacct/${tag}1/cpuacct.usage) $(wc -l <$cg/cpu/${tag}1/cgroup.procs)"
+     done >"/tmp/quelm-balance-trace-$label_short.txt") &
+    tracer=$!
+  fi
   local line
   line=$(in_cgroup driver python3 "$root/bench/balance/loadgen.py" "$lb_port" "$RATE" "$SECONDS_RUN" \
     "$HOG_START" "$HOG_SECONDS" \
     bash -c "for c in cpu cpuacct memory; do echo \$\$ > $cg/\$c/${tag}1/cgroup.procs; done; exec python3 -c 'while True: pass'")
   kill "$lb" 2>/dev/null || true
   wait "$lb" 2>/dev/null || true
+  [ -n "$tracer" ] && kill "$tracer" 2>/dev/null
+  stop_backends
   echo "$label: $line" >&2
   v() { tr ' ' '\n' <<<"$line" | sed -n "s/^$1=//p"; }
   rows+=("| $label | $(v share_before) / $(v share_during) / $(v share_after) | $(v p50) / $(v p99) / $(v max) | $(v p99_all) | $(v errors) of $(v requests) | $(v down_after) / $(v back_after) |")
 }
 
-echo "balance: (a) static weights..." >&2
-run "(a) static equal weights" 0
-echo "balance: (b) agent check, loadsource=tool..." >&2
-start_probes tool
-run "(b) agent check, loadsource=tool" 1
-stop_probes
-C_KEYS=${C_KEYS:-agentcheckdrainidle=5 agentcheckreadymargin=10 agentcheckmaxrise=20}
-echo "balance: (c) agent check, loadsource=cgroup ($C_KEYS)..." >&2
-# shellcheck disable=SC2086
-start_probes cgroup $C_KEYS
-run "(c) agent check, loadsource=cgroup" 1
-stop_probes
+RUNS=${RUNS:-a b c}
+if [[ $RUNS == *a* ]]; then
+  echo "balance: (a) static weights..." >&2
+  run "(a) static equal weights" 0
+fi
+if [[ $RUNS == *b* ]]; then
+  echo "balance: (b) agent check, loadsource=tool..." >&2
+  start_probes tool
+  run "(b) agent check, loadsource=tool" 1
+  stop_probes
+fi
+C_KEYS=${C_KEYS:-agentcheckmaxrise=20}
+if [[ $RUNS == *c* ]]; then
+  echo "balance: (c) agent check, loadsource=cgroup ($C_KEYS)..." >&2
+  # shellcheck disable=SC2086
+  start_probes cgroup $C_KEYS
+  run "(c) agent check, loadsource=cgroup" 1
+  stop_probes
+fi
 
 echo
 echo "Machine: $(nproc) cores; load average at the end: $(cut -d' ' -f1-3 /proc/loadavg) (other work on the machine skews latencies)."

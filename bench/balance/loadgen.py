@@ -6,8 +6,8 @@ its queue). A hog command runs from HOG_START for HOG_SECONDS. Prints one
 line of key=value figures:
   share_before/during/after  backend 1's share of answered requests (%)
   p50/p99/max                latency in ms of requests sent while the hog ran
-  p99_all                    latency p99 of the whole run
-  errors                     requests that failed or took over the timeout
+  p99_all, p99_before        latency p99 of the whole run, before the hog
+  errors, errors_before      requests that failed or took over the timeout
   down_after / back_after    seconds from the hog's start (end) until backend
                              1's share over a 2 s window fell below half its
                              share before (came back to 3/4 of it); - : never
@@ -83,6 +83,8 @@ async def main():
     during_lat = [l for t, l, b in rows if hog_start <= t < hog_end and b is not None]
     all_lat = [l for t, l, b in rows if b is not None]
     errors = sum(1 for _, _, b in rows if b is None)
+    errors_before = sum(1 for t, _, b in rows if b is None and t < hog_start)
+    before_lat = [l for t, l, b in rows if t < hog_start and b is not None]
 
     def first(start, end, test):
         t = start
@@ -96,9 +98,9 @@ async def main():
     down = first(hog_start, hog_end, lambda s: s < before / 2)
     back = first(hog_end, seconds, lambda s: s >= before * 0.75)
     print("share_before=%.1f share_during=%.1f share_after=%.1f p50=%.0f p99=%.0f max=%.0f "
-          "p99_all=%.0f errors=%d requests=%d down_after=%s back_after=%s" % (
+          "p99_all=%.0f p99_before=%.0f errors=%d errors_before=%d requests=%d down_after=%s back_after=%s" % (
               before, during, after, 1000 * pct(during_lat, 50), 1000 * pct(during_lat, 99),
-              1000 * max(during_lat, default=float("nan")), 1000 * pct(all_lat, 99), errors, total,
+              1000 * max(during_lat, default=float("nan")), 1000 * pct(all_lat, 99), 1000 * pct(before_lat, 99), errors, errors_before, total,
               down, back))
 
 
