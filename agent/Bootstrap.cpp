@@ -193,15 +193,30 @@ bool isDefault(const SettingKey& key, const Settings& values) {
 
 }  // namespace
 
+void Bootstrap::useMachineMemory(uint32_t maxVirtualKiB, uint32_t maxPhysKiB) {
+  if (!machineMemory) {
+    fileMaxVirtual = values.maxVirtualMemory;
+    fileMaxPhys = values.maxPhysMemory;
+    machineMemory = true;
+  }
+  values.maxVirtualMemory = maxVirtualKiB;
+  values.maxPhysMemory = maxPhysKiB;
+}
+
 bool Bootstrap::setConfig() {
+  Settings written = values;
+  if (machineMemory) {
+    written.maxVirtualMemory = fileMaxVirtual;
+    written.maxPhysMemory = fileMaxPhys;
+  }
   for (const SettingKey& key : kSettingKeys) {
     const OmUniString name(key.name);
     // A file without an optional key at its default is written as it was.
-    if (key.optional && props.Get(name) == nullptr && isDefault(key, values)) continue;
+    if (key.optional && props.Get(name) == nullptr && isDefault(key, written)) continue;
     if (key.number != nullptr) {
-      props.Put(name, OmUniString::CreateFromUnsigned(key.fileValue(values)));
+      props.Put(name, OmUniString::CreateFromUnsigned(key.fileValue(written)));
     } else {
-      props.Put(name, values.*key.text);
+      props.Put(name, written.*key.text);
     }
   }
   return props.Save(directory + bootstrapFile, "Written by quelmloadprobe", encoding);

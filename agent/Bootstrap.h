@@ -46,6 +46,10 @@ class Bootstrap {
   bool setPort(unsigned port);
   bool setConfig();
 
+  // The memory maxima (KiB) measured on the machine (memoryfromsystem=1);
+  // the file keeps its own when the configuration is written back.
+  void useMachineMemory(uint32_t maxVirtualKiB, uint32_t maxPhysKiB);
+
   const Settings& settings() const { return values; }
   int32_t getProcessors() const { return processors; }
 
@@ -63,6 +67,8 @@ class Bootstrap {
   // The file's own character set when it names one (null: read as US-ASCII,
   // leniently); the configuration is written back in it too.
   const OmCodeset* encoding = nullptr;
+  bool machineMemory = false;
+  uint32_t fileMaxVirtual = 0, fileMaxPhys = 0;
 };
 
 #endif  // QUELM_AGENT_BOOTSTRAP_H_

@@ -11,6 +11,7 @@ class Cache;
 class Responder;
 class BaseFilter;
 class ChildManager;
+class LoadSampler;
 class Listener;
 class PidFile;
 class Logging;
@@ -27,6 +28,7 @@ extern Cache* myCache;
 extern Responder* myResponder;
 extern BaseFilter* myFilter;
 extern ChildManager* myChildManager;
+extern LoadSampler* myLoadSampler;  // only when the load is not the tool's
 extern Listener* myListener;
 extern PidFile* myPidFile;
 extern Logging* bootLogger;

@@ -235,6 +235,16 @@ const MessageEntry kMessageCatalogue[kMessageCount] = {
      "The connectionless port for IPv6 subscribers could not be opened: {1}.\n"
      "Load packets to IPv6 subscribers fail until the quelm loadprobe is restarted; IPv4 subscribers are served as before.\n"
      "Check that the machine has IPv6, or set ipv6 to 0 in the quelmloadprobe.properties file."},
+    {62, "quelmloadprobe/initialize/error",  // LogLoadCgroupUnreadable
+     "The cgroup folder {1} cannot be read as the load source ({2}). The quelm loadprobe measures the whole host's load from /proc instead.\n"
+     "The most likely cause is incorrect configuration, or a probe that does not run in the cgroup it should measure.\n"
+     "Correct the loadcgroup attribute in the quelmloadprobe.properties file (empty: the probe's own cgroup) and restart the quelm loadprobe."},
+    {63, "quelmloadprobe/child/error",  // LogLoadCgroupLost
+     "The cgroup folder {1} can no longer be read. The quelm loadprobe measures the whole host's load from /proc from now on.\n"
+     "The most likely cause is that the cgroup was removed while the quelm loadprobe ran.\n"
+     "Restart the quelm loadprobe inside the cgroup it should measure."},
+    {64, "quelmloadprobe/results/info",  // LogAgentCheckPressureDrain
+     "The agent check now answers drain: processor pressure {1} percent."},
 };
 
 namespace {
@@ -343,3 +353,6 @@ void LogReplyPortFailed(const OmUniString& a1, const OmUniString& a2, const OmUn
 void LogAgentCheckDrain(OmScalar<unsigned int> a1, OmScalar<unsigned int> a2) { Log(59, a1, a2); }
 void LogAgentCheckReady(OmScalar<unsigned int> a1, OmScalar<unsigned int> a2) { Log(60, a1, a2); }
 void LogResponderIPv6Failed(const OmUniString& a1) { Log(61, a1); }
+void LogLoadCgroupUnreadable(const OmUniString& a1, const OmUniString& a2) { Log(62, a1, a2); }
+void LogLoadCgroupLost(const OmUniString& a1) { Log(63, a1); }
+void LogAgentCheckPressureDrain(OmScalar<unsigned int> a1) { Log(64, a1); }

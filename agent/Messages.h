@@ -14,7 +14,7 @@ struct MessageEntry {
   const char* format;    // {1}, {2}, ... stand for the arguments in order
 };
 
-inline constexpr unsigned kMessageCount = 62;
+inline constexpr unsigned kMessageCount = 65;
 extern const MessageEntry kMessageCatalogue[kMessageCount];
 
 void LogPropsNotFound(const OmUniString& a1);
@@ -80,5 +80,9 @@ void LogReplyPortFailed(const OmUniString& a1, const OmUniString& a2, const OmUn
 void LogAgentCheckDrain(OmScalar<unsigned int> a1, OmScalar<unsigned int> a2);
 void LogAgentCheckReady(OmScalar<unsigned int> a1, OmScalar<unsigned int> a2);
 void LogResponderIPv6Failed(const OmUniString& a1);
+// The load source and the agent check's pressure.
+void LogLoadCgroupUnreadable(const OmUniString& a1, const OmUniString& a2);
+void LogLoadCgroupLost(const OmUniString& a1);
+void LogAgentCheckPressureDrain(OmScalar<unsigned int> a1);
 
 #endif  // QUELM_AGENT_MESSAGES_H_

@@ -7,11 +7,14 @@
 #include "measure/BaseFilter.h"
 #include "measure/Bogomips.h"
 #include "measure/ChildManager.h"
+#include "measure/LoadSampler.h"
 
 void destroySingleInstances() {
   // The child manager first, so the tool is killed before anything else goes.
   delete myChildManager;
   myChildManager = nullptr;
+  delete myLoadSampler;
+  myLoadSampler = nullptr;
   delete myPidFile;
   myPidFile = nullptr;
   HostListMgr::freeHosts();

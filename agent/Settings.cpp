@@ -21,6 +21,17 @@ bool isAddress(const OmUniString& text) {
 
 bool isListenAddress(const OmUniString& text) { return OmInetAddr().FromListenText(text, 0); }
 
+bool isLoadSource(const OmUniString& text) {
+  return text == OmUniString("tool") || text == OmUniString("proc") || text == OmUniString("cgroup");
+}
+
+bool isProcessorCount(const OmUniString& text) {
+  if (text == OmUniString("auto") || text.Length() == 0) return true;
+  const std::string digits = text.AsAscii();
+  return digits.size() <= 4 && digits.find_first_not_of("0123456789") == std::string::npos &&
+         text.AsUint32() > 0;
+}
+
 }  // namespace
 
 #define QUELM_KEY "varosa.config.quelmloadbalancing."
@@ -79,6 +90,16 @@ constexpr SettingKey kSettingKeys[SettingKey::Count] = {
     // IPv6, off by default: "::" listens on every address of both families.
     {SettingKey::ListenAddress, QUELM_KEY "listenaddress", nullptr, &Settings::listenAddress, 0, "", 0, true, 0, &isListenAddress},
     {SettingKey::Ipv6, QUELM_KEY "ipv6", &Settings::ipv6, nullptr, 0, nullptr, 0, true, 1},
+    // The load source and the agent check's pressure and steadiness; the
+    // defaults measure and answer as the measuring tool always did.
+    {SettingKey::LoadSource, QUELM_KEY "loadsource", nullptr, &Settings::loadSource, 0, "tool", 0, true, 0, &isLoadSource},
+    {SettingKey::LoadCgroup, QUELM_KEY "loadcgroup", nullptr, &Settings::loadCgroup, 0, "", 0, true, 0},
+    {SettingKey::AgentCheckPressureWeight, QUELM_KEY "agentcheckpressureweight", &Settings::agentCheckPressureWeight, nullptr, 0, nullptr, 0, true, 100},
+    {SettingKey::AgentCheckDrainPressure, QUELM_KEY "agentcheckdrainpressure", &Settings::agentCheckDrainPressure, nullptr, 0, nullptr, 0, true, 100},
+    {SettingKey::AgentCheckReadyMargin, QUELM_KEY "agentcheckreadymargin", &Settings::agentCheckReadyMargin, nullptr, 0, nullptr, 0, true, 100},
+    {SettingKey::AgentCheckMaxRise, QUELM_KEY "agentcheckmaxrise", &Settings::agentCheckMaxRise, nullptr, 0, nullptr, 0, true, 100},
+    {SettingKey::ProcessorCount, QUELM_KEY "processorcount", nullptr, &Settings::processorCount, 0, "", 0, true, 0, &isProcessorCount},
+    {SettingKey::MemoryFromSystem, QUELM_KEY "memoryfromsystem", &Settings::memoryFromSystem, nullptr, 0, nullptr, 0, true, 1},
 };
 
 #undef QUELM_KEY

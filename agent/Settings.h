@@ -62,6 +62,18 @@ struct Settings {
   // IPv6; each off (IPv4 alone) by default.
   OmUniString listenAddress;  // of the command and agent-check ports; empty: every IPv4 address
   uint32_t ipv6;              // 1: subscribers may be IPv6 addresses or names resolving to one
+  // Where the load figures come from: "tool" (the measuring tool), "proc"
+  // (read in-process) or "cgroup" (the service's own limits).
+  OmUniString loadSource;
+  OmUniString loadCgroup;               // the cgroup folder; empty: the probe's own
+  uint32_t agentCheckPressureWeight;    // percent of the weight taken from processor pressure
+  uint32_t agentCheckDrainPressure;     // processor pressure percent above which it is drain
+  uint32_t agentCheckReadyMargin;       // points past each threshold before ready again
+  uint32_t agentCheckMaxRise;           // points the weight may rise per answer; 0: any
+  // Figures taken from the machine instead of the command line's and the
+  // file's: empty / 0 leave them as configured.
+  OmUniString processorCount;  // a number, or "auto"
+  uint32_t memoryFromSystem;   // 1: the memory maxima from the system or the cgroup
 
   Settings();
 
@@ -115,6 +127,14 @@ struct SettingKey {
     MetricsAddress,
     ListenAddress,
     Ipv6,
+    LoadSource,
+    LoadCgroup,
+    AgentCheckPressureWeight,
+    AgentCheckDrainPressure,
+    AgentCheckReadyMargin,
+    AgentCheckMaxRise,
+    ProcessorCount,
+    MemoryFromSystem,
     Count
   };
 

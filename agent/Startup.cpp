@@ -19,6 +19,7 @@
 #include "measure/Bogomips.h"
 #include "measure/Cache.h"
 #include "measure/ChildManager.h"
+#include "measure/LoadSampler.h"
 #include "ports/AgentCheck.h"
 #include "ports/MetricsPage.h"
 #include "ports/ReplyListener.h"
@@ -74,6 +75,17 @@ void startReplyPorts(const Settings& settings, const Listener::Options& limits) 
   }
 }
 
+// processorcount: the command line's count wins; then a number, or the
+// machine's (its cgroup's quota when the load is the cgroup's).
+int chooseProcessors(const Settings& settings, bool onCommandLine, int given) {
+  const OmUniString& configured = settings.processorCount;
+  if (onCommandLine || configured.Length() == 0) return given;
+  if (configured == OmUniString("auto")) return static_cast<int>(scopeProcessors(settings));
+  return static_cast<int>(configured.AsUint32());
+}
+
+void runEndedCB(unsigned idle) { myChildManager->runEnded(idle); }
+
 }  // namespace
 
 int probeMain(int argc, char** argv) {
@@ -92,7 +104,12 @@ int probeMain(int argc, char** argv) {
   LogStarted();
   OmLog::SetFailureNotice(settings.logFailureNotice != 0);
 
-  myBogomips = new Bogomips(myBootstrap->getProcessors(), settings.multiProcessorFactor);
+  uint32_t machineVirtual = 0, machinePhys = 0;
+  if (settings.memoryFromSystem != 0 && scopeMemory(settings, machineVirtual, machinePhys)) {
+    myBootstrap->useMachineMemory(machineVirtual, machinePhys);
+  }
+  const int speedProcessors = chooseProcessors(settings, argc > 2, myBootstrap->getProcessors());
+  myBogomips = new Bogomips(speedProcessors, settings.multiProcessorFactor);
   myCache = new Cache(settings.minCacheSize, settings.maxVirtualMemory, settings.maxPhysMemory);
   myResponder = new Responder();
   myFilter =
@@ -104,7 +121,12 @@ int probeMain(int argc, char** argv) {
   myChildManager = new ChildManager(eventloop, myFilter, &HostListMgr::percentChangeCheck);
   // Measured again now that the process is set up.
   myBogomips->calculate();
-  myChildManager->forkChild();
+  if (settings.loadSource == OmUniString("tool")) {
+    myChildManager->forkChild();
+  } else {
+    myLoadSampler = new LoadSampler(eventloop, settings, *myCache, &runEndedCB);
+    myLoadSampler->start();
+  }
 
   // Deliberately no processExit here: nothing has been announced yet, and no
   // pid file exists.

@@ -253,16 +253,7 @@ void ChildManager::restart(bool filterFailed) {
 // filter stopped the run after a sample (vmstat with named columns gives one
 // sample a run), that sample's idle figure.
 void ChildManager::afterRun() {
-  if (idle >= 0) {
-    // A nearly idle machine gives a true speed figure. The estimate costs
-    // about a second of processor time, during which the loop waits.
-    if (idle > 94 && speedRecalcDue()) {
-      myBogomips->calculate();
-      LogSpeedRecalculated(idle, static_cast<int>(myBogomips->getCurrent()),
-                           static_cast<int>(myBogomips->getBogomips()));
-    }
-    runObserver(static_cast<unsigned>(idle));
-  }
+  if (idle >= 0) runEnded(static_cast<unsigned>(idle));
   filter->resetFilter();
   ++probeCounters.toolRestarts;
 
@@ -282,6 +273,17 @@ void ChildManager::afterRun() {
     return;
   }
   forkChild();
+}
+
+void ChildManager::runEnded(unsigned runIdle) {
+  // A nearly idle machine gives a true speed figure. The estimate costs
+  // about a second of processor time, during which the loop waits.
+  if (runIdle > 94 && speedRecalcDue()) {
+    myBogomips->calculate();
+    LogSpeedRecalculated(static_cast<int>(runIdle), static_cast<int>(myBogomips->getCurrent()),
+                         static_cast<int>(myBogomips->getBogomips()));
+  }
+  runObserver(runIdle);
 }
 
 bool ChildManager::firstOfEpisode(Trouble trouble) {

@@ -37,6 +37,9 @@ class ChildManager {
   void setSampleRateAndWindowSize(unsigned rate, unsigned windowSize);
   void setSignals();
   bool analyseData();
+  // What a run's idle figure sets off: the speed rule, then the run
+  // observer. In-process samples (LoadSampler) come through here too.
+  void runEnded(unsigned runIdle);
 
   void readpipeCB(OmEventCallback* cb, OmEvent::cbdispatch reason);
   void deadkidCB(OmUnixProcess::ChildCallback* cb, OmUnixProcess::child_info info);

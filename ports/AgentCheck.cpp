@@ -27,22 +27,7 @@ std::string AgentCheck::answerFor(const StatsPacket* average) {
   // An empty line: HAProxy takes it as "no change", where "up" would claim
   // a health the probe cannot know yet.
   if (average == nullptr) return "\n";
-  const unsigned idle = std::min<unsigned>(average->idle, 100);
-  const unsigned memory = freeMemoryPercent(*average);
-  const bool drain = idle < settings.agentCheckDrainIdle || memory < settings.agentCheckDrainMemory;
-  if (drain != draining) {
-    draining = drain;
-    drain ? LogAgentCheckDrain(idle, memory) : LogAgentCheckReady(idle, memory);
-  }
-  if (drain) return "drain\n";
-
-  const unsigned share = std::min<unsigned>(settings.agentCheckMemoryWeight, 100);
-  const unsigned weight = ((100 - share) * idle + share * memory + 50) / 100;
-  const std::string percent = std::to_string(std::clamp(weight, 1u, 100u)) + "%\n";
-  // Only a probe that may drain says ready: otherwise the server's
-  // administrative state stays the operator's alone.
-  const bool mayDrain = settings.agentCheckDrainIdle != 0 || settings.agentCheckDrainMemory != 0;
-  return mayDrain ? "ready " + percent : percent;
+  return weight.answer(AgentWeight::figuresNow(*average, freeMemoryPercent(*average), settings));
 }
 
 // Answered at accept; whatever the balancer sends is read and dropped.

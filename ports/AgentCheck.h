@@ -5,6 +5,7 @@
 #include <string>
 
 #include "measure/StatsPacket.h"
+#include "ports/AgentWeight.h"
 #include "ports/ReplyListener.h"
 
 struct Settings;
@@ -21,7 +22,7 @@ std::unique_ptr<StatsPacket> probeAverage();
 // configured and they are not, so that a drained server comes back.
 class AgentCheck : public ReplyListener::Service {
  public:
-  explicit AgentCheck(const Settings& settings) : settings(settings) {}
+  explicit AgentCheck(const Settings& settings) : settings(settings), weight(settings) {}
 
   Verdict serve(const OmByteBuffer& received, OmByteBuffer& reply) override;
 
@@ -33,7 +34,7 @@ class AgentCheck : public ReplyListener::Service {
 
  private:
   const Settings& settings;
-  bool draining = false;
+  AgentWeight weight;  // the drain state and the last weight
 };
 
 #endif  // QUELM_PORTS_AGENTCHECK_H_

@@ -16,7 +16,9 @@
 #include "hosts/HostListMgr.h"
 #include "measure/Bogomips.h"
 #include "measure/Cache.h"
+#include "measure/LoadSampler.h"
 #include "ports/AgentCheck.h"
+#include "ports/PressureMetrics.h"
 
 namespace {
 
@@ -156,7 +158,7 @@ std::string MetricsPage::page() {
   e.one("process_max_fds", "gauge", "Maximum number of open file descriptors.", p.maxFds);
   e.one("process_resident_memory_bytes", "gauge", "Resident memory size in bytes.", p.residentBytes);
   e.one("process_virtual_memory_bytes", "gauge", "Virtual memory size in bytes.", p.virtualBytes);
-  return e.text();
+  return e.text() + pressureMetrics(scopePressure());
 }
 
 ReplyListener::Service::Verdict MetricsPage::serve(const OmByteBuffer& received, OmByteBuffer& reply) {

@@ -139,6 +139,11 @@ reply bytes | alive $(value alive "$line"), exit status $probe_status | 92 = sti
 by SIGTERM here, 94 = ended by SIGPIPE (exit code 606) |"
 }
 
+# The balance case runs alone: bash scripts/bench.sh balance.
+if [ "${1:-}" = "balance" ]; then
+  exec bash scripts/bench-balance.sh
+fi
+
 if [ "${1:-}" = "--in-netns" ]; then
   in_netns "$2"
   exit 0

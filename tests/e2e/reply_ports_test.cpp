@@ -73,6 +73,11 @@ TEST(ReplyPortsTest, HaproxyWeighsAndDrainsByTheProbeAndPromtoolReadsItsPage) {
   EXPECT_EQ(checked.status, 0) << checked.out << checked.err;
   const std::string before = page();
   EXPECT_EQ(Metric(before, "quelmloadprobe_cpu_idle_ratio"), 0.4) << before;
+  // The host's stall figures, where the kernel keeps them.
+  if (access("/proc/pressure/cpu", R_OK) == 0) {
+    EXPECT_GE(Metric(before, "quelmloadprobe_pressure_cpu_waiting_seconds_total"), 0) << before;
+    EXPECT_LE(Metric(before, "quelmloadprobe_pressure_cpu_waiting_ratio"), 1) << before;
+  }
   EXPECT_GT(Metric(before, "quelmloadprobe_agent_checks_total"), 0);
   SendRequest(probe.port(), "GET /?get&znalbinfo");
   SendRequest(probe.port(), "GET /");
@@ -117,4 +122,28 @@ TEST(ReplyPortsTest, HaproxyWeighsAndDrainsByTheProbeAndPromtoolReadsItsPage) {
   // A host left subscribed at the end counts as a leak in a sanitizer build.
   SendRequest(probe.port(), "<znalbreq type=\"kill\"><id>7</id><version>1.0</version></znalbreq>");
   EXPECT_EQ(probe.Stop(SIGTERM), 92) << ProbeRunner::ReadFile(dir + "/stderr.txt");
+}
+
+// loadsource=proc: samples come without a tool child, into the cache that
+// the get reply and the page report.
+TEST(ReplyPortsTest, ProcSourceSamplesWithoutATool) {
+  ProbeRunner probe;
+  const int metricsPort = FreePort();
+  probe.Set("loadsource", "proc");
+  probe.Set("samplerate", "5");
+  probe.Set("windowsize", "3");
+  probe.Set("metricsport", std::to_string(metricsPort));
+  probe.Start();
+  ASSERT_TRUE(probe.WaitUntilPolling());
+  std::string page;
+  EXPECT_TRUE(Eventually([&] {
+    page = Shell("curl -sf --max-time 10 http://127.0.0.1:" + std::to_string(metricsPort) + "/metrics").out;
+    return Metric(page, "quelmloadprobe_cached_samples") >= 1;
+  }, 60s)) << page;
+  EXPECT_TRUE(probe.Children().empty());
+  const double idle = Metric(page, "quelmloadprobe_cpu_idle_ratio");
+  EXPECT_TRUE(idle >= 0 && idle <= 1) << page;
+  EXPECT_TRUE(std::regex_search(SendRequest(probe.port(), "GET /?get&znalbinfo"),
+                                std::regex("<stats>cpu=[0-9]+ bogo=[0-9]+ vmem=[0-9]+ </stats>")));
+  EXPECT_EQ(probe.Stop(SIGTERM), 92);
 }
