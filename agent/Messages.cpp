@@ -231,6 +231,14 @@ const MessageEntry kMessageCatalogue[kMessageCount] = {
      "The agent check now answers drain: average idle {1}, free virtual memory {2} percent."},
     {60, "quelmloadprobe/results/info",  // LogAgentCheckReady
      "The agent check now answers ready again: average idle {1}, free virtual memory {2} percent."},
+    {61, "quelmloadprobe/initialize/error",  // LogUnsafeFile
+     "The file {1} was not opened: {2}.\n"
+     "The quelm loadprobe writes only regular files of its own user, never through a symbolic link.\n"
+     "Remove the file, or choose a pid and log directory that only the loadprobe's user can write to."},
+    {62, "quelmloadprobe/host/error",  // LogLookUpLimit
+     "The address of {1} was not looked up for the client {2}: {3} look-ups are already at work for it.\n"
+     "The create command is answered as failed at once.\n"
+     "Check the name servers, or raise resolvelimit or resolveperclient in the quelmloadprobe.properties file."},
 };
 
 namespace {
@@ -243,6 +251,24 @@ bool Wanted(unsigned n) {
 OmUniString Text(const OmUniString& s) { return s; }
 
 OmUniString Text(const OmInetAddr& a) { return a.AsString(true); }
+
+unsigned requestCopyLimit = 0;
+
+// A copy of what a client sent or was sent: a client decides its length, so
+// a log copy keeps at most the configured bytes (the texts are one byte a
+// unit) and says how long the whole was. Cut before the .csl file escapes it.
+struct RequestCopy {
+  const OmUniString& text;
+};
+
+OmUniString Text(RequestCopy copy) {
+  const unsigned long length = copy.text.Length();
+  if (requestCopyLimit == 0 || length <= requestCopyLimit) return copy.text;
+  OmOSStream s;
+  s << copy.text.SubString(0, requestCopyLimit) << "... (" << length
+    << " bytes in all)";
+  return s.Str();
+}
 
 template <typename T>
 OmUniString Text(OmScalar<T> v) {
@@ -277,6 +303,8 @@ void Log(unsigned n, const Args&... args) {
 
 }  // namespace
 
+void setRequestCopyLimit(unsigned bytes) { requestCopyLimit = bytes; }
+
 void LogPropsNotFound(const OmUniString& a1) { Log(0, a1); }
 void LogPathNonExistant(const OmUniString& a1, const OmUniString& a2, const OmUniString& a3) { Log(1, a1, a2, a3); }
 void LogPathNotDirectory(const OmUniString& a1, const OmUniString& a2, const OmUniString& a3) { Log(2, a1, a2, a3); }
@@ -308,15 +336,15 @@ void LogRemoteAddressFail() { Log(26); }
 void LogNewConnection(const OmUniString& a1) { Log(27, a1); }
 void LogBindFailed(OmScalar<unsigned int> a1, const OmUniString& a2) { Log(28, a1, a2); }
 void LogListenFailed(OmScalar<unsigned int> a1, const OmUniString& a2) { Log(29, a1, a2); }
-void LogBadCommand(OmScalar<unsigned int> a1, const OmUniString& a2) { Log(30, a1, a2); }
+void LogBadCommand(OmScalar<unsigned int> a1, const OmUniString& a2) { Log(30, a1, RequestCopy{a2}); }
 void LogResponderBindFailed(const OmUniString& a1) { Log(31, a1); }
 void LogLoadPacketSent(const OmUniString& a1, const OmInetAddr& a2) { Log(32, a1, a2); }
 void LogLoadSent(OmScalar<unsigned int> a1, const OmUniString& a2) { Log(33, a1, a2); }
 void LogLoadPacketFail(const OmUniString& a1, const OmUniString& a2, const OmUniString& a3, OmScalar<unsigned int> a4) { Log(34, a1, a2, a3, a4); }
 void LogCommandMissing() { Log(35); }
 void LogSyntaxError(const OmUniString& a1, OmScalar<int> a2, const OmUniString& a3) { Log(36, a1, a2, a3); }
-void LogCommandText(const OmUniString& a1) { Log(37, a1); }
-void LogResponseText(const OmUniString& a1) { Log(38, a1); }
+void LogCommandText(const OmUniString& a1) { Log(37, RequestCopy{a1}); }
+void LogResponseText(const OmUniString& a1) { Log(38, RequestCopy{a1}); }
 void LogAttribSetFail(const OmUniString& a1, const OmUniString& a2) { Log(39, a1, a2); }
 void LogAttribSetSuccess(const OmUniString& a1, const OmUniString& a2) { Log(40, a1, a2); }
 void LogAttribGetFail(const OmUniString& a1) { Log(41, a1); }
@@ -338,3 +366,5 @@ void LogSubscriberLimit(OmScalar<unsigned int> a1) { Log(57, a1); }
 void LogReplyPortFailed(const OmUniString& a1, const OmUniString& a2, const OmUniString& a3) { Log(58, a1, a2, a3); }
 void LogAgentCheckDrain(OmScalar<unsigned int> a1, OmScalar<unsigned int> a2) { Log(59, a1, a2); }
 void LogAgentCheckReady(OmScalar<unsigned int> a1, OmScalar<unsigned int> a2) { Log(60, a1, a2); }
+void LogUnsafeFile(const OmUniString& a1, const OmUniString& a2) { Log(61, a1, a2); }
+void LogLookUpLimit(const OmUniString& a1, const OmUniString& a2, OmScalar<unsigned int> a3) { Log(62, a1, a2, a3); }

@@ -14,8 +14,11 @@ struct MessageEntry {
   const char* format;    // {1}, {2}, ... stand for the arguments in order
 };
 
-inline constexpr unsigned kMessageCount = 61;
+inline constexpr unsigned kMessageCount = 63;
 extern const MessageEntry kMessageCatalogue[kMessageCount];
+
+// Bytes of a request or reply that its log copies keep; 0 keeps it whole.
+void setRequestCopyLimit(unsigned bytes);
 
 void LogPropsNotFound(const OmUniString& a1);
 void LogPathNonExistant(const OmUniString& a1, const OmUniString& a2, const OmUniString& a3);
@@ -79,5 +82,7 @@ void LogSubscriberLimit(OmScalar<unsigned int> a1);
 void LogReplyPortFailed(const OmUniString& a1, const OmUniString& a2, const OmUniString& a3);
 void LogAgentCheckDrain(OmScalar<unsigned int> a1, OmScalar<unsigned int> a2);
 void LogAgentCheckReady(OmScalar<unsigned int> a1, OmScalar<unsigned int> a2);
+void LogUnsafeFile(const OmUniString& a1, const OmUniString& a2);
+void LogLookUpLimit(const OmUniString& a1, const OmUniString& a2, OmScalar<unsigned int> a3);
 
 #endif  // QUELM_AGENT_MESSAGES_H_

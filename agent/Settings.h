@@ -59,6 +59,12 @@ struct Settings {
   uint32_t agentCheckDrainMemory;   // percent free virtual memory below which it is drain
   uint32_t metricsPort;
   OmUniString metricsAddress;
+  // What an attacker can still bend: the log's size, the look-ups, the
+  // numbers of a request. Each is off at its default.
+  uint32_t logRequestLimit;   // bytes of a request or reply a log copy keeps; 0: all
+  uint32_t strictRequests;    // 1: a create's or kill's number must be a whole, fitting number
+  uint32_t resolveLimit;      // name look-ups at work at once, given-up ones included; 0: no bound
+  uint32_t resolvePerClient;  // of those, for one client address; 0: no bound
 
   Settings();
 
@@ -110,6 +116,10 @@ struct SettingKey {
     AgentCheckDrainMemory,
     MetricsPort,
     MetricsAddress,
+    LogRequestLimit,
+    StrictRequests,
+    ResolveLimit,
+    ResolvePerClient,
     Count
   };
 

@@ -91,6 +91,7 @@ int probeMain(int argc, char** argv) {
   const Settings& settings = *mySettings;
   LogStarted();
   OmLog::SetFailureNotice(settings.logFailureNotice != 0);
+  setRequestCopyLimit(settings.logRequestLimit);
 
   myBogomips = new Bogomips(myBootstrap->getProcessors(), settings.multiProcessorFactor);
   myCache = new Cache(settings.minCacheSize, settings.maxVirtualMemory, settings.maxPhysMemory);

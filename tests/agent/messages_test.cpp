@@ -56,4 +56,19 @@ TEST_F(MessageTextTest, RepresentativeTextsToTheByte) {
   OmLog::InitLogs(&mylog, OmUniString(dir));
 }
 
+// A client decides how long a request is: its log copies keep the bound's
+// bytes and the whole length; the message around them is unchanged.
+TEST_F(MessageTextTest, RequestCopiesAreCutAtTheBound) {
+  const OmUniString request("0123456789,,,,,,,,,,");
+  setRequestCopyLimit(8);
+  LogBadCommand(20u, request);
+  LogCommandText(OmUniString("short"));
+  setRequestCopyLimit(0);
+  LogResponseText(request);
+  const std::string text = logText();
+  EXPECT_NE(std::string::npos, text.find("Bad request (length 20). Request is [ 01234567... (20 bytes in all) ]."));
+  EXPECT_NE(std::string::npos, text.find("Command is \nshort\n"));
+  EXPECT_NE(std::string::npos, text.find("Response is \n0123456789,,,,,,,,,,\n"));
+}
+
 }  // namespace
