@@ -2,8 +2,10 @@
 
 #include <initializer_list>
 #include <string>
+#include <utility>
 
 #include "foundation/log/OmLog.h"
+#include "foundation/string/OmTimeVal.h"
 
 // Severity by message: fatalerror for 9, 10, 11, 15, 28, 29, 31; info for 6,
 // 7, 8, 12, 14, 22, 27, 33, 37, 38, 43; moreinfo for 23, 32, 40, 42; error
@@ -239,6 +241,10 @@ const MessageEntry kMessageCatalogue[kMessageCount] = {
      "The address of {1} was not looked up for the client {2}: {3} look-ups are already at work for it.\n"
      "The create command is answered as failed at once.\n"
      "Check the name servers, or raise resolvelimit or resolveperclient in the quelmloadprobe.properties file."},
+    {63, "quelmloadprobe/log/error",  // LogMessagesLeftOut
+     "{1} messages number {2} were left out of the log since {3}: more than {4} a second came.\n"
+     "A client or a fault repeats one event faster than the log can usefully hold it.\n"
+     "Look at the messages number {2} that were logged for its source."},
 };
 
 namespace {
@@ -278,6 +284,45 @@ OmUniString Text(OmScalar<T> v) {
 }
 
 // Replaces {1}..{9} in message n's text with the arguments and logs it.
+void Emit(unsigned n, std::initializer_list<OmUniString> args);
+
+// How often each message was logged in its current second, and how many were
+// left out since the first one left out.
+struct MessageRate {
+  uint32_t second = 0;
+  uint32_t logged = 0;
+  uint32_t leftOut = 0;
+  OmTimeVal since;
+};
+unsigned messageRateLimit = 0;
+MessageRate messageRates[kMessageCount];
+
+// One client can make the probe repeat a message as fast as it can connect:
+// past the limit a second the copies are counted, and the count is logged
+// (message 63) with the next one that is written.
+bool underRate(unsigned n) {
+  if (messageRateLimit == 0 || n >= kMessageCount || n == 63) return true;
+  MessageRate& rate = messageRates[n];
+  const OmTimeVal now = OmTimeVal::now();
+  if (now.seconds != rate.second) {
+    rate.second = now.seconds;
+    rate.logged = 0;
+  }
+  if (rate.logged >= messageRateLimit) {
+    if (rate.leftOut++ == 0) rate.since = now;
+    return false;
+  }
+  ++rate.logged;
+  if (rate.leftOut != 0) {
+    const uint32_t leftOut = std::exchange(rate.leftOut, 0);
+    OmOSStream since;
+    since << rate.since.AsRFC1123();
+    Emit(63, {Text(OmScalar<unsigned>(leftOut)), Text(OmScalar<unsigned>(n)), since.Str(),
+              Text(OmScalar<unsigned>(messageRateLimit))});
+  }
+  return true;
+}
+
 void Emit(unsigned n, std::initializer_list<OmUniString> args) {
   OmOSStream s;
   std::string literal;
@@ -298,12 +343,17 @@ void Emit(unsigned n, std::initializer_list<OmUniString> args) {
 // The text is built only when some log file takes the message.
 template <typename... Args>
 void Log(unsigned n, const Args&... args) {
-  if (Wanted(n) && OmLog::Current()->Admit(n)) Emit(n, {Text(args)...});
+  if (Wanted(n) && OmLog::Current()->Admit(n) && underRate(n)) Emit(n, {Text(args)...});
 }
 
 }  // namespace
 
 void setRequestCopyLimit(unsigned bytes) { requestCopyLimit = bytes; }
+
+void setMessageRateLimit(unsigned perSecond) {
+  messageRateLimit = perSecond;
+  for (MessageRate& rate : messageRates) rate = MessageRate();
+}
 
 void LogPropsNotFound(const OmUniString& a1) { Log(0, a1); }
 void LogPathNonExistant(const OmUniString& a1, const OmUniString& a2, const OmUniString& a3) { Log(1, a1, a2, a3); }

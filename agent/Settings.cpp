@@ -76,6 +76,7 @@ const SettingKey kSettingKeys[SettingKey::Count] = {
     {QUELM_KEY "metricsaddress", nullptr, &Settings::metricsAddress, 0, "127.0.0.1", 0, true, 0, &isAddress},
     // Bounds on what one client can make the probe write, wait for or misread.
     {QUELM_KEY "logrequestlimit", &Settings::logRequestLimit, nullptr, 0, nullptr, 0, true, 1048576},
+    {QUELM_KEY "logratelimit", &Settings::logRateLimit, nullptr, 0, nullptr, 0, true, 1000000},
     {QUELM_KEY "strictrequests", &Settings::strictRequests, nullptr, 0, nullptr, 0, true, 1},
     {QUELM_KEY "resolvelimit", &Settings::resolveLimit, nullptr, 0, nullptr, 0, true, 1024},
     {QUELM_KEY "resolveperclient", &Settings::resolvePerClient, nullptr, 0, nullptr, 0, true, 1024},

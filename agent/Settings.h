@@ -62,6 +62,7 @@ struct Settings {
   // What an attacker can still bend: the log's size, the look-ups, the
   // numbers of a request. Each is off at its default.
   uint32_t logRequestLimit;   // bytes of a request or reply a log copy keeps; 0: all
+  uint32_t logRateLimit;      // copies of one message logged a second; 0: all
   uint32_t strictRequests;    // 1: a create's or kill's number must be a whole, fitting number
   uint32_t resolveLimit;      // name look-ups at work at once, given-up ones included; 0: no bound
   uint32_t resolvePerClient;  // of those, for one client address; 0: no bound
@@ -117,6 +118,7 @@ struct SettingKey {
     MetricsPort,
     MetricsAddress,
     LogRequestLimit,
+    LogRateLimit,
     StrictRequests,
     ResolveLimit,
     ResolvePerClient,

@@ -92,6 +92,7 @@ int probeMain(int argc, char** argv) {
   LogStarted();
   OmLog::SetFailureNotice(settings.logFailureNotice != 0);
   setRequestCopyLimit(settings.logRequestLimit);
+  setMessageRateLimit(settings.logRateLimit);
 
   myBogomips = new Bogomips(myBootstrap->getProcessors(), settings.multiProcessorFactor);
   myCache = new Cache(settings.minCacheSize, settings.maxVirtualMemory, settings.maxPhysMemory);
