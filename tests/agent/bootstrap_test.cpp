@@ -1,10 +1,12 @@
 // Configuration: defaults, checks and the messages that name them.
 #include "agent/Bootstrap.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <sstream>
 #include <string>
 #include <utility>
@@ -64,6 +66,27 @@ TEST_F(BootstrapTest, MissingFileGivesAllDefaultsAndOneMessage) {
   EXPECT_EQ(log.find("quelmloadprobe/initialize/error"), log.rfind("quelmloadprobe/initialize"));
   EXPECT_NE(log.find("The properties file " + path + " was not found."), std::string::npos);
   EXPECT_FALSE(std::filesystem::exists(path));
+}
+
+// What is not a regular file of at most 1 MiB is not read (no hang on a
+// FIFO, no growth on /dev/zero): the missing-file message and the defaults.
+TEST_F(BootstrapTest, UnreadablePropertiesFilesGiveDefaults) {
+  const std::string path = dir + "/quelmloadbalancing.properties";
+  const std::function<void()> plant[] = {
+      [&] { ASSERT_EQ(0, mkfifo(path.c_str(), 0600)); },
+      [&] { std::filesystem::create_symlink("/dev/zero", path); },
+      [&] { Write("port=4444\n#" + std::string(1 << 20, 'x')); }};
+  for (const auto& make : plant) {
+    std::filesystem::remove(path);
+    make();
+    Bootstrap b(OmUniString(dir.c_str()), 1);
+    EXPECT_EQ(b.settings().port, 3579u);
+    delete std::exchange(bootLogger, nullptr);
+  }
+  const std::string log = Log(), missing = "The properties file " + path + " was not found.";
+  size_t n = 0;
+  for (size_t at = log.find(missing); at != std::string::npos; at = log.find(missing, at + 1)) ++n;
+  EXPECT_EQ(n, 3u) << log;
 }
 
 TEST_F(BootstrapTest, EmptyDirectoryGivesDefaultsWithoutLogging) {
