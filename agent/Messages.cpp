@@ -238,7 +238,7 @@ const MessageEntry kMessageCatalogue[kMessageCount] = {
      "The quelm loadprobe writes only regular files of its own user, never through a symbolic link.\n"
      "Remove the file, or choose a pid and log directory that only the loadprobe's user can write to."},
     {62, "quelmloadprobe/host/error",  // LogLookUpLimit
-     "The address of {1} was not looked up for the client {2}: {3} look-ups are already at work for it.\n"
+     "The address of {1} was not looked up for the client {2}: {3} look-ups were at work already, the resolvelimit or resolveperclient bound.\n"
      "The create command is answered as failed at once.\n"
      "Check the name servers, or raise resolvelimit or resolveperclient in the quelmloadprobe.properties file."},
     {63, "quelmloadprobe/log/error",  // LogMessagesLeftOut

@@ -56,37 +56,4 @@ TEST_F(MessageTextTest, RepresentativeTextsToTheByte) {
   OmLog::InitLogs(&mylog, OmUniString(dir));
 }
 
-// A client decides how long a request is: its log copies keep the bound's
-// bytes and the whole length; the message around them is unchanged.
-TEST_F(MessageTextTest, RequestCopiesAreCutAtTheBound) {
-  const OmUniString request("0123456789,,,,,,,,,,");
-  setRequestCopyLimit(8);
-  LogBadCommand(20u, request);
-  LogCommandText(OmUniString("short"));
-  setRequestCopyLimit(0);
-  LogResponseText(request);
-  const std::string text = logText();
-  EXPECT_NE(std::string::npos, text.find("Bad request (length 20). Request is [ 01234567... (20 bytes in all) ]."));
-  EXPECT_NE(std::string::npos, text.find("Command is \nshort\n"));
-  EXPECT_NE(std::string::npos, text.find("Response is \n0123456789,,,,,,,,,,\n"));
-}
-
-// Past the rate a second the copies are counted, and the count goes out with
-// the next copy of a later second; other messages are not held back.
-TEST_F(MessageTextTest, CopiesPastTheRateAreCountedOnce) {
-  setMessageRateLimit(2);
-  for (int i = 0; i < 5; ++i) LogClientRefused(OmUniString("10.0.0." + std::to_string(i)));
-  LogStarted();
-  env.now = env.now.PlusSeconds(1);
-  LogClientRefused(OmUniString("10.0.0.9"));
-  setMessageRateLimit(0);
-  const std::string text = logText();
-  EXPECT_EQ(1u, logged("10.0.0.1"));
-  EXPECT_EQ(0u, logged("10.0.0.2"));
-  EXPECT_EQ(1u, logged("10.0.0.9"));
-  EXPECT_EQ(1u, logged("Quelm loadprobe started."));
-  EXPECT_NE(std::string::npos, text.find("3 messages number 54 were left out of the log since Thu, 01 Jan 2026 09:00:00 GMT: "
-                                         "more than 2 a second came.")) << text;
-}
-
 }  // namespace

@@ -133,37 +133,4 @@ TEST_F(ParseCommandTest, AllowListAndSubscriberLimitRefuseCreates) {
   EXPECT_EQ(2u, logged("The quelm loadprobe has 2 hosts, the maxsubscribers limit"));
 }
 
-// Numbers the integer conversion misreads: read as ever by default, a parse
-// error with strict requests; whole numbers that fit stay good either way.
-TEST_F(ParseCommandTest, StrictRequestsRefuseNumbersThatDoNotFit) {
-  const struct {
-    std::string key, value, error;  // error empty: good in both modes
-    bool madeByDefault;
-  } cases[] = {{"port", "69980", "port", true},         {"port", "65535", "", true},
-               {"id", "4294967297", "id", true},        {"id", "4294967295", "", true},
-               {"samplerate", "7abc", "samplerate", true}, {"windowsize", "+3", "windowsize", false},
-               {"percentchange", "-5", "percentchange", true}, {"percentchange", "007", "", true}};
-  unsigned id = 100;
-  for (const unsigned strict : {0u, 1u}) {
-    settings.strictRequests = strict;
-    for (const auto& c : cases) {
-      std::map<std::string, std::string> changes{{c.key, c.value}};
-      if (c.key != "id") changes["id"] = std::to_string(++id);
-      const std::string reply = run(OmUniString(createRequest(changes)));
-      const bool made = strict ? c.error.empty() : c.madeByDefault;
-      EXPECT_EQ(made, reply.find("<znalbreply type=\"create\">") != std::string::npos) << c.value << reply;
-      if (!made) {
-        EXPECT_EQ(errorDoc("Error parsing " + c.error + "; "), reply);
-      }
-    }
-    HostListMgr::clear();
-  }
-  // A kill of 4294967297 would remove subscription 1.
-  run(OmUniString(createRequest({{"id", "1"}})));
-  const std::string kill = run(OmUniString(
-      "<znalbreq type=\"kill\"><version>1.0</version><id>4294967297</id></znalbreq>"));
-  EXPECT_EQ(errorDoc("Error parsing id; "), kill);
-  EXPECT_NE(std::string::npos, run(OmUniString("GET /?get&znalbinfo")).find("<id>1</id>"));
-}
-
 }  // namespace

@@ -12,8 +12,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <atomic>
-
 #include "probe_runner.h"
 
 namespace {
@@ -51,7 +49,6 @@ class SilentNameServer {
              mount(conf.c_str(), "/etc/resolv.conf", nullptr, MS_BIND, nullptr) == 0;
   }
   ~SilentNameServer() {
-    answering_ = std::jthread();
     if (server_ >= 0) close(server_);
     if (entered_) {
       EXPECT_TRUE(setns(net_, CLONE_NEWNET) == 0 && setns(mnt_, CLONE_NEWNS) == 0);
@@ -61,32 +58,9 @@ class SilentNameServer {
   bool Entered() const { return entered_; }
   bool Ready() const { return ready_; }
 
-  // From now on names that begin with "good" are answered: 127.0.0.1 for
-  // an IPv4 query, no address for any other; every other name stays silent.
-  void AnswerGoodNames() {
-    answering_ = std::jthread([this](std::stop_token stop) {
-      unsigned char q[512];
-      for (pollfd p{server_, POLLIN, 0}; !stop.stop_requested();) {
-        if (poll(&p, 1, 50) != 1) continue;
-        sockaddr_in from{};
-        socklen_t fromLen = sizeof from;
-        const ssize_t n = recvfrom(server_, q, sizeof q, 0, reinterpret_cast<sockaddr*>(&from), &fromLen);
-        size_t end = 12;  // the question's name: labels up to the empty one
-        while (n > 12 && end < size_t(n) && q[end] != 0) end += q[end] + 1;
-        if (n <= 12 || end + 5 > size_t(n) || std::string(reinterpret_cast<char*>(q + 13), 4) != "good") continue;
-        const bool a = q[end + 1] == 0 && q[end + 2] == 1;
-        std::string r(reinterpret_cast<char*>(q), end + 5);
-        r[2] = char(0x81), r[3] = char(0x80), r[7] = a, r[8] = r[9] = r[10] = r[11] = 0;
-        if (a) r += std::string("\xc0\x0c\0\x01\0\x01\0\0\0\x3c\0\x04\x7f\0\0\x01", 16);
-        sendto(server_, r.data(), r.size(), 0, reinterpret_cast<sockaddr*>(&from), fromLen);
-      }
-    });
-  }
-
  private:
   int net_ = -1, mnt_ = -1, server_ = -1;
   bool entered_ = false, ready_ = false;
-  std::jthread answering_;
 };
 
 // The attack: one create naming a host only the silent server could find.
@@ -138,52 +112,40 @@ TEST(ResolverAttackTest, HangingNameServerWithLookUpLimit) {
   fs::remove_all(dir);
 }
 
-// The packaged probe under 6 creates a second from one client naming hosts
-// whose name server never answers (each holds a look-up thread for 30 s):
-// that client gets its share of look-ups and is refused the rest at once,
-// and every create by name of another client is looked up and answered.
+// The packaged probe under 6 creates a second from 127.0.0.2 naming hosts
+// the silent server is asked for (each holds a look-up thread for 30 s):
+// that client gets its share and is refused the rest at once, and creates
+// by name from 127.0.0.1 (found in the hosts file, on those threads too)
+// are all answered. Without the bounds, most of them fail.
 TEST(ResolverAttackTest, UnanswerableCreatesLeaveOtherClientsLookedUp) {
   char tmpl[] = "/tmp/quelm-dns-XXXXXX";
   const std::string dir = mkdtemp(tmpl);
   {
     SilentNameServer dns(dir);
     if (!dns.Entered()) GTEST_SKIP() << "no namespaces of our own (needs root)";
-    ASSERT_TRUE(dns.Ready());
-    dns.AnswerGoodNames();
+    ProbeRunner::WriteFile(dir + "/hosts", "127.0.0.1 localhost good.quelm.test\n");
+    ASSERT_TRUE(dns.Ready() && mount((dir + "/hosts").c_str(), "/etc/hosts", nullptr, MS_BIND, nullptr) == 0);
     ProbeRunner probe;
-    probe.UsePackaged();
-    probe.Start();
+    probe.UsePackaged(), probe.Start();
     ASSERT_TRUE(probe.WaitUntilPolling());
-
-    std::vector<int> attackers;  // from 127.0.0.2, never read: their replies do not matter
+    std::vector<int> attackers;  // never read: their replies do not matter
     std::jthread attack([&] {
       for (int i = 0; i < 30; ++i, std::this_thread::sleep_for(166ms)) {
-        const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        const int fd = attackers.emplace_back(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
         sockaddr_in from{AF_INET, 0, {htonl(0x7f000002)}, {}}, to{AF_INET, htons(probe.port()), {htonl(INADDR_LOOPBACK)}, {}};
         const std::string request = CreateRequest("bad" + std::to_string(i) + ".quelm.test", 1000 + i);
         if (bind(fd, reinterpret_cast<sockaddr*>(&from), sizeof from) == 0 &&
-            connect(fd, reinterpret_cast<sockaddr*>(&to), sizeof to) == 0) {
-          (void)!write(fd, request.data(), request.size());
-        }
-        attackers.push_back(fd);
+            connect(fd, reinterpret_cast<sockaddr*>(&to), sizeof to) == 0) (void)!write(fd, request.data(), request.size());
       }
     });
-    std::this_thread::sleep_for(2s);  // 12 unanswerable look-ups asked for: more than their share
-    double longest = 0;
-    for (int i = 0; i < 8; ++i, std::this_thread::sleep_for(400ms)) {  // until the attack ends
-      const auto start = std::chrono::steady_clock::now();
-      const std::string reply = SendRequest(probe.port(), CreateRequest("good" + std::to_string(i) + ".quelm.test", i + 1));
-      longest = std::max(longest, std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count());
+    std::this_thread::sleep_for(2s);  // 12 asked for: more than their share
+    for (int i = 1; i <= 8; ++i, std::this_thread::sleep_for(400ms)) {  // until the attack ends
+      const std::string reply = SendRequest(probe.port(), CreateRequest("good.quelm.test", i));
       EXPECT_NE(std::string::npos, reply.find("<znalbreply type=\"create\">")) << i << reply;
     }
     attack.join();
     for (int fd : attackers) close(fd);
-    RecordProperty("longest_create_ms", int(longest * 1000));
-    EXPECT_TRUE(probe.WaitForLog("The address of bad"));
-    EXPECT_NE(std::string::npos, probe.Log().find("4 look-ups are already at work for it."));
-    const std::string get = SendRequest(probe.port(), "GET /?get&znalbinfo");
-    EXPECT_NE(std::string::npos, get.find("<host>good7.quelm.test</host>")) << get;
-    EXPECT_TRUE(probe.Running());
+    EXPECT_TRUE(probe.WaitForLog("for the client 127.0.0.2: 4 look-ups were at work already"));
   }
   fs::remove_all(dir);
 }
