@@ -271,8 +271,7 @@ OmUniString Text(RequestCopy copy) {
   const unsigned long length = copy.text.Length();
   if (requestCopyLimit == 0 || length <= requestCopyLimit) return copy.text;
   OmOSStream s;
-  s << copy.text.SubString(0, requestCopyLimit) << "... (" << length
-    << " bytes in all)";
+  s << copy.text.SubString(0, requestCopyLimit) << "... (" << length << " bytes in all)";
   return s.Str();
 }
 
@@ -283,7 +282,6 @@ OmUniString Text(OmScalar<T> v) {
   return s.Str();
 }
 
-// Replaces {1}..{9} in message n's text with the arguments and logs it.
 void Emit(unsigned n, std::initializer_list<OmUniString> args);
 
 // How often each message was logged in its current second, and how many were
@@ -294,6 +292,7 @@ struct MessageRate {
   uint32_t leftOut = 0;
   OmTimeVal since;
 };
+constexpr unsigned kLeftOutMessage = 63;  // LogMessagesLeftOut
 unsigned messageRateLimit = 0;
 MessageRate messageRates[kMessageCount];
 
@@ -301,7 +300,7 @@ MessageRate messageRates[kMessageCount];
 // past the limit a second the copies are counted, and the count is logged
 // (message 63) with the next one that is written.
 bool underRate(unsigned n) {
-  if (messageRateLimit == 0 || n >= kMessageCount || n == 63) return true;
+  if (messageRateLimit == 0 || n >= kMessageCount || n == kLeftOutMessage) return true;
   MessageRate& rate = messageRates[n];
   const OmTimeVal now = OmTimeVal::now();
   if (now.seconds != rate.second) {
@@ -315,14 +314,13 @@ bool underRate(unsigned n) {
   ++rate.logged;
   if (rate.leftOut != 0) {
     const uint32_t leftOut = std::exchange(rate.leftOut, 0);
-    OmOSStream since;
-    since << rate.since.AsRFC1123();
-    Emit(63, {Text(OmScalar<unsigned>(leftOut)), Text(OmScalar<unsigned>(n)), since.Str(),
-              Text(OmScalar<unsigned>(messageRateLimit))});
+    Emit(kLeftOutMessage, {Text(OmScalar<unsigned>(leftOut)), Text(OmScalar<unsigned>(n)),
+                           rate.since.AsRFC1123(), Text(OmScalar<unsigned>(messageRateLimit))});
   }
   return true;
 }
 
+// Replaces {1}..{9} in message n's text with the arguments and logs it.
 void Emit(unsigned n, std::initializer_list<OmUniString> args) {
   OmOSStream s;
   std::string literal;
