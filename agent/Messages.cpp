@@ -2,8 +2,10 @@
 
 #include <initializer_list>
 #include <string>
+#include <utility>
 
 #include "foundation/log/OmLog.h"
+#include "foundation/string/OmTimeVal.h"
 
 // Severity by message: fatalerror for 9, 10, 11, 15, 28, 29, 31; info for 6,
 // 7, 8, 12, 14, 22, 27, 33, 37, 38, 43; moreinfo for 23, 32, 40, 42; error
@@ -245,6 +247,18 @@ const MessageEntry kMessageCatalogue[kMessageCount] = {
      "Restart the quelm loadprobe inside the cgroup it should measure."},
     {64, "quelmloadprobe/results/info",  // LogAgentCheckPressureDrain
      "The agent check now answers drain: processor pressure {1} percent."},
+    {65, "quelmloadprobe/initialize/error",  // LogUnsafeFile
+     "The file {1} was not opened: {2}.\n"
+     "The quelm loadprobe writes only regular files of its own user, never through a symbolic link.\n"
+     "Remove the file, or choose a pid and log directory that only the loadprobe's user can write to."},
+    {66, "quelmloadprobe/host/error",  // LogLookUpLimit
+     "The address of {1} was not looked up for the client {2}: {3} look-ups were at work already, the resolvelimit or resolveperclient bound.\n"
+     "The create command is answered as failed at once.\n"
+     "Check the name servers, or raise resolvelimit or resolveperclient in the quelmloadprobe.properties file."},
+    {67, "quelmloadprobe/log/error",  // LogMessagesLeftOut
+     "{1} messages number {2} were left out of the log since {3}: more than {4} a second came.\n"
+     "A client or a fault repeats one event faster than the log can usefully hold it.\n"
+     "Look at the messages number {2} that were logged for its source."},
 };
 
 namespace {
@@ -258,11 +272,66 @@ OmUniString Text(const OmUniString& s) { return s; }
 
 OmUniString Text(const OmInetAddr& a) { return a.AsString(true); }
 
+unsigned requestCopyLimit = 0;
+
+// A copy of what a client sent or was sent: a client decides its length, so
+// a log copy keeps at most the configured bytes (the texts are one byte a
+// unit) and says how long the whole was. Cut before the .csl file escapes it.
+struct RequestCopy {
+  const OmUniString& text;
+};
+
+OmUniString Text(RequestCopy copy) {
+  const unsigned long length = copy.text.Length();
+  if (requestCopyLimit == 0 || length <= requestCopyLimit) return copy.text;
+  OmOSStream s;
+  s << copy.text.SubString(0, requestCopyLimit) << "... (" << length << " bytes in all)";
+  return s.Str();
+}
+
 template <typename T>
 OmUniString Text(OmScalar<T> v) {
   OmOSStream s;
   s << v;
   return s.Str();
+}
+
+void Emit(unsigned n, std::initializer_list<OmUniString> args);
+
+// How often each message was logged in its current second, and how many were
+// left out since the first one left out.
+struct MessageRate {
+  uint32_t second = 0;
+  uint32_t logged = 0;
+  uint32_t leftOut = 0;
+  OmTimeVal since;
+};
+constexpr unsigned kLeftOutMessage = 67;  // LogMessagesLeftOut
+unsigned messageRateLimit = 0;
+MessageRate messageRates[kMessageCount];
+
+// One client can make the probe repeat a message as fast as it can connect:
+// past the limit a second the copies are counted, and the count is logged
+// (message 63) with the next one that is written.
+bool underRate(unsigned n) {
+  if (messageRateLimit == 0 || n >= kMessageCount || n == kLeftOutMessage) return true;
+  MessageRate& rate = messageRates[n];
+  const OmTimeVal now = OmTimeVal::now();
+  if (now.seconds != rate.second) {
+    rate.second = now.seconds;
+    rate.logged = 0;
+  }
+  if (rate.logged >= messageRateLimit) {
+    if (rate.leftOut++ == 0) rate.since = now;
+    return false;
+  }
+  ++rate.logged;
+  if (rate.leftOut != 0) {
+    const uint32_t leftOut = std::exchange(rate.leftOut, 0);
+    Emit(kLeftOutMessage, {Text(OmScalar<unsigned>(leftOut)), Text(OmScalar<unsigned>(n)),
+                           rate.since.AsRFC1123(), Text(OmScalar<unsigned>(messageRateLimit))});
+  }
+  return true;
 }
 
 // Replaces {1}..{9} in message n's text with the arguments and logs it.
@@ -286,10 +355,17 @@ void Emit(unsigned n, std::initializer_list<OmUniString> args) {
 // The text is built only when some log file takes the message.
 template <typename... Args>
 void Log(unsigned n, const Args&... args) {
-  if (Wanted(n) && OmLog::Current()->Admit(n)) Emit(n, {Text(args)...});
+  if (Wanted(n) && OmLog::Current()->Admit(n) && underRate(n)) Emit(n, {Text(args)...});
 }
 
 }  // namespace
+
+void setRequestCopyLimit(unsigned bytes) { requestCopyLimit = bytes; }
+
+void setMessageRateLimit(unsigned perSecond) {
+  messageRateLimit = perSecond;
+  for (MessageRate& rate : messageRates) rate = MessageRate();
+}
 
 void LogPropsNotFound(const OmUniString& a1) { Log(0, a1); }
 void LogPathNonExistant(const OmUniString& a1, const OmUniString& a2, const OmUniString& a3) { Log(1, a1, a2, a3); }
@@ -322,15 +398,15 @@ void LogRemoteAddressFail() { Log(26); }
 void LogNewConnection(const OmUniString& a1) { Log(27, a1); }
 void LogBindFailed(OmScalar<unsigned int> a1, const OmUniString& a2) { Log(28, a1, a2); }
 void LogListenFailed(OmScalar<unsigned int> a1, const OmUniString& a2) { Log(29, a1, a2); }
-void LogBadCommand(OmScalar<unsigned int> a1, const OmUniString& a2) { Log(30, a1, a2); }
+void LogBadCommand(OmScalar<unsigned int> a1, const OmUniString& a2) { Log(30, a1, RequestCopy{a2}); }
 void LogResponderBindFailed(const OmUniString& a1) { Log(31, a1); }
 void LogLoadPacketSent(const OmUniString& a1, const OmInetAddr& a2) { Log(32, a1, a2); }
 void LogLoadSent(OmScalar<unsigned int> a1, const OmUniString& a2) { Log(33, a1, a2); }
 void LogLoadPacketFail(const OmUniString& a1, const OmUniString& a2, const OmUniString& a3, OmScalar<unsigned int> a4) { Log(34, a1, a2, a3, a4); }
 void LogCommandMissing() { Log(35); }
 void LogSyntaxError(const OmUniString& a1, OmScalar<int> a2, const OmUniString& a3) { Log(36, a1, a2, a3); }
-void LogCommandText(const OmUniString& a1) { Log(37, a1); }
-void LogResponseText(const OmUniString& a1) { Log(38, a1); }
+void LogCommandText(const OmUniString& a1) { Log(37, RequestCopy{a1}); }
+void LogResponseText(const OmUniString& a1) { Log(38, RequestCopy{a1}); }
 void LogAttribSetFail(const OmUniString& a1, const OmUniString& a2) { Log(39, a1, a2); }
 void LogAttribSetSuccess(const OmUniString& a1, const OmUniString& a2) { Log(40, a1, a2); }
 void LogAttribGetFail(const OmUniString& a1) { Log(41, a1); }
@@ -356,3 +432,5 @@ void LogResponderIPv6Failed(const OmUniString& a1) { Log(61, a1); }
 void LogLoadCgroupUnreadable(const OmUniString& a1, const OmUniString& a2) { Log(62, a1, a2); }
 void LogLoadCgroupLost(const OmUniString& a1) { Log(63, a1); }
 void LogAgentCheckPressureDrain(OmScalar<unsigned int> a1) { Log(64, a1); }
+void LogUnsafeFile(const OmUniString& a1, const OmUniString& a2) { Log(65, a1, a2); }
+void LogLookUpLimit(const OmUniString& a1, const OmUniString& a2, OmScalar<unsigned int> a3) { Log(66, a1, a2, a3); }

@@ -14,8 +14,14 @@ struct MessageEntry {
   const char* format;    // {1}, {2}, ... stand for the arguments in order
 };
 
-inline constexpr unsigned kMessageCount = 65;
+inline constexpr unsigned kMessageCount = 68;
 extern const MessageEntry kMessageCatalogue[kMessageCount];
+
+// Bytes of a request or reply that its log copies keep; 0 keeps it whole.
+void setRequestCopyLimit(unsigned bytes);
+// Copies of one message logged a second at most; the rest are counted and
+// the count logged with the next copy written. 0: no limit.
+void setMessageRateLimit(unsigned perSecond);
 
 void LogPropsNotFound(const OmUniString& a1);
 void LogPathNonExistant(const OmUniString& a1, const OmUniString& a2, const OmUniString& a3);
@@ -84,5 +90,7 @@ void LogResponderIPv6Failed(const OmUniString& a1);
 void LogLoadCgroupUnreadable(const OmUniString& a1, const OmUniString& a2);
 void LogLoadCgroupLost(const OmUniString& a1);
 void LogAgentCheckPressureDrain(OmScalar<unsigned int> a1);
+void LogUnsafeFile(const OmUniString& a1, const OmUniString& a2);
+void LogLookUpLimit(const OmUniString& a1, const OmUniString& a2, OmScalar<unsigned int> a3);
 
 #endif  // QUELM_AGENT_MESSAGES_H_

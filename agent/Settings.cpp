@@ -100,6 +100,12 @@ constexpr SettingKey kSettingKeys[SettingKey::Count] = {
     {SettingKey::AgentCheckMaxRise, QUELM_KEY "agentcheckmaxrise", &Settings::agentCheckMaxRise, nullptr, 0, nullptr, 0, true, 100},
     {SettingKey::ProcessorCount, QUELM_KEY "processorcount", nullptr, &Settings::processorCount, 0, "", 0, true, 0, &isProcessorCount},
     {SettingKey::MemoryFromSystem, QUELM_KEY "memoryfromsystem", &Settings::memoryFromSystem, nullptr, 0, nullptr, 0, true, 1},
+    // Bounds on what one client can make the probe write, wait for or misread.
+    {SettingKey::LogRequestLimit, QUELM_KEY "logrequestlimit", &Settings::logRequestLimit, nullptr, 0, nullptr, 0, true, 1048576},
+    {SettingKey::LogRateLimit, QUELM_KEY "logratelimit", &Settings::logRateLimit, nullptr, 0, nullptr, 0, true, 1000000},
+    {SettingKey::StrictRequests, QUELM_KEY "strictrequests", &Settings::strictRequests, nullptr, 0, nullptr, 0, true, 1},
+    {SettingKey::ResolveLimit, QUELM_KEY "resolvelimit", &Settings::resolveLimit, nullptr, 0, nullptr, 0, true, 1024},
+    {SettingKey::ResolvePerClient, QUELM_KEY "resolveperclient", &Settings::resolvePerClient, nullptr, 0, nullptr, 0, true, 1024},
 };
 
 #undef QUELM_KEY

@@ -74,6 +74,13 @@ struct Settings {
   // file's: empty / 0 leave them as configured.
   OmUniString processorCount;  // a number, or "auto"
   uint32_t memoryFromSystem;   // 1: the memory maxima from the system or the cgroup
+  // What an attacker can still bend: the log's size, the look-ups, the
+  // numbers of a request. Each is off at its default.
+  uint32_t logRequestLimit;   // bytes of a request or reply a log copy keeps; 0: all
+  uint32_t logRateLimit;      // copies of one message logged a second; 0: all
+  uint32_t strictRequests;    // 1: a create's or kill's number must be a whole, fitting number
+  uint32_t resolveLimit;      // name look-ups at work at once, given-up ones included; 0: no bound
+  uint32_t resolvePerClient;  // of those, for one client address; 0: no bound
 
   Settings();
 
@@ -135,6 +142,11 @@ struct SettingKey {
     AgentCheckMaxRise,
     ProcessorCount,
     MemoryFromSystem,
+    LogRequestLimit,
+    LogRateLimit,
+    StrictRequests,
+    ResolveLimit,
+    ResolvePerClient,
     Count
   };
 

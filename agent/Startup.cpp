@@ -103,6 +103,8 @@ int probeMain(int argc, char** argv) {
   const Settings& settings = *mySettings;
   LogStarted();
   OmLog::SetFailureNotice(settings.logFailureNotice != 0);
+  setRequestCopyLimit(settings.logRequestLimit);
+  setMessageRateLimit(settings.logRateLimit);
 
   uint32_t machineVirtual = 0, machinePhys = 0;
   if (settings.memoryFromSystem != 0 && scopeMemory(settings, machineVirtual, machinePhys)) {

@@ -170,17 +170,39 @@ OmUniString& ParseCommand::doCommand(OmUniString& text) {
   return errorReply(errors.Str());
 }
 
+bool ParseCommand::readNumber(const OmUniString& text, unsigned max, unsigned& field) const {
+  if (!strict) {
+    field = text.AsUint32();
+    return true;
+  }
+  // The integer conversion would take 69980 as port 4444, 4294967297 as id 1
+  // and 7abc as 7: a hardened probe refuses what it would misread.
+  const unsigned long length = text.Length();
+  if (length == 0) return false;
+  uint64_t value = 0;
+  for (unsigned long i = 0; i < length; ++i) {
+    const auto unit = text.At(i);
+    if (unit < '0' || unit > '9') return false;
+    value = value * 10 + (unit - '0');
+    if (value > max) return false;
+  }
+  field = static_cast<unsigned>(value);
+  return true;
+}
+
 bool ParseCommand::requireNonZero(Quelm_LbsTransmission& transmission, const OmUniString& key,
-                                  unsigned& field, const OmUniString& error) {
+                                  unsigned& field, const OmUniString& error, unsigned max) {
   OmUniString value;
-  if (transmission.getAttributes().getByName(key, value)) field = value.AsUint32();
-  if (field != 0) return true;
+  bool ok = true;
+  if (transmission.getAttributes().getByName(key, value)) ok = readNumber(value, max, field);
+  if (ok && field != 0) return true;
   errors << error;
   return false;
 }
 
 bool ParseCommand::checkCreate(Quelm_LbsTransmission& transmission) {
   LbsAttributes& attributes = transmission.getAttributes();
+  strict = mySettings->strictRequests != 0;
   bool ok = true;
   if (!attributes.getByName(Quelm_LbsTransmission::KEY_HOST, host)) {
     errors << HOST_ERROR;
@@ -194,9 +216,8 @@ bool ParseCommand::checkCreate(Quelm_LbsTransmission& transmission) {
 
   // No change threshold at all is a valid wish.
   OmUniString value;
-  if (attributes.getByName(Quelm_LbsTransmission::KEY_PERCENTCHANGE, value)) {
-    percentchange = value.AsUint32();
-  } else {
+  if (!attributes.getByName(Quelm_LbsTransmission::KEY_PERCENTCHANGE, value) ||
+      !readNumber(value, UINT32_MAX, percentchange)) {
     errors << PERCENTCHANGE_ERROR;
     ok = false;
   }
@@ -209,6 +230,7 @@ bool ParseCommand::checkCreate(Quelm_LbsTransmission& transmission) {
 }
 
 bool ParseCommand::checkKill(Quelm_LbsTransmission& transmission) {
+  strict = mySettings->strictRequests != 0;
   return requireNonZero(transmission, Quelm_LbsTransmission::KEY_ID, id, ID_ERROR);
 }
 
@@ -217,7 +239,7 @@ bool ParseCommand::checkAdmin(Quelm_LbsTransmission& transmission) {
 }
 
 bool ParseCommand::checkPortAndSampling(Quelm_LbsTransmission& transmission) {
-  bool ok = requireNonZero(transmission, Quelm_LbsTransmission::KEY_PORT, port, PORT_ERROR);
+  bool ok = requireNonZero(transmission, Quelm_LbsTransmission::KEY_PORT, port, PORT_ERROR, 65535);
   ok = requireNonZero(transmission, Quelm_LbsTransmission::KEY_SAMPLERATE, samplerate,
                       SAMPLERATE_ERROR) &&
        ok;
@@ -296,7 +318,7 @@ OmUniString& ParseCommand::doCreateHost() {
   const Host* made =
       HostListMgr::addHost(host, port, samplerate, windowsize, replyfreq, percentchange, id,
                            version, mask, lateReply != nullptr ? &createdCallback : nullptr,
-                           &pending);
+                           &pending, client);
   if (pending) return replyText;  // empty until the look-up ends
   return createdReply(made != nullptr);
 }

@@ -1,6 +1,9 @@
 #ifndef QUELM_COMMAND_PARSECOMMAND_H_
 #define QUELM_COMMAND_PARSECOMMAND_H_
 
+#include <cstdint>
+#include <string>
+
 #include "foundation/event/OmCallback.h"
 #include "foundation/string/OmOSStream.h"
 #include "foundation/string/OmUniString.h"
@@ -99,6 +102,9 @@ class ParseCommand {
   void setLateReply(OmCallback<const OmUniString&>* cb) { lateReply = cb; }
   // doCommand returned no reply: it comes through the late-reply callback.
   bool isPending() const { return pending; }
+  // The address of the client that sent the request (its look-ups are
+  // counted against it); empty when unknown.
+  void setClient(const std::string& address) { client = address; }
 
  private:
   // The replies of the commands; only doCommand calls them, after every
@@ -117,7 +123,10 @@ class ParseCommand {
   bool checkPortAndSampling(Quelm_LbsTransmission& transmission);
   // Reads a number that must be present and non-zero into field.
   bool requireNonZero(Quelm_LbsTransmission& transmission, const OmUniString& key,
-                      unsigned& field, const OmUniString& error);
+                      unsigned& field, const OmUniString& error, unsigned max = UINT32_MAX);
+  // A create's or kill's number as field: read as the integer conversion
+  // reads it, or, with strict requests, only whole decimal digits up to max.
+  bool readNumber(const OmUniString& text, unsigned max, unsigned& field) const;
 
   void createdCB(OmCallback<Host*>* cb, Host* host);
   OmUniString& createdReply(bool created);
@@ -140,6 +149,8 @@ class ParseCommand {
   OmUniString replyText;  // the finished reply, returned by reference
   unsigned mask = 0;      // the stats a create asked for
   bool pending = false;
+  bool strict = false;  // the numbers of this create or kill must be whole and fit
+  std::string client;
   OmCallback<const OmUniString&>* lateReply = nullptr;
   OmSimpleCallback<Host*, ParseCommand> createdCallback{this, &ParseCommand::createdCB};
 };

@@ -1,6 +1,10 @@
 #include "command/RequestCircuit.h"
 
+#include <arpa/inet.h>
+#include <sys/socket.h>
+
 #include <cstring>
+#include <string>
 
 #include "agent/Counters.h"
 #include "agent/Messages.h"
@@ -15,6 +19,20 @@ namespace {
 // Request and reply bytes map one to one onto string units.
 OmUniString asText(const OmByteBuffer& bytes) {
   return OmUniString::CreateFrom(bytes, OmEncoding::LATIN1);
+}
+
+// The client's address as text, for bounding its name look-ups; empty when
+// the socket no longer knows it.
+std::string peerAddress(int fd) {
+  sockaddr_storage peer{};
+  socklen_t length = sizeof peer;
+  char text[INET6_ADDRSTRLEN] = "";
+  if (getpeername(fd, reinterpret_cast<sockaddr*>(&peer), &length) != 0) return std::string();
+  const void* address = peer.ss_family == AF_INET6
+                            ? static_cast<const void*>(&reinterpret_cast<sockaddr_in6*>(&peer)->sin6_addr)
+                            : static_cast<const void*>(&reinterpret_cast<sockaddr_in*>(&peer)->sin_addr);
+  if (inet_ntop(peer.ss_family, address, text, sizeof text) == nullptr) return std::string();
+  return text;
 }
 
 }  // namespace
@@ -129,6 +147,7 @@ void RequestCircuit::DispatchRequest(OmByteBuffer& request) {
   // not keep it, unless its reply waits for a look-up.
   auto parseCommand = std::make_unique<ParseCommand>();
   parseCommand->setLateReply(&lateReplyCallback);
+  parseCommand->setClient(peerAddress(files->readFile.Fd()));
   const OmUniString& reply = parseCommand->doCommand(text);
   if (parseCommand->isPending()) {
     // Nothing more is read: the request is whole, and the reply ends the

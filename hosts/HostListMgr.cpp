@@ -50,6 +50,7 @@ struct HostListMgr::PendingAdd {
 struct HostListMgr::Admission {
   Admission(OmEventLoop& loop, const Settings& settings)
       : resolver(loop, settings.resolveTimeout, settings.resolveCache) {
+    resolver.SetLimits(settings.resolveLimit, settings.resolvePerClient);
     allowed.Parse(settings.subscriberAllow);  // checked when the file was read
     resolver.AllowIPv6(settings.ipv6 != 0);
   }
@@ -106,7 +107,7 @@ void HostListMgr::regularTimeoutCB(OmEventCallback*, OmEvent::cbdispatch reason)
 Host* HostListMgr::addHost(const OmUniString& name, unsigned port, unsigned sampleRateMs,
                            unsigned windowSize, unsigned replyFrequencyMs, unsigned percentChange,
                            unsigned id, const OmUniString& text, unsigned flags,
-                           AddHostCallback* done, bool* pending) {
+                           AddHostCallback* done, bool* pending, const std::string& client) {
   if (pending != nullptr) *pending = false;
   // A subscription is never renewed, nor asked for twice at once.
   if (HostList.Find(id) != nullptr || isPending(id)) return nullptr;
@@ -117,7 +118,11 @@ Host* HostListMgr::addHost(const OmUniString& name, unsigned port, unsigned samp
   OmResolver::Answer answer;
   if (admission().resolver.Resolve(name.AsUtf8(), answer,
                                    done != nullptr ? &wish->resolvedCallback : nullptr,
-                                   &wish->request)) {
+                                   &wish->request, client)) {
+    if (answer.limited != 0) {
+      LogLookUpLimit(name, OmUniString::FromUtf8(client), static_cast<unsigned>(answer.limited));
+      return nullptr;
+    }
     return admit(*wish, answer);
   }
   wish->done = done;

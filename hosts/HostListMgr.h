@@ -27,11 +27,12 @@ class HostListMgr {
   // unresolvable or not allowed, or construction failed. With done, a name
   // whose look-up runs in the background sets *pending and returns null;
   // done is dispatched with the outcome later. Without done, the look-up
-  // waits in place.
+  // waits in place. client (the requester's address) bounds its look-ups.
   static Host* addHost(const OmUniString& name, unsigned port, unsigned sampleRateMs,
                        unsigned windowSize, unsigned replyFrequencyMs, unsigned percentChange,
                        unsigned id, const OmUniString& text, unsigned flags,
-                       AddHostCallback* done = nullptr, bool* pending = nullptr);
+                       AddHostCallback* done = nullptr, bool* pending = nullptr,
+                       const std::string& client = std::string());
   // done is going away: its add goes on, unheard.
   static void forgetAddHost(AddHostCallback* done);
   static size_t getPendingCount() { return pendingAdds.size(); }

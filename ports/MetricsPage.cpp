@@ -180,6 +180,11 @@ ReplyListener::Service::Verdict MetricsPage::serve(const OmByteBuffer& received,
     if (!wellFormed) {
       ++probeCounters.metricsBadRequests;
       answer = response("400 Bad Request", "", "Bad Request\n", true);
+    } else if (headEnd != std::string_view::npos &&
+               headEnd + (text[headEnd + 1] == '\r' ? 3 : 2) > MAXHEAD) {
+      // Over the bound however it arrived: in one read or in several.
+      ++probeCounters.metricsBadRequests;
+      answer = response("431 Request Header Fields Too Large", "", "Request Header Fields Too Large\n", true);
     } else if (headEnd != std::string_view::npos) {
       const std::string_view method = line.substr(0, s1);
       std::string_view target = line.substr(s1 + 1, s2 - s1 - 1);

@@ -18,7 +18,10 @@
 #   - idle footprint with a fast fake measuring tool and with real vmstat;
 #   - connection floods: idle connections, a connection burst, clients that
 #     close or reset before the reply; and, in a private network namespace
-#     with an Ethernet-sized MTU, large replies to slow or vanishing clients.
+#     with an Ethernet-sized MTU, large replies to slow or vanishing clients;
+#   - name look-ups (as root, in a network namespace of their own): the C
+#     library's getaddrinfo_a against queries sent from the loop, alone and
+#     after 24 look-ups that a silent name server never answers.
 # Everything talks to 127.0.0.1 only; every run is bounded in time or count.
 # Takes about 12 minutes on 2 cores (plus the builds). LOAD_SECONDS,
 # IDLE_SECONDS, FANOUT_SECONDS, FLOOD_SECONDS and SUSTAIN_SECONDS shorten
@@ -415,6 +418,14 @@ else
   row "MTU 1500 cases" "skipped" "needs unshare -n (root)"
 fi
 
+# --- 6. Name look-ups: the C library's thread pool against queries from the loop ----
+echo "name look-ups..." >&2
+while IFS= read -r line; do
+  row "2,000 look-ups by $(value method "$line"), $(value silent_first "$line") silent first" \
+    "$(value answered "$line") answered" \
+    "$(value wall_s "$line") s, $(value cpu_us_per_lookup "$line") µs CPU each, slowest \
+$(value slowest_ms "$line") ms, up to $(value peak_threads "$line") threads"
+done < <("$root/build-bench-tools/quelmresolver" 2000 24 2>/dev/null || true)
 fi  # BENCH_ONLY
 
 # --- Table ---------------------------------------------------------------------------

@@ -15,6 +15,7 @@
 #include <string>
 
 #include "foundation/string/OmEnv.h"
+#include "foundation/string/OmFile.h"
 #include "foundation/string/OmTimeVal.h"
 
 namespace {
@@ -163,15 +164,19 @@ bool OpenFile(CsLogFile& file) {
   WritePending(file);
   file.stream.reset();
   std::string path = ResolvedPath(file.pattern).AsUtf8();
-  FILE* f = fopen(path.c_str(), "a");
+  // The log folder may be one other users can write to: a link or a file
+  // they planted there is not written through. The measuring tool must not
+  // inherit log descriptors, and logs are private.
+  std::string why;
+  const int fd = OmFile::OpenOwnFile(path.c_str(), O_WRONLY | O_APPEND | O_CREAT, 0600, why);
+  FILE* f = fd >= 0 ? fdopen(fd, "a") : nullptr;
   if (f == nullptr) {
+    if (fd >= 0) close(fd);
     fprintf(stderr, "%s Failed to open file \"%s\" for error/log output.\n", kProduct, path.c_str());
+    if (!why.empty()) fprintf(stderr, "%s The file \"%s\" is not written: %s.\n", kProduct, path.c_str(), why.c_str());
     fflush(stderr);
     return false;
   }
-  // The measuring tool must not inherit log descriptors, and logs are private.
-  int fd = fileno(f);
-  fcntl(fd, F_SETFD, fcntl(fd, F_GETFD) | FD_CLOEXEC);
   fchmod(fd, 0600);
   file.stream.reset(f);
   return true;

@@ -16,6 +16,7 @@ struct OmResolver::Request {
       : name(hostName), done(whenDone), timeoutCallback(resolver, &OmResolver::timeoutCB, this) {}
   // The C library reads name, hints and block until its work on them is over.
   std::string name;
+  std::string client;
   addrinfo hints{};
   gaicb block{};
   sigevent event{};
@@ -142,16 +143,33 @@ OmResolver::Answer OmResolver::LookUpNow(const std::string& name, bool ipv6) {
   return answer;
 }
 
+size_t OmResolver::Busy(const std::string& client) const {
+  const auto isClients = [&client](const std::unique_ptr<Request>& r) { return r->client == client; };
+  return static_cast<size_t>(std::count_if(running_.begin(), running_.end(), isClients) +
+                             std::count_if(abandoned_.begin(), abandoned_.end(), isClients));
+}
+
 bool OmResolver::Resolve(const std::string& name, Answer& answer, Callback* done,
-                         Request** request) {
+                         Request** request, const std::string& client) {
   if (ReadNumeric(name, answer, ipv6_) || recall(name, answer)) return true;
   if (timeoutSeconds_ == 0 || done == nullptr || wakePipe().readFd < 0) {
     answer = LookUpNow(name, ipv6_);
     if (answer.found) keep(name, answer.address);
     return true;
   }
+  // Past a bound the look-up is refused at once rather than queued behind
+  // threads that a silent name server holds.
+  const size_t total = Busy();
+  const size_t mine = clientLimit_ != 0 ? Busy(client) : 0;
+  if ((totalLimit_ != 0 && total >= totalLimit_) || (clientLimit_ != 0 && mine >= clientLimit_)) {
+    answer = Answer();
+    answer.failure = TRY_AGAIN;
+    answer.limited = totalLimit_ != 0 && total >= totalLimit_ ? total : mine;
+    return true;
+  }
 
   auto r = std::make_unique<Request>(this, name, done);
+  r->client = client;
   r->hints.ai_family = ipv6_ ? AF_UNSPEC : AF_INET;
   r->hints.ai_socktype = SOCK_DGRAM;  // one entry per address
   r->block.ar_name = r->name.c_str();

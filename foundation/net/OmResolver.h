@@ -30,6 +30,9 @@ class OmResolver {
     bool found = false;
     OmInetAddr address;  // port 0
     int failure = 0;  // as h_errno: HOST_NOT_FOUND, TRY_AGAIN, NO_RECOVERY, NO_DATA
+    // Not looked up: this many look-ups were at work already (for the client
+    // or in all); failure is TRY_AGAIN.
+    size_t limited = 0;
   };
   using Callback = OmCallback<const Answer&>;
   struct Request;
@@ -48,7 +51,20 @@ class OmResolver {
   // True with the answer filled in when no waiting is needed. Otherwise a
   // look-up is under way: done is dispatched once from the loop, unless
   // Cancel comes first, and *request names the look-up until then.
-  bool Resolve(const std::string& name, Answer& answer, Callback* done, Request** request);
+  // client names whom the look-up is for; their look-ups are bounded together.
+  bool Resolve(const std::string& name, Answer& answer, Callback* done, Request** request,
+               const std::string& client = std::string());
+  // Bounds the background look-ups at work at once, in all and for one
+  // client; 0 leaves a bound off. Given-up look-ups count until the C
+  // library's thread is done with them: its pool of threads is what a name
+  // server that never answers would otherwise use up.
+  void SetLimits(size_t total, size_t perClient) {
+    totalLimit_ = total;
+    clientLimit_ = perClient;
+  }
+  // Background look-ups holding a thread of the C library: all, or one client's.
+  size_t Busy() const { return running_.size() + abandoned_.size(); }
+  size_t Busy(const std::string& client) const;
   // done is not dispatched; the look-up itself may run on unseen.
   void Cancel(Request* request);
   size_t Running() const { return running_.size(); }
@@ -86,6 +102,8 @@ class OmResolver {
   OmSimpleCallback<OmEvent::cbdispatch, OmResolver> wakeCallback_;
   bool wakeRegistered_ = false;
   bool ipv6_ = false;
+  size_t totalLimit_ = 0;
+  size_t clientLimit_ = 0;
 };
 
 #endif  // QUELM_FOUNDATION_NET_OMRESOLVER_H_

@@ -50,7 +50,8 @@ OmProperties::OmProperties() : table_(4, 0) {}
 
 bool OmProperties::Load(const OmUniString& path, const OmCodeset* codeset) {
   OmByteBuffer bytes;
-  if (!OmFile::ReadFile(path.AsUtf8().c_str(), bytes)) return false;
+  // A FIFO or device (/dev/zero) as the file would hang or bloat start-up.
+  if (!OmFile::ReadFile(path.AsUtf8().c_str(), bytes, kMaxFileBytes)) return false;
   badLine_ = 0;
   if (codeset == nullptr) {
     OmUniString text = OmUniString::CreateFrom(bytes, OmEncoding::USASCII);

@@ -21,6 +21,8 @@ class OmProperties {
   // Without a codeset the bytes are read as US-ASCII, leniently. With one
   // they are read strictly: a line that is not valid in it is skipped, and
   // BadLine() tells the first such line (comments aside).
+  // Only a regular file of at most kMaxFileBytes is read.
+  static constexpr unsigned long kMaxFileBytes = 1UL << 20;
   bool Load(const OmUniString& path, const OmCodeset* codeset = nullptr);
   // The first line (from 1) the last Load skipped as malformed; 0 for none.
   unsigned long BadLine() const { return badLine_; }

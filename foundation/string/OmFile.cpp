@@ -308,6 +308,56 @@ bool OmFile::ReadFile(const char* path, OmByteBuffer& out) {
   return true;
 }
 
+bool OmFile::ReadFile(const char* path, OmByteBuffer& out, unsigned long maxBytes) {
+  // Non-blocking: opening a FIFO for reading would wait for a writer.
+  OmFile file;
+  if (!file.Open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC)) return false;
+  struct stat st;
+  if (fstat(file.Fd(), &st) != 0 || !S_ISREG(st.st_mode) ||
+      static_cast<unsigned long long>(st.st_size) > maxBytes) {
+    return false;
+  }
+  OmByteBuffer data;
+  data.Reserve(maxBytes + 1);
+  data.SetLength(maxBytes + 1);
+  unsigned long have = 0;
+  // One byte over the bound tells a file that grew since fstat.
+  while (have <= maxBytes) {
+    const ssize_t n = ::read(file.Fd(), data.MutableData() + have, maxBytes + 1 - have);
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) return false;
+    if (n == 0) break;
+    have += static_cast<unsigned long>(n);
+  }
+  if (have > maxBytes) return false;
+  data.SetLength(have);
+  out = data;
+  return true;
+}
+
+int OmFile::OpenOwnFile(const char* path, int flags, int mode, std::string& why) {
+  // Non-blocking so that opening a FIFO does not wait; the flag is dropped
+  // once the file is known to be regular.
+  why.clear();
+  const int fd = ::open(path, flags | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, mode);
+  if (fd < 0) {
+    if (errno == ELOOP) why = "it is a symbolic link";
+    if (errno == ENXIO) why = "it is not a regular file";  // a FIFO no one reads
+    return -1;
+  }
+  struct stat st;
+  if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+    why = "it is not a regular file";
+  } else if (st.st_uid != geteuid()) {
+    why = "it belongs to user " + std::to_string(st.st_uid);
+  } else {
+    fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) & ~O_NONBLOCK);
+    return fd;
+  }
+  ::close(fd);
+  return -1;
+}
+
 bool OmFile::WriteFile(const char* path, const OmByteBuffer& data) {
   OmFile file;
   if (!file.Open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644)) return false;

@@ -3,6 +3,8 @@
 
 #include <cstdint>
 
+#include <string>
+
 #include "foundation/string/OmByteBuffer.h"
 #include "foundation/string/OmError.h"
 #include "foundation/string/OmUniString.h"
@@ -62,6 +64,14 @@ class OmFile {
   static bool IsSubdir(const OmUniString& parent, const OmUniString& child);
   static OmUniString GeneratePrintableName(const char* name);
   static bool ReadFile(const char* path, OmByteBuffer& out);
+  // Reads a regular file of at most maxBytes; anything else (a FIFO, a device,
+  // a larger file) is not read and gives false.
+  static bool ReadFile(const char* path, OmByteBuffer& out, unsigned long maxBytes);
+  // Opens (flags may hold O_CREAT) a file this process owns: never through a
+  // symbolic link, never a FIFO or device, never one another user owns. The
+  // open descriptor, or -1: then why says what was found instead, or is
+  // empty when the open itself failed (errno tells).
+  static int OpenOwnFile(const char* path, int flags, int mode, std::string& why);
   static bool WriteFile(const char* path, const OmByteBuffer& data);
 
  protected:

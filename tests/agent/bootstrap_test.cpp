@@ -1,6 +1,7 @@
 // Configuration: defaults, checks and the messages that name them.
 #include "agent/Bootstrap.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -64,6 +65,22 @@ TEST_F(BootstrapTest, MissingFileGivesAllDefaultsAndOneMessage) {
   EXPECT_EQ(log.find("quelmloadprobe/initialize/error"), log.rfind("quelmloadprobe/initialize"));
   EXPECT_NE(log.find("The properties file " + path + " was not found."), std::string::npos);
   EXPECT_FALSE(std::filesystem::exists(path));
+}
+
+// What is not a regular file of at most 1 MiB is not read (no hang on a
+// FIFO, no growth on /dev/zero): the missing-file message and the defaults.
+TEST_F(BootstrapTest, UnreadablePropertiesFilesGiveDefaults) {
+  const std::string path = dir + "/quelmloadbalancing.properties";
+  for (int kind = 0; kind < 3; ++kind) {  // a FIFO, /dev/zero, 1 MiB and more
+    std::filesystem::remove(path);
+    kind == 0 ? (void)mkfifo(path.c_str(), 0600) : kind == 1 ? std::filesystem::create_symlink("/dev/zero", path)
+                                                             : Write("port=4444\n#" + std::string(1 << 20, 'x'));
+    Bootstrap b(OmUniString(dir.c_str()), 1);
+    EXPECT_EQ(b.settings().port, 3579u);
+    EXPECT_NE(Log().find("The properties file " + path + " was not found."), std::string::npos);
+    delete std::exchange(bootLogger, nullptr);
+    std::filesystem::remove(logBase + "log");
+  }
 }
 
 TEST_F(BootstrapTest, EmptyDirectoryGivesDefaultsWithoutLogging) {

@@ -44,11 +44,20 @@ void Clients(int n, const std::function<void(int)>& client) {  // 8 at a time
   for (int t = 0; t < 8; ++t) threads.emplace_back([&, t] { for (int i = t; i < n; i += 8) client(i); });
 }
 
+std::string Create(const std::string& port, const std::string& id) {
+  return "<znalbreq type=\"create\"><host>127.0.0.1</host><port>" + port + "</port><samplerate>5"
+         "</samplerate><windowsize>3</windowsize><replyfreq>600000</replyfreq><percentchange>100</percentchange>"
+         "<stat>cpu</stat><id>" + id + "</id><version>1.0</version></znalbreq>";
+}
+
+const std::string kVictim = "precious\n";  // a file planted links point at
+
 const struct Attack {
   const char* name;
   std::string tool;
   int fileLimit, hosts;
   std::function<void(ProbeRunner&)> run;  // returns when the attackers have left
+  std::function<void(ProbeRunner&)> plant = nullptr;  // before the probe starts
 } kAttacks[] = {
     // Half close at once (the reply then meets a closed peer), half reset.
     {"reset storm during large replies", kSample + "exec sleep 600\n", 0, kStormHosts, [](ProbeRunner& p) {
@@ -76,7 +85,42 @@ const struct Attack {
        const double cpu = ReadProcSample(p.pid()).cpuSeconds;  // until the probe has read for a while
        Eventually([&] { return ReadProcSample(p.pid()).cpuSeconds > cpu + 3; });
      }},
-    // (iv) a resolver that never answers
+    // (iv) a resolver that never answers: resolver_test.cpp (a network of its own)
+    // 1 MiB requests, 4 clients for 3 s: each logged copy is cut at logrequestlimit.
+    {"requests of 1 MiB", kSample + "exec sleep 600\n", 0, 10, [](ProbeRunner& p) {
+       const std::string huge(1 << 20, ',');
+       const auto until = std::chrono::steady_clock::now() + 3s;
+       Clients(4, [&](int) {
+         while (std::chrono::steady_clock::now() < until) {
+           const int fd = Connect(p.port());
+           (void)!write(fd, huge.data(), huge.size());  // the probe closes after 512 bytes
+           close(fd);
+         }
+       });
+       EXPECT_TRUE(std::regex_search(p.Log(), std::regex("Request is \\[ ,{256}\\.\\.\\. \\(\\d+ bytes in all\\) \\]")));
+       EXPECT_TRUE(p.WaitForLog(" messages number 30 were left out of the log since "));
+     }},
+    // Numbers that wrap: port 69980 would be 4444, id 4294967297 (or -4294967295) would be 1.
+    {"numbers past their fields", kSample + "exec sleep 600\n", 0, 10, [](ProbeRunner& p) {
+       const std::string kill = "<znalbreq type=\"kill\"><version>1.0</version><id>";
+       for (const std::string& request : {Create("69980", "99"), Create("9", "4294967297"), Create("9", "7abc"),
+                                          kill + "4294967297</id></znalbreq>", kill + "-4294967295</id></znalbreq>"}) {
+         EXPECT_NE(SendRequest(p.port(), request).find("<error>get /Error parsing "), std::string::npos) << request;
+       }
+     }},
+    // Links planted in the pid and log folders at a file the probe must not touch:
+    // the pid file before start, the log file as a rotation would leave it.
+    {"planted links to a root file", kSample + "exec sleep 600\n", 0, 10, [](ProbeRunner& p) {
+       EXPECT_TRUE(p.WaitForLog("quelmloadprobe.pid was not opened: it is a symbolic link."));
+       fs::rename(p.LogPath(), p.LogPath() + ".1");
+       fs::create_symlink(p.dir() + "/victim", p.LogPath());
+       p.Signal(SIGHUP);
+       EXPECT_TRUE(Eventually([&] { return p.ReadFile(p.dir() + "/stderr.txt").find("is a symbolic link") != std::string::npos; }));
+       fs::remove(p.LogPath());
+     }, [](ProbeRunner& p) {
+       ProbeRunner::WriteFile(p.dir() + "/victim", kVictim);
+       fs::create_symlink(p.dir() + "/victim", p.PidFilePath());
+     }},
 };
 
 class AttackTest : public ::testing::TestWithParam<int> {};
@@ -85,13 +129,11 @@ TEST_P(AttackTest, ThePackagedProbeSurvivesWithNothingLost) {
   const Attack& attack = kAttacks[GetParam()];
   SCOPED_TRACE(attack.name);
   ProbeRunner probe;
-  probe.UsePackaged(), probe.SetTool(attack.tool), probe.LimitFiles(attack.fileLimit), probe.Start();
+  probe.UsePackaged(), probe.SetTool(attack.tool), probe.LimitFiles(attack.fileLimit);
+  if (attack.plant) attack.plant(probe);
+  probe.Start();
   ASSERT_TRUE(probe.WaitUntilPolling());
-  Clients(attack.hosts, [&](int i) {
-    SendRequest(probe.port(), "<znalbreq type=\"create\"><host>127.0.0.1</host><port>9</port><samplerate>5"
-                "</samplerate><windowsize>3</windowsize><replyfreq>600000</replyfreq><percentchange>100</percentchange>"
-                "<stat>cpu</stat><id>" + std::to_string(i + 1) + "</id><version>1.0</version></znalbreq>");
-  });
+  Clients(attack.hosts, [&](int i) { SendRequest(probe.port(), Create("9", std::to_string(i + 1))); });
   ASSERT_EQ(Hosts(probe.port()), attack.hosts);
   const int idle = Sockets(probe.pid());
   attack.run(probe);
@@ -99,6 +141,7 @@ TEST_P(AttackTest, ThePackagedProbeSurvivesWithNothingLost) {
   EXPECT_LT(ReadProcSample(probe.pid()).hwmKiB, kMaxPeakKiB);
   EXPECT_LT(FolderBytes(probe.dir() + "/logs"), 1 << 20);
   EXPECT_EQ(probe.Stop(SIGTERM), 92);
+  EXPECT_EQ(ProbeRunner::ReadFile(probe.dir() + "/victim"), attack.plant ? kVictim : "");
 }
 
 INSTANTIATE_TEST_SUITE_P(Table, AttackTest, ::testing::Range(0, int(std::size(kAttacks))));

@@ -102,6 +102,9 @@ TEST(ReplyPortsTest, HaproxyWeighsAndDrainsByTheProbeAndPromtoolReadsItsPage) {
   EXPECT_EQ(SendRequest(metricsPort, "POST /metrics HTTP/1.1\r\n\r\n").substr(0, 12), "HTTP/1.1 405");
   EXPECT_EQ(SendRequest(metricsPort, "\x16\x03\x01 hello\n").substr(0, 12), "HTTP/1.1 400");
   EXPECT_EQ(SendRequest(metricsPort, std::string(5000, 'G')).substr(0, 12), "HTTP/1.1 431");
+  // Complete, and in one read: still over the bound.
+  EXPECT_EQ(SendRequest(metricsPort, "GET /metrics HTTP/1.1\r\nX: " + std::string(5000, 'x') + "\r\n\r\n")
+                .substr(0, 12), "HTTP/1.1 431");
   EXPECT_EQ(SendRequest(agentPort, "agent-send text\n"), "ready 70%\n");
   // A client that clientallow does not name is closed unanswered.
   const Output refused = Shell("curl -s --interface 127.0.0.2 " + url + "/metrics; echo \" $?\"; "
