@@ -14,7 +14,7 @@ struct MessageEntry {
   const char* format;    // {1}, {2}, ... stand for the arguments in order
 };
 
-inline constexpr unsigned kMessageCount = 61;
+inline constexpr unsigned kMessageCount = 67;
 extern const MessageEntry kMessageCatalogue[kMessageCount];
 
 void LogPropsNotFound(const OmUniString& a1);
@@ -79,5 +79,13 @@ void LogSubscriberLimit(OmScalar<unsigned int> a1);
 void LogReplyPortFailed(const OmUniString& a1, const OmUniString& a2, const OmUniString& a3);
 void LogAgentCheckDrain(OmScalar<unsigned int> a1, OmScalar<unsigned int> a2);
 void LogAgentCheckReady(OmScalar<unsigned int> a1, OmScalar<unsigned int> a2);
+
+// Restarts: the state file, the speed child and the service manager.
+void LogStateFileUnreadable(const OmUniString& a1, const OmUniString& a2);
+void LogStateFileDamaged(const OmUniString& a1, OmScalar<unsigned int> a2, OmScalar<unsigned int> a3);
+void LogStateFileWriteFailed(const OmUniString& a1, const OmUniString& a2);
+void LogStateRestored(OmScalar<unsigned int> a1, const OmUniString& a2, OmScalar<unsigned int> a3, OmScalar<unsigned int> a4);
+void LogSpeedChildFailed(const OmUniString& a1);
+void LogNotifyFailed(const OmUniString& a1, const OmUniString& a2);
 
 #endif  // QUELM_AGENT_MESSAGES_H_

@@ -74,6 +74,11 @@ const SettingKey kSettingKeys[SettingKey::Count] = {
     {QUELM_KEY "metricsport", &Settings::metricsPort, nullptr, 0, nullptr, 0, true, 65535},
     // Loopback: the page is unauthenticated, so reaching it from elsewhere is a choice.
     {QUELM_KEY "metricsaddress", nullptr, &Settings::metricsAddress, 0, "127.0.0.1", 0, true, 0, &isAddress},
+    // Restarts, upgrades and crashes, each off by default.
+    {QUELM_KEY "statefile", nullptr, &Settings::stateFile, 0, "", 0, true, 0},
+    {QUELM_KEY "systemd", &Settings::systemd, nullptr, 0, nullptr, 0, true, 1},
+    {QUELM_KEY "speedestimatechild", &Settings::speedEstimateChild, nullptr, 0, nullptr, 0, true, 1},
+    {QUELM_KEY "earlysignals", &Settings::earlySignals, nullptr, 0, nullptr, 0, true, 1},
 };
 
 #undef QUELM_KEY

@@ -59,6 +59,11 @@ struct Settings {
   uint32_t agentCheckDrainMemory;   // percent free virtual memory below which it is drain
   uint32_t metricsPort;
   OmUniString metricsAddress;
+  // Restarts, upgrades and crashes; each off by default.
+  OmUniString stateFile;        // subscriptions kept here across restarts; empty: none
+  uint32_t systemd;             // 1: passed sockets, notifications and journal lines
+  uint32_t speedEstimateChild;  // 1: recalculations run in a child, the loop never waits
+  uint32_t earlySignals;        // 1: a stop during start-up is kept, not dropped
 
   Settings();
 
@@ -110,6 +115,10 @@ struct SettingKey {
     AgentCheckDrainMemory,
     MetricsPort,
     MetricsAddress,
+    StateFile,
+    Systemd,
+    SpeedEstimateChild,
+    EarlySignals,
     Count
   };
 

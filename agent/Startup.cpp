@@ -18,6 +18,7 @@
 #include "foundation/process/OmUnixProcess.h"
 #include "hosts/HostListMgr.h"
 #include "hosts/Responder.h"
+#include "hosts/StateFile.h"
 #include "measure/BaseFilter.h"
 #include "measure/Bogomips.h"
 #include "measure/Cache.h"
@@ -105,6 +106,10 @@ int probeMain(int argc, char** argv) {
   // Measured again now that the process is set up.
   myBogomips->calculate();
   myChildManager->forkChild();
+  // Before the port opens: no create or kill can race the restore.
+  if (settings.stateFile.Length() != 0) {
+    HostListMgr::restoreState(new StateFile(settings.stateFile.AsUtf8()));
+  }
 
   // Deliberately no processExit here: nothing has been announced yet, and no
   // pid file exists.

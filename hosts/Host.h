@@ -57,6 +57,10 @@ class Host final : private Responder::SentCB {
   // Counts the sends that changed some host's last values above.
   static uint64_t sendRevision() { return sends; }
   const OmTimeVal& getNextSendTime() const { return nextSendTime; }
+  const OmUniString& getText() const { return text; }
+  const OmTimeVal& getExpiryTime() const { return expiryTime; }
+  // A subscription restored after a restart keeps the lifetime it had left.
+  void setExpiryTime(const OmTimeVal& when) { expiryTime = when; }
   unsigned getCacheEntries() const { return cacheEntries; }
 
  private:
