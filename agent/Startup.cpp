@@ -9,12 +9,14 @@
 #include "agent/ProcessExit.h"
 #include "agent/RunAs.h"
 #include "agent/Settings.h"
+#include "agent/SystemdNotifier.h"
 #include "command/AgentCheck.h"
 #include "command/Listener.h"
 #include "command/MetricsPage.h"
 #include "command/ReplyListener.h"
 #include "foundation/event/OmEventLoop.h"
 #include "foundation/log/OmLog.h"
+#include "foundation/net/OmSystemd.h"
 #include "foundation/process/OmUnixProcess.h"
 #include "hosts/HostListMgr.h"
 #include "hosts/Responder.h"
@@ -75,6 +77,13 @@ void startReplyPorts(const Settings& settings, const Listener::Options& limits) 
   }
 }
 
+// From here on a stop, interrupt or hang-up is recorded, not dropped; the
+// loop acts on it at its first turn, once start-up is done.
+void keepEarlySignals() {
+  for (const int sig : {SIGINT, SIGTERM, SIGHUP}) signal(sig, had_a_signal);
+  OmUnixProcess::StartSignals();
+}
+
 }  // namespace
 
 int probeMain(int argc, char** argv) {
@@ -92,6 +101,13 @@ int probeMain(int argc, char** argv) {
   const Settings& settings = *mySettings;
   LogStarted();
   OmLog::SetFailureNotice(settings.logFailureNotice != 0);
+  if (settings.earlySignals != 0) keepEarlySignals();
+  if (settings.systemd != 0) {
+    OmLog::SetJournalLines(true);
+    OmSystemd::AcceptPassedSockets();
+    mySystemdNotifier = new SystemdNotifier(eventloop);
+    mySystemdNotifier->catchReloadStart();
+  }
 
   myBogomips = new Bogomips(myBootstrap->getProcessors(), settings.multiProcessorFactor);
   myCache = new Cache(settings.minCacheSize, settings.maxVirtualMemory, settings.maxPhysMemory);
@@ -103,6 +119,7 @@ int probeMain(int argc, char** argv) {
   myResponder->batchWith(eventloop);
 
   myChildManager = new ChildManager(eventloop, myFilter, &HostListMgr::percentChangeCheck);
+  if (mySystemdNotifier != nullptr) mySystemdNotifier->catchReloadEnd();
   // Measured again now that the process is set up.
   myBogomips->calculate();
   myChildManager->forkChild();
@@ -124,5 +141,6 @@ int probeMain(int argc, char** argv) {
   static OmStaticCallback<OmEvent::cbdispatch> flushLogsCallback(&flushLogsCB);
   OmLog::SetCollecting(true);
   eventloop.SetBeforeSleep(&flushLogsCallback);
+  if (mySystemdNotifier != nullptr) mySystemdNotifier->readyAtLoopStart();
   processExit(eventloop.EnterEventLoop());
 }

@@ -12,6 +12,7 @@
 #include "foundation/event/OmEventLoop.h"
 #include "foundation/net/OmInetAddr.h"
 #include "foundation/net/OmSocketAddress.h"
+#include "foundation/net/OmSystemd.h"
 
 Listener::Listener(OmEventLoop& l)
     : loop(l),
@@ -57,7 +58,9 @@ bool Listener::startListeningSocket(int port) {
   listenFd = -1;
   OmInetAddr address = OmInetAddr::AddressAny();
   address.Port(static_cast<unsigned>(port));
-  if (!socket.Bind(OmSocketAddress(address), OmSocket::Stream, true, 0, false)) {
+  // A socket the service manager passed for this port is taken instead.
+  if (!OmSystemd::TakeListener(socket, static_cast<unsigned>(port)) &&
+      !socket.Bind(OmSocketAddress(address), OmSocket::Stream, true, 0, false)) {
     LogBindFailed(static_cast<unsigned>(port), socket.LastError().Reason());
     return false;
   }

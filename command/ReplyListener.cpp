@@ -12,6 +12,7 @@
 #include "foundation/event/OmEventLoop.h"
 #include "foundation/net/OmByteCircuit.h"
 #include "foundation/net/OmSocketAddress.h"
+#include "foundation/net/OmSystemd.h"
 #include "foundation/string/OmFile.h"
 
 // One connection of a ReplyListener. The answer goes out through a duplicate
@@ -141,7 +142,9 @@ ReplyListener::~ReplyListener() {
 bool ReplyListener::start(const OmInetAddr& address, const Listener::Options& o) {
   options = o;
   if (options.requestTimeout != 0) lifetime = options.requestTimeout;
-  const bool ok = socket.Bind(OmSocketAddress(address), OmSocket::Stream, true, 0, false) &&
+  // A socket the service manager passed for this port is taken instead.
+  const bool ok = (OmSystemd::TakeListener(socket, address.GetPort()) ||
+                   socket.Bind(OmSocketAddress(address), OmSocket::Stream, true, 0, false)) &&
                   socket.Listen(options.backlog == 0 ? SOMAXCONN : options.backlog);
   if (!ok) {
     LogReplyPortFailed(OmUniString(name), address.AsString(true), socket.LastError().Reason());

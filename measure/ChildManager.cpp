@@ -30,7 +30,13 @@ ChildManager::ChildManager(OmEventLoop& l, BaseFilter* f, RunObserver observer)
       sigintCallback(this, &ChildManager::signalCB, SIGINT),
       sigpipeCallback(this, &ChildManager::signalCB, SIGPIPE),
       startCallback(this, &ChildManager::startCB),
-      stallCallback(this, &ChildManager::stallCB) {
+      stallCallback(this, &ChildManager::stallCB),
+      speedCallback(this, &ChildManager::speedCB) {
+  // Start-up's own estimates are the first: the interval counts from them.
+  if (mySettings->speedEstimateChild != 0) {
+    recalculated = true;
+    lastRecalc = OmTimeVal::now();
+  }
   buildArgv();
   setSampleRateAndWindowSize(mySettings->sampleRate, mySettings->windowSize);
 
@@ -258,11 +264,7 @@ void ChildManager::afterRun() {
   if (idle >= 0) {
     // A nearly idle machine gives a true speed figure. The estimate costs
     // about a second of processor time, during which the loop waits.
-    if (idle > 94 && speedRecalcDue()) {
-      myBogomips->calculate();
-      LogSpeedRecalculated(idle, static_cast<int>(myBogomips->getCurrent()),
-                           static_cast<int>(myBogomips->getBogomips()));
-    }
+    if (idle > 94 && speedRecalcDue()) recalculateSpeed();
     runObserver(static_cast<unsigned>(idle));
   }
   filter->resetFilter();
@@ -347,6 +349,26 @@ bool ChildManager::speedRecalcDue() {
   recalculated = true;
   lastRecalc = now;
   return true;
+}
+
+void ChildManager::recalculateSpeed() {
+  if (mySettings->speedEstimateChild == 0) {
+    myBogomips->calculate();
+    LogSpeedRecalculated(idle, static_cast<int>(myBogomips->getCurrent()),
+                         static_cast<int>(myBogomips->getBogomips()));
+    return;
+  }
+  if (myBogomips->calculating()) return;  // the one under way will do
+  speedIdle = idle;
+  if (!myBogomips->calculateInChild(loop, &speedCallback)) {
+    LogSpeedChildFailed(pr.LastError().Reason());
+  }
+}
+
+void ChildManager::speedCB(OmCallback<int>*, int outcome) {
+  if (outcome == 0) return;
+  LogSpeedRecalculated(speedIdle, static_cast<int>(myBogomips->getCurrent()),
+                       static_cast<int>(myBogomips->getBogomips()));
 }
 
 void ChildManager::deadkidCB(OmUnixProcess::ChildCallback*, OmUnixProcess::child_info info) {

@@ -44,6 +44,8 @@ class ChildManager {
   void startCB(OmEventCallback* cb, OmEvent::cbdispatch reason);
   // A run that delivered nothing for toolstallintervals sample intervals.
   void stallCB(OmEventCallback* cb, OmEvent::cbdispatch reason);
+  // A recalculation made in a child has ended (1) or given no figure (0).
+  void speedCB(OmCallback<int>* cb, int outcome);
 
   unsigned getSampleRate() const { return sampleRate; }
   unsigned getWindowSize() const { return windowSize; }
@@ -64,6 +66,7 @@ class ChildManager {
   void armStall();
   void disarmStall();
   bool speedRecalcDue();
+  void recalculateSpeed();
   // The watch's troubles, each reported once an episode: an episode ends with
   // a run that had none of them.
   enum Trouble { BufferLimit, EndedAtOnce, Stalled, StartFailed, kTroubles };
@@ -85,6 +88,8 @@ class ChildManager {
   OmCallbackWithData<OmEvent::cbdispatch, ChildManager, int> sigpipeCallback;
   OmSimpleCallback<OmEvent::cbdispatch, ChildManager> startCallback;
   OmSimpleCallback<OmEvent::cbdispatch, ChildManager> stallCallback;
+  OmSimpleCallback<int, ChildManager> speedCallback;
+  int speedIdle = 0;  // the run that asked for the recalculation under way
 
   unsigned sampleRate = 0;
   unsigned windowSize = 0;
