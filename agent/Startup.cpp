@@ -84,6 +84,23 @@ void keepEarlySignals() {
   OmUnixProcess::StartSignals();
 }
 
+// Under a service manager the listening socket outlives the probe: what
+// waits in its backlog is the next start's. The requests already accepted
+// are answered before the exit (for a second at most), so that a restart
+// leaves no client without its reply.
+bool finishWaitOver = false;
+
+void finishWaitCB(OmEventCallback*, OmEvent::cbdispatch) { finishWaitOver = true; }
+
+void finishAcceptedRequests() {
+  myListener->RemoveCallback();
+  static OmStaticCallback<OmEvent::cbdispatch> finishWait(&finishWaitCB);
+  const OmTimeVal end = OmTimeVal::now().PlusSeconds(1);
+  eventloop.AddTimeoutEvent(end, &finishWait);  // poll waits no longer than this
+  while (myListener->getCircuitCount() != 0 && !finishWaitOver) eventloop.RunOneTurn();
+  if (!finishWaitOver) eventloop.RemoveTimeoutEvent(end, &finishWait);
+}
+
 }  // namespace
 
 int probeMain(int argc, char** argv) {
@@ -142,5 +159,7 @@ int probeMain(int argc, char** argv) {
   OmLog::SetCollecting(true);
   eventloop.SetBeforeSleep(&flushLogsCallback);
   if (mySystemdNotifier != nullptr) mySystemdNotifier->readyAtLoopStart();
-  processExit(eventloop.EnterEventLoop());
+  const int status = eventloop.EnterEventLoop();
+  if (settings.systemd != 0) finishAcceptedRequests();
+  processExit(status);
 }

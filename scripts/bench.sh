@@ -20,6 +20,9 @@
 #     close or reset before the reply; and, in a private network namespace
 #     with an Ethernet-sized MTU, large replies to slow or vanishing clients.
 # Everything talks to 127.0.0.1 only; every run is bounded in time or count.
+# `bash scripts/bench.sh stall` measures instead the longest wait of a get or
+# an agent check over STALL_SECONDS (default 600) with the package's
+# configuration and real vmstat.
 # Takes about 12 minutes on 2 cores (plus the builds). LOAD_SECONDS,
 # IDLE_SECONDS, FANOUT_SECONDS, FLOOD_SECONDS and SUSTAIN_SECONDS shorten
 # or lengthen the runs.
@@ -139,6 +142,50 @@ by SIGTERM here, 94 = ended by SIGPIPE (exit code 606) |"
 
 if [ "${1:-}" = "--in-netns" ]; then
   in_netns "$2"
+  exit 0
+fi
+
+# --- Stall: the longest wait of a get or an agent check -----------------------
+# `bash scripts/bench.sh stall`: the probe on the package's configuration
+# (speed recalculations in a child among it) with real vmstat and an agent
+# check port, asked a get and an agent check in turn for STALL_SECONDS
+# (default 600) from the first answered get.
+stall() {
+  echo "building (Release)..." >&2
+  cmake -S . -B build-bench-release -G Ninja -DCMAKE_BUILD_TYPE=Release -DQUELM_TESTS=OFF >/dev/null
+  cmake --build build-bench-release --target quelmloadprobe -j "$cpus" >/dev/null
+  cmake -S bench -B build-bench-tools -G Ninja -DCMAKE_BUILD_TYPE=Release >/dev/null
+  cmake --build build-bench-tools -j "$cpus" >/dev/null
+  work=$(mktemp -d /tmp/quelm-bench-XXXXXX)
+  trap 'cleanup; rm -rf "$work"' EXIT
+  mkdir -p "$work/logs" "$work/run"
+  local port agent line props=$work/quelmloadbalancing.properties
+  port=$("$qb" port)
+  agent=$("$qb" port)
+  grep -v -E '\.(port|logdirectory|piddirectory|statefile|agentcheckport)=' \
+    build-bench-release/packaging/quelmloadbalancing.properties >"$props"
+  {
+    echo "varosa.config.quelmloadbalancing.port=$port"
+    echo "varosa.config.quelmloadbalancing.logdirectory=$work/logs"
+    echo "varosa.config.quelmloadbalancing.piddirectory=$work/run"
+    echo "varosa.config.quelmloadbalancing.statefile=$work/state"
+    echo "varosa.config.quelmloadbalancing.agentcheckport=$agent"
+  } >>"$props"
+  "$probe" "$work" "$cpus" 2>"$work/stderr.txt" &
+  probe_pid=$!
+  pids+=("$probe_pid")
+  line=$("$qb" stall --port "$port" --agent-port "$agent" --seconds "${STALL_SECONDS:-600}") || true
+  stop_probe
+  echo "| Packaged configuration, real vmstat: longest wait of a get or an agent check \
+over $(value seconds "$line") s | get $(value max_get_ms "$line") ms, agent check \
+$(value max_agent_ms "$line") ms | $(value gets "$line") gets and $(value checks "$line") checks \
+one after another with 100 ms pauses, $(value over_100ms "$line") over 100 ms, \
+$(value failed "$line") unanswered, the longest at $(value max_at_s "$line") s; \
+$(cat "$work"/logs/*.log | grep -c 'speed estimate was recalculated' || true) speed recalculations |"
+}
+
+if [ "${1:-}" = "stall" ]; then
+  stall
   exit 0
 fi
 
