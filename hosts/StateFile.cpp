@@ -280,8 +280,10 @@ bool StateFile::rewrite(const std::vector<Entry>& live) {
     fsync(dir);
     close(dir);
   }
+  // Opened for the next records at once: a probe that goes on as another
+  // user keeps appending through it.
   if (fd_ >= 0) close(fd_);
-  fd_ = -1;  // reopened on the new file at the next record
+  fd_ = open(path_.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC);
   lines_ = live.size() + 1;
   return true;
 }

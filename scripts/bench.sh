@@ -149,7 +149,8 @@ fi
 # `bash scripts/bench.sh stall`: the probe on the package's configuration
 # (speed recalculations in a child among it) with real vmstat and an agent
 # check port, asked a get and an agent check in turn for STALL_SECONDS
-# (default 600) from the first answered get.
+# (default 600) from the first answered get. STALL_RECALC and STALL_CHILD
+# (below) make the speed recalculations happen, in a child or in the loop.
 stall() {
   echo "building (Release)..." >&2
   cmake -S . -B build-bench-release -G Ninja -DCMAKE_BUILD_TYPE=Release -DQUELM_TESTS=OFF >/dev/null
@@ -162,9 +163,25 @@ stall() {
   local port agent line props=$work/quelmloadbalancing.properties
   port=$("$qb" port)
   agent=$("$qb" port)
-  grep -v -E '\.(port|logdirectory|piddirectory|statefile|agentcheckport)=' \
+  grep -v -E '\.(port|logdirectory|piddirectory|statefile|agentcheckport|speedrecalcinterval|speedestimatechild|samplerate|windowsize)=' \
     build-bench-release/packaging/quelmloadbalancing.properties >"$props"
   {
+    # STALL_RECALC=S: a speed recalculation every S seconds, with a fake tool
+    # at 99 % idle instead of vmstat so that every run qualifies for one;
+    # STALL_CHILD=0 makes them in the loop, as without the package's keys.
+    echo "varosa.config.quelmloadbalancing.speedrecalcinterval=${STALL_RECALC:-3600}"
+    echo "varosa.config.quelmloadbalancing.speedestimatechild=${STALL_CHILD:-1}"
+    [ -n "${STALL_RECALC:-}" ] || grep -E '\.(samplerate|windowsize)=' \
+      build-bench-release/packaging/quelmloadbalancing.properties
+    if [ -n "${STALL_RECALC:-}" ]; then
+      printf '#!/bin/sh\necho header; echo header; i=0\nwhile [ $i -le "$2" ]; do echo "0 0 0 1000000 2000 3 4 5 6 7 8 9 10 11 12 99"; i=$((i + 1)); sleep "$1"; done\n' \
+        >"$work/idletool"
+      chmod +x "$work/idletool"
+      # Runs of 20 s: each ends in a recalculation once the interval is over.
+      echo "varosa.config.quelmloadbalancing.probepath=$work/idletool"
+      echo "varosa.config.quelmloadbalancing.samplerate=5"
+      echo "varosa.config.quelmloadbalancing.windowsize=3"
+    fi
     echo "varosa.config.quelmloadbalancing.port=$port"
     echo "varosa.config.quelmloadbalancing.logdirectory=$work/logs"
     echo "varosa.config.quelmloadbalancing.piddirectory=$work/run"
@@ -176,7 +193,10 @@ stall() {
   pids+=("$probe_pid")
   line=$("$qb" stall --port "$port" --agent-port "$agent" --seconds "${STALL_SECONDS:-600}") || true
   stop_probe
-  echo "| Packaged configuration, real vmstat: longest wait of a get or an agent check \
+  local setup=", real vmstat"
+  [ -z "${STALL_RECALC:-}" ] || setup=", fake tool at 99 % idle, samplerate=5, windowsize=3, \
+speedrecalcinterval=$STALL_RECALC, speedestimatechild=${STALL_CHILD:-1}"
+  echo "| Packaged configuration$setup: longest wait of a get or an agent check \
 over $(value seconds "$line") s | get $(value max_get_ms "$line") ms, agent check \
 $(value max_agent_ms "$line") ms | $(value gets "$line") gets and $(value checks "$line") checks \
 one after another with 100 ms pauses, $(value over_100ms "$line") over 100 ms, \

@@ -3,8 +3,6 @@
 #include <gtest/gtest.h>
 
 #include "FakeEnv.h"
-#include "foundation/event/OmEventLoop.h"
-#include "foundation/process/OmUnixProcess.h"
 
 namespace {
 
@@ -34,29 +32,6 @@ TEST(BogomipsTest, EstimatesAndTheReportedFigure) {
     EXPECT_EQ(c.second, b.getCurrent());
     EXPECT_EQ(c.reported, b.getBogomips());
   }
-}
-
-// The same estimate made in a child comes back through the loop, and
-// counts as calculate() would count it; one at a time.
-TEST(BogomipsTest, EstimateInAChild) {
-  OmUnixProcess process;
-  OmEventLoop loop(&process);
-  FakeEnv env;
-  env.speedRun(kFour);
-  Bogomips b(1, 80);
-  env.speedRun(kSixteen);  // the child's run
-  struct Done : OmCallback<int> {
-    int outcome = -1;
-    void Dispatch(int o) override { outcome = o; }
-  } done;
-  ASSERT_TRUE(b.calculateInChild(loop, &done));
-  EXPECT_FALSE(b.calculateInChild(loop, &done));
-  EXPECT_EQ(4, b.getBogomips());  // nothing until the child reports
-  for (int turns = 0; turns < 1000 && done.outcome < 0; ++turns) loop.RunOneTurn();
-  EXPECT_EQ(1, done.outcome);
-  EXPECT_FALSE(b.calculating());
-  EXPECT_EQ(16, b.getCurrent());
-  EXPECT_EQ(16, b.getBogomips());
 }
 
 }  // namespace

@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -12,64 +11,40 @@
 
 namespace {
 
-TEST(OmSystemdTest, PassedCountOnlyForThisPid) {
-  struct Case { const char* pid; const char* fds; int expected; };
-  const Case cases[] = {{"42", "2", 2}, {"43", "2", 0}, {nullptr, "2", 0}, {"42", nullptr, 0},
-                        {"42", "x", 0}, {"", "1", 0},   {"42", "-1", 0},   {"42", "0", 0},
-                        {"4x2", "1", 0}, {"42", "99999999999", 0}};
-  for (const Case& c : cases) EXPECT_EQ(c.expected, OmSystemd::PassedCount(c.pid, c.fds, 42)) << c.fds;
-}
-
-TEST(OmSystemdTest, WatchdogOnlyForThisPid) {
+TEST(OmSystemdTest, VariablesCountOnlyForThisPid) {
+  EXPECT_EQ(2, OmSystemd::PassedCount("42", "2", 42));
+  for (const auto& [pid, fds] : {std::pair{"43", "2"}, {nullptr, "2"}, {"42", nullptr}, {"42", "x"},
+                                 {"", "1"}, {"4x2", "1"}, {"42", "99999999999"}}) {
+    EXPECT_EQ(0, OmSystemd::PassedCount(pid, fds, 42)) << (pid ? pid : "null");
+  }
   EXPECT_EQ(30000000u, OmSystemd::WatchdogMicroseconds("30000000", nullptr, 42));
   EXPECT_EQ(30000000u, OmSystemd::WatchdogMicroseconds("30000000", "42", 42));
   EXPECT_EQ(0u, OmSystemd::WatchdogMicroseconds("30000000", "41", 42));
   EXPECT_EQ(0u, OmSystemd::WatchdogMicroseconds("3s", nullptr, 42));
-  EXPECT_EQ(0u, OmSystemd::WatchdogMicroseconds(nullptr, nullptr, 42));
 }
 
-int ListeningOn(unsigned& port) {
-  OmSocket s;
-  OmInetAddr bound;
-  if (!s.Bind(OmInetAddr::AddressLoopback(), OmSocket::Stream) || !s.Listen(4) ||
-      !s.LocalAddress(bound)) {
-    return -1;
-  }
-  port = bound.GetPort();
-  return s.Release();
-}
-
-// Passed descriptors are matched by their listening port, each taken once;
-// a datagram socket on the same port is no listener.
+// Passed descriptors are matched by listening port, each taken once; a
+// datagram socket on the same port is no listener.
 TEST(OmSystemdTest, TakesThePassedListenerOfAPort) {
-  unsigned first = 0, second = 0;
-  const int a = ListeningOn(first), b = ListeningOn(second);
-  OmSocket udp;
-  OmInetAddr on = OmInetAddr::AddressLoopback();
-  on.Port(first);
-  ASSERT_TRUE(udp.Bind(on, OmSocket::Datagram));
-  ASSERT_GE(a, 0);
-  ASSERT_GE(b, 0);
-  ASSERT_EQ(200, dup2(udp.Fd(), 200));
-  ASSERT_EQ(201, dup2(a, 201));
-  ASSERT_EQ(202, dup2(b, 202));
-  close(a), close(b);
+  OmSocket udp, first, second;
+  OmInetAddr a, b;
+  ASSERT_TRUE(first.Bind(OmInetAddr::AddressLoopback(), OmSocket::Stream) && first.Listen(4) &&
+              first.LocalAddress(a) && second.Bind(OmInetAddr::AddressLoopback(), OmSocket::Stream) &&
+              second.Listen(4) && second.LocalAddress(b) && udp.Bind(a, OmSocket::Datagram));
+  ASSERT_TRUE(dup2(udp.Fd(), 200) == 200 && dup2(first.Fd(), 201) == 201 && dup2(second.Fd(), 202) == 202);
   OmSystemd::AcceptPassed(200, 3);
   EXPECT_NE(0, fcntl(202, F_GETFD) & FD_CLOEXEC);
-
-  OmSocket taken, again, other;
-  EXPECT_TRUE(OmSystemd::TakeListener(taken, second));
-  EXPECT_EQ(202, taken.Fd());
-  EXPECT_FALSE(OmSystemd::TakeListener(again, second));
-  EXPECT_TRUE(OmSystemd::TakeListener(other, first));
-  EXPECT_EQ(201, other.Fd());
-  EXPECT_FALSE(OmSystemd::TakeListener(again, first));
+  OmSocket taken, other, none;
+  EXPECT_TRUE(OmSystemd::TakeListener(taken, b.GetPort()) && taken.Fd() == 202);
+  EXPECT_FALSE(OmSystemd::TakeListener(none, b.GetPort()));
+  EXPECT_TRUE(OmSystemd::TakeListener(other, a.GetPort()) && other.Fd() == 201);
+  EXPECT_FALSE(OmSystemd::TakeListener(none, a.GetPort()));
   OmSystemd::Reset();
   close(200);
 }
 
-// A datagram reaches a socket named by a path and one in the abstract
-// namespace; no NOTIFY_SOCKET is no manager, a bad one an error.
+// A datagram reaches a socket named by a path or an abstract name; no
+// NOTIFY_SOCKET is no manager, a bad one an error.
 TEST(OmSystemdTest, NotifiesPathAndAbstractSockets) {
   const std::string path = "/tmp/omsystemd-" + std::to_string(getpid());
   for (const std::string& name : {path, "@omsystemd-" + std::to_string(getpid())}) {
@@ -90,7 +65,6 @@ TEST(OmSystemdTest, NotifiesPathAndAbstractSockets) {
   std::string reason;
   setenv("NOTIFY_SOCKET", "relative", 1);
   EXPECT_FALSE(OmSystemd::Notify("READY=1", reason));
-  EXPECT_NE(std::string::npos, reason.find("relative"));
   unsetenv("NOTIFY_SOCKET");
   EXPECT_TRUE(OmSystemd::Notify("READY=1", reason));
 }
