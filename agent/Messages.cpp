@@ -259,6 +259,27 @@ const MessageEntry kMessageCatalogue[kMessageCount] = {
      "{1} messages number {2} were left out of the log since {3}: more than {4} a second came.\n"
      "A client or a fault repeats one event faster than the log can usefully hold it.\n"
      "Look at the messages number {2} that were logged for its source."},
+    {68, "quelmloadprobe/host/error",  // LogStateFileUnreadable
+     "The state file {1} could not be read ({2}). The quelm loadprobe starts without the subscriptions it held.\n"
+     "The most likely cause is a wrong owner or mode of the file or its folder.\n"
+     "Let the quelm loadprobe's user read and write the file; balancers create their subscriptions again."},
+    {69, "quelmloadprobe/host/error",  // LogStateFileDamaged
+     "The state file {1} is damaged at line {2} ({3} lines could not be read); the subscriptions on its good lines have been restored.\n"
+     "The most likely cause is a disk fault or an edit of the file.\n"
+     "Check the subscriptions with a get command; balancers whose subscription is missing create it again."},
+    {70, "quelmloadprobe/host/error",  // LogStateFileWriteFailed
+     "The state file {1} could not be written ({2}); subscriptions made or ended from now on may be lost at the next restart.\n"
+     "This is not logged again until a write succeeds.\n"
+     "Free space on the file's disk, or let the quelm loadprobe's user write in its folder."},
+    {71, "quelmloadprobe/host/info",  // LogStateRestored
+     "{1} subscriptions were restored from the state file {2}; {3} had expired while the quelm loadprobe was stopped and {4} could not be created again."},
+    {72, "quelmloadprobe/child/error",  // LogSpeedChildFailed
+     "The processor speed could not be estimated in a child process ({1}); the reported figure stays as it is until the next recalculation.\n"
+     "Kill off unwanted processes, or raise the process limit of the quelm loadprobe."},
+    {73, "quelmloadprobe/process/error",  // LogNotifyFailed
+     "A notification to the service manager through {1} failed ({2}); the service manager may take the quelm loadprobe for hung.\n"
+     "This is not logged again until a notification goes through.\n"
+     "Check the service unit's NotifyAccess and the quelm loadprobe's access to the socket."},
 };
 
 namespace {
@@ -434,3 +455,9 @@ void LogLoadCgroupLost(const OmUniString& a1) { Log(63, a1); }
 void LogAgentCheckPressureDrain(OmScalar<unsigned int> a1) { Log(64, a1); }
 void LogUnsafeFile(const OmUniString& a1, const OmUniString& a2) { Log(65, a1, a2); }
 void LogLookUpLimit(const OmUniString& a1, const OmUniString& a2, OmScalar<unsigned int> a3) { Log(66, a1, a2, a3); }
+void LogStateFileUnreadable(const OmUniString& a1, const OmUniString& a2) { Log(68, a1, a2); }
+void LogStateFileDamaged(const OmUniString& a1, OmScalar<unsigned int> a2, OmScalar<unsigned int> a3) { Log(69, a1, a2, a3); }
+void LogStateFileWriteFailed(const OmUniString& a1, const OmUniString& a2) { Log(70, a1, a2); }
+void LogStateRestored(OmScalar<unsigned int> a1, const OmUniString& a2, OmScalar<unsigned int> a3, OmScalar<unsigned int> a4) { Log(71, a1, a2, a3, a4); }
+void LogSpeedChildFailed(const OmUniString& a1) { Log(72, a1); }
+void LogNotifyFailed(const OmUniString& a1, const OmUniString& a2) { Log(73, a1, a2); }

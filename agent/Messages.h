@@ -14,7 +14,7 @@ struct MessageEntry {
   const char* format;    // {1}, {2}, ... stand for the arguments in order
 };
 
-inline constexpr unsigned kMessageCount = 68;
+inline constexpr unsigned kMessageCount = 74;
 extern const MessageEntry kMessageCatalogue[kMessageCount];
 
 // Bytes of a request or reply that its log copies keep; 0 keeps it whole.
@@ -92,5 +92,13 @@ void LogLoadCgroupLost(const OmUniString& a1);
 void LogAgentCheckPressureDrain(OmScalar<unsigned int> a1);
 void LogUnsafeFile(const OmUniString& a1, const OmUniString& a2);
 void LogLookUpLimit(const OmUniString& a1, const OmUniString& a2, OmScalar<unsigned int> a3);
+
+// Restarts: the state file, the speed child and the service manager.
+void LogStateFileUnreadable(const OmUniString& a1, const OmUniString& a2);
+void LogStateFileDamaged(const OmUniString& a1, OmScalar<unsigned int> a2, OmScalar<unsigned int> a3);
+void LogStateFileWriteFailed(const OmUniString& a1, const OmUniString& a2);
+void LogStateRestored(OmScalar<unsigned int> a1, const OmUniString& a2, OmScalar<unsigned int> a3, OmScalar<unsigned int> a4);
+void LogSpeedChildFailed(const OmUniString& a1);
+void LogNotifyFailed(const OmUniString& a1, const OmUniString& a2);
 
 #endif  // QUELM_AGENT_MESSAGES_H_

@@ -3,6 +3,7 @@
 #include "agent/Bootstrap.h"
 #include "agent/Globals.h"
 #include "agent/PidFile.h"
+#include "agent/SystemdNotifier.h"
 #include "hosts/HostListMgr.h"
 #include "measure/BaseFilter.h"
 #include "measure/Bogomips.h"
@@ -10,6 +11,10 @@
 #include "measure/LoadSampler.h"
 
 void destroySingleInstances() {
+  // Told first: what follows is the stop itself.
+  if (mySystemdNotifier != nullptr) mySystemdNotifier->stopping();
+  delete mySystemdNotifier;
+  mySystemdNotifier = nullptr;
   // The child manager first, so the tool is killed before anything else goes.
   delete myChildManager;
   myChildManager = nullptr;

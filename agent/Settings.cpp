@@ -106,6 +106,11 @@ constexpr SettingKey kSettingKeys[SettingKey::Count] = {
     {SettingKey::StrictRequests, QUELM_KEY "strictrequests", &Settings::strictRequests, nullptr, 0, nullptr, 0, true, 1},
     {SettingKey::ResolveLimit, QUELM_KEY "resolvelimit", &Settings::resolveLimit, nullptr, 0, nullptr, 0, true, 1024},
     {SettingKey::ResolvePerClient, QUELM_KEY "resolveperclient", &Settings::resolvePerClient, nullptr, 0, nullptr, 0, true, 1024},
+    // Restarts, upgrades and crashes, each off by default.
+    {SettingKey::StateFile, QUELM_KEY "statefile", nullptr, &Settings::stateFile, 0, "", 0, true, 0},
+    {SettingKey::Systemd, QUELM_KEY "systemd", &Settings::systemd, nullptr, 0, nullptr, 0, true, 1},
+    {SettingKey::SpeedEstimateChild, QUELM_KEY "speedestimatechild", &Settings::speedEstimateChild, nullptr, 0, nullptr, 0, true, 1},
+    {SettingKey::EarlySignals, QUELM_KEY "earlysignals", &Settings::earlySignals, nullptr, 0, nullptr, 0, true, 1},
 };
 
 #undef QUELM_KEY

@@ -81,6 +81,11 @@ struct Settings {
   uint32_t strictRequests;    // 1: a create's or kill's number must be a whole, fitting number
   uint32_t resolveLimit;      // name look-ups at work at once, given-up ones included; 0: no bound
   uint32_t resolvePerClient;  // of those, for one client address; 0: no bound
+  // Restarts, upgrades and crashes; each off by default.
+  OmUniString stateFile;        // subscriptions kept here across restarts; empty: none
+  uint32_t systemd;             // 1: passed sockets, notifications and journal lines
+  uint32_t speedEstimateChild;  // 1: recalculations run in a child, the loop never waits
+  uint32_t earlySignals;        // 1: a stop during start-up is kept, not dropped
 
   Settings();
 
@@ -147,6 +152,10 @@ struct SettingKey {
     StrictRequests,
     ResolveLimit,
     ResolvePerClient,
+    StateFile,
+    Systemd,
+    SpeedEstimateChild,
+    EarlySignals,
     Count
   };
 

@@ -9,12 +9,16 @@
 #include "agent/ProcessExit.h"
 #include "agent/RunAs.h"
 #include "agent/Settings.h"
+#include "agent/SystemdNotifier.h"
 #include "command/Listener.h"
 #include "foundation/event/OmEventLoop.h"
+#include "foundation/event/OmTimer.h"
 #include "foundation/log/OmLog.h"
+#include "foundation/net/OmSystemd.h"
 #include "foundation/process/OmUnixProcess.h"
 #include "hosts/HostListMgr.h"
 #include "hosts/Responder.h"
+#include "hosts/StateFile.h"
 #include "measure/BaseFilter.h"
 #include "measure/Bogomips.h"
 #include "measure/Cache.h"
@@ -86,6 +90,29 @@ int chooseProcessors(const Settings& settings, bool onCommandLine, int given) {
 
 void runEndedCB(unsigned idle) { myChildManager->runEnded(idle); }
 
+// From here on a stop, interrupt or hang-up is recorded, not dropped; the
+// loop acts on it at its first turn, once start-up is done.
+void keepEarlySignals() {
+  for (const int sig : {SIGINT, SIGTERM, SIGHUP}) signal(sig, had_a_signal);
+  OmUnixProcess::StartSignals();
+}
+
+// Under a service manager the listening socket outlives the probe: what
+// waits in its backlog is the next start's. The requests already accepted
+// are answered before the exit (for a second at most), so that a restart
+// leaves no client without its reply.
+bool finishWaitOver = false;
+
+void finishWaitCB(OmEventCallback*, OmEvent::cbdispatch) { finishWaitOver = true; }
+
+void finishAcceptedRequests() {
+  myListener->RemoveCallback();
+  static OmStaticCallback<OmEvent::cbdispatch> finishWait(&finishWaitCB);
+  OmTimer wait(eventloop, &finishWait);  // poll waits no longer than this
+  wait.Arm(OmTimeVal::now().PlusSeconds(1));
+  while (myListener->openConnections() != 0 && !finishWaitOver) eventloop.RunOneTurn();
+}
+
 }  // namespace
 
 int probeMain(int argc, char** argv) {
@@ -105,6 +132,13 @@ int probeMain(int argc, char** argv) {
   OmLog::SetFailureNotice(settings.logFailureNotice != 0);
   setRequestCopyLimit(settings.logRequestLimit);
   setMessageRateLimit(settings.logRateLimit);
+  if (settings.earlySignals != 0) keepEarlySignals();
+  if (settings.systemd != 0) {
+    OmLog::SetJournalLines(true);
+    OmSystemd::AcceptPassedSockets();
+    mySystemdNotifier = new SystemdNotifier(eventloop);
+    mySystemdNotifier->catchReloadStart();
+  }
 
   uint32_t machineVirtual = 0, machinePhys = 0;
   if (settings.memoryFromSystem != 0 && scopeMemory(settings, machineVirtual, machinePhys)) {
@@ -121,6 +155,7 @@ int probeMain(int argc, char** argv) {
   myResponder->batchWith(eventloop);
 
   myChildManager = new ChildManager(eventloop, myFilter, &HostListMgr::percentChangeCheck);
+  if (mySystemdNotifier != nullptr) mySystemdNotifier->catchReloadEnd();
   // Measured again now that the process is set up.
   myBogomips->calculate();
   if (settings.loadSource == OmUniString("tool")) {
@@ -128,6 +163,10 @@ int probeMain(int argc, char** argv) {
   } else {
     myLoadSampler = new LoadSampler(eventloop, settings, *myCache, &runEndedCB);
     myLoadSampler->start();
+  }
+  // Before the port opens: no create or kill can race the restore.
+  if (settings.stateFile.Length() != 0) {
+    HostListMgr::restoreState(new StateFile(settings.stateFile.AsUtf8()));
   }
 
   // Deliberately no processExit here: nothing has been announced yet, and no
@@ -143,5 +182,8 @@ int probeMain(int argc, char** argv) {
   static OmStaticCallback<OmEvent::cbdispatch> flushLogsCallback(&flushLogsCB);
   OmLog::SetCollecting(true);
   eventloop.SetBeforeSleep(&flushLogsCallback);
-  processExit(eventloop.EnterEventLoop());
+  if (mySystemdNotifier != nullptr) mySystemdNotifier->readyAtLoopStart();
+  const int status = eventloop.EnterEventLoop();
+  if (settings.systemd != 0) finishAcceptedRequests();
+  processExit(status);
 }

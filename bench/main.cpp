@@ -13,6 +13,8 @@
 //   quelmbench sustain   --port P --pid PID --conns C --seconds S [--hosts H] [--first-id I]
 //   quelmbench get       --port P [--request R]
 //   quelmbench fetch     --port P [--delay-ms D] (one get, read to the end after D ms)
+//   quelmbench stall     --port P --agent-port A --seconds S [--pause-ms M]
+//                        (a get and an agent check in turn: the longest wait)
 //   quelmbench port      (prints a free TCP port on 127.0.0.1)
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -337,6 +339,44 @@ int Get(const Args& a) {
   return reply.empty() ? 1 : 0;
 }
 
+// A get and an agent check in turn, each on its own connection with a short
+// pause between them, for the given time from the first answered get: the
+// longest any of them waited is what a load balancer would see of a freeze.
+int Stall(const Args& a) {
+  using Clock = std::chrono::steady_clock;
+  const int port = static_cast<int>(a.Num("port"));
+  const int agentPort = static_cast<int>(a.Num("agent-port"));
+  const auto pause = std::chrono::milliseconds(static_cast<long>(a.Num("pause-ms", 100)));
+  const auto deadline = Clock::now() + std::chrono::seconds(static_cast<long>(a.Num("seconds")));
+  while (FetchOnce(port, kGet).empty() && Clock::now() < deadline) std::this_thread::sleep_for(pause);
+  const Clock::time_point start = Clock::now();
+  const auto end = start + std::chrono::seconds(static_cast<long>(a.Num("seconds")));
+  double maxGet = 0, maxAgent = 0;
+  long gets = 0, checks = 0, failed = 0, over100 = 0;
+  double maxAt = 0;
+  while (Clock::now() < end) {
+    for (const bool agent : {false, true}) {
+      const Clock::time_point t0 = Clock::now();
+      const std::string reply = FetchOnce(agent ? agentPort : port, agent ? "" : kGet, 30000);
+      const double ms = std::chrono::duration<double, std::milli>(Clock::now() - t0).count();
+      if (reply.empty()) ++failed;
+      if (ms > 100) ++over100;
+      double& worst = agent ? maxAgent : maxGet;
+      if (ms > worst) worst = ms;
+      if (ms >= std::max(maxGet, maxAgent)) {
+        maxAt = std::chrono::duration<double>(t0 - start).count();
+      }
+      ++(agent ? checks : gets);
+      std::this_thread::sleep_for(pause);
+    }
+  }
+  std::printf("seconds=%.0f gets=%ld checks=%ld failed=%ld over_100ms=%ld max_get_ms=%.1f "
+              "max_agent_ms=%.1f max_at_s=%.0f\n",
+              std::chrono::duration<double>(Clock::now() - start).count(), gets, checks, failed,
+              over100, maxGet, maxAgent, maxAt);
+  return failed == 0 ? 0 : 1;
+}
+
 int FreePort() {
   const int fd = socket(AF_INET, SOCK_STREAM, 0);
   sockaddr_in addr{};
@@ -374,7 +414,8 @@ int main(int argc, char** argv) {
   if (command == "sustain") return Sustain(args);
   if (command == "get") return Get(args);
   if (command == "fetch") return Fetch(args);
+  if (command == "stall") return Stall(args);
   if (command == "port") return FreePort();
-  std::fprintf(stderr, "usage: quelmbench load|burst|early|idle|footprint|fanout|sustain|get|fetch|port --key value ...\n");
+  std::fprintf(stderr, "usage: quelmbench load|burst|early|idle|footprint|fanout|sustain|get|fetch|stall|port --key value ...\n");
   return 2;
 }

@@ -11,6 +11,7 @@
 #include "agent/Messages.h"
 #include "foundation/event/OmEventLoop.h"
 #include "foundation/net/OmSocketAddress.h"
+#include "foundation/net/OmSystemd.h"
 
 ServerConnection::ServerConnection(ConnectionServer& server)
     : OmByteCircuit(server.loop()), server_(server), deadline_(server.loop(), &deadlineCallback_) {
@@ -94,7 +95,10 @@ void ConnectionServer::stopAccepting() {
 }
 
 bool ConnectionServer::openSocket(const OmInetAddr& address) {
-  if (!socket_.Bind(OmSocketAddress(address), OmSocket::Stream, true, 0, false)) {
+  // A socket the service manager passed for this port is taken instead: it
+  // stayed open while the probe was down.
+  const bool passed = OmSystemd::TakeListener(socket_, address.GetPort());
+  if (!passed && !socket_.Bind(OmSocketAddress(address), OmSocket::Stream, true, 0, false)) {
     port_.listenFailed(address, false, socket_.LastError().Reason());
     socket_.Close();
     return false;

@@ -32,6 +32,8 @@ class Listener : private ConnectionServer::Port {
   // Start and stop polling the port for connections.
   void AddCallback() { server.startAccepting(); }
   void RemoveCallback() { server.stopAccepting(); }
+  // Connections accepted whose descriptor is still open (being answered).
+  unsigned openConnections() const { return server.openConnections(); }
   // The circuit for an accepted connection; the server keeps it in its set.
   RequestCircuit* startNewConnection(int fd);
 

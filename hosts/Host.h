@@ -62,6 +62,10 @@ class Host final : private Responder::SentCB {
   OmTimeVal getNextSendTime() const {
     return sendTimer && sendTimer->Armed() ? sendTimer->When() : lastSendTime;
   }
+  const OmUniString& getText() const { return text; }
+  const OmTimeVal& getExpiryTime() const { return expiryTime; }
+  // A subscription restored after a restart keeps the lifetime it had left.
+  void setExpiryTime(const OmTimeVal& when) { expiryTime = when; }
   unsigned getCacheEntries() const { return cacheEntries; }
 
  private:

@@ -11,6 +11,7 @@
 #include "foundation/net/OmAddressRange.h"
 #include "foundation/string/OmTimeVal.h"
 #include "hosts/Host.h"
+#include "hosts/StateFile.h"
 #include "measure/Cache.h"
 #include "measure/ChildManager.h"
 
@@ -23,6 +24,8 @@ unsigned HostListMgr::entriesRate = 0;
 std::list<std::unique_ptr<HostListMgr::PendingAdd>> HostListMgr::pendingAdds;
 HostListMgr::Admission* HostListMgr::admissionRules = nullptr;
 bool HostListMgr::limitLogged = false;
+StateFile* HostListMgr::stateFile = nullptr;
+bool HostListMgr::stateFailing = false;
 
 // A create's wishes while its subscriber's address is looked up.
 struct HostListMgr::PendingAdd {
@@ -70,6 +73,21 @@ unsigned roundedRatio(double numerator, unsigned denominator) {
   return static_cast<unsigned>(ratio);
 }
 
+StateFile::Entry entryOf(const Host* host) {
+  StateFile::Entry e;
+  e.id = host->getId();
+  e.port = host->getPort();
+  e.sampleRate = host->getSampleRate();
+  e.windowSize = host->getWindowSize();
+  e.replyFrequency = host->getReplyFrequency();
+  e.percentChange = host->getPercentChange();
+  e.flags = host->getFlags();
+  e.expiry = host->getExpiryTime().seconds;
+  e.name = host->getName().AsUtf8();
+  e.text = host->getText().AsUtf8();
+  return e;
+}
+
 void countIn(std::map<unsigned, unsigned>& counts, unsigned key) { ++counts[key]; }
 
 void countOut(std::map<unsigned, unsigned>& counts, unsigned key) {
@@ -95,6 +113,7 @@ void HostListMgr::regularTimeoutCB(OmEventCallback*, OmEvent::cbdispatch reason)
     LogHostTimedOut(host->getName(), host->getId());
     HostList.Remove(host->getId());
     uncountHost(host);
+    recordRemove(host->getId());
     delete host;
     removed = true;
   }
@@ -158,6 +177,7 @@ Host* HostListMgr::admit(const PendingAdd& wish, const OmResolver::Answer& answe
 
   HostList.Append(host);
   countHost(host);
+  recordAdd(host);
   LogHostListLen(OmUniString("Add Host"), static_cast<unsigned>(HostList.Length()));
   setLoadToolParameters();
   return host;
@@ -215,6 +235,7 @@ bool HostListMgr::removeHost(unsigned id) {
   const bool removed = host != nullptr;
   if (removed) {
     uncountHost(host);
+    recordRemove(id);
     delete host;
   }
   LogHostListLen(OmUniString("Remove Host"), static_cast<unsigned>(HostList.Length()));
@@ -300,4 +321,80 @@ void HostListMgr::freeHosts() {
   rateCounts.clear();
   entryCounts.clear();
   entriesRate = 0;
+}
+
+void HostListMgr::restoreState(StateFile* file) {
+  delete std::exchange(stateFile, nullptr);
+  if (file == nullptr) return;
+  const OmUniString path = OmUniString::FromUtf8(file->path());
+  StateFile::Replay replay;
+  if (!file->load(replay)) {
+    LogStateFileUnreadable(path, OmUniString::FromUtf8(file->error()));
+  } else if (replay.badLines != 0) {
+    LogStateFileDamaged(path, replay.firstBadLine, replay.badLines);
+  }
+
+  const uint32_t now = OmTimeVal::now().seconds;
+  unsigned restored = 0;
+  unsigned expired = 0;
+  constexpr unsigned kMaxSeconds = UINT32_MAX / 1000;  // the create's milliseconds
+  for (const StateFile::Entry& e : replay.entries) {
+    if (e.expiry <= now) {
+      ++expired;
+      continue;
+    }
+    // Looked up again, and admitted by today's rules, as at a create.
+    Host* host = addHost(OmUniString::FromUtf8(e.name), e.port,
+                         std::min(e.sampleRate, kMaxSeconds) * 1000, e.windowSize,
+                         std::min(e.replyFrequency, kMaxSeconds) * 1000, e.percentChange, e.id,
+                         OmUniString::FromUtf8(e.text), e.flags);
+    if (host == nullptr) continue;
+    host->setExpiryTime(OmTimeVal(e.expiry, 0));
+    ++restored;
+  }
+  if (!replay.entries.empty()) {
+    LogStateRestored(restored, path, expired, static_cast<unsigned>(replay.entries.size()) - restored - expired);
+  }
+  stateFile = file;
+  stateFailing = false;
+  rewriteState();
+}
+
+void HostListMgr::recordAdd(const Host* host) {
+  if (stateFile == nullptr) return;
+  stateWritten(stateFile->recordAdd(entryOf(host)));
+}
+
+void HostListMgr::recordRemove(unsigned id) {
+  if (stateFile == nullptr) return;
+  stateWritten(stateFile->recordRemove(id));
+}
+
+void HostListMgr::stateWritten(bool ok) {
+  if (!ok) {
+    if (!stateFailing) {
+      LogStateFileWriteFailed(OmUniString::FromUtf8(stateFile->path()),
+                              OmUniString::FromUtf8(stateFile->error()));
+    }
+    stateFailing = true;
+    return;
+  }
+  stateFailing = false;
+  // The host being removed is already out of the list.
+  if (stateFile->wantsRewrite(HostList.Length())) rewriteState();
+}
+
+void HostListMgr::rewriteState() {
+  std::vector<StateFile::Entry> live;
+  live.reserve(HostList.Length());
+  for (Host* host : HostList) {
+    live.push_back(entryOf(host));
+  }
+  if (stateFile->rewrite(live)) {
+    stateFailing = false;
+  } else if (!stateFailing) {
+    stateFailing = true;
+    LogStateFileWriteFailed(OmUniString::FromUtf8(stateFile->path()),
+                            OmUniString::FromUtf8(stateFile->error()));
+  }
 }

@@ -13,6 +13,7 @@
 
 class Host;
 class OmEventLoop;
+class StateFile;
 
 // The subscribed hosts. Class-wide only: there is one list in the process.
 class HostListMgr {
@@ -50,6 +51,12 @@ class HostListMgr {
   // with the process, as threads of the C library may still report them.
   static void freeHosts();
 
+  // Restores the subscriptions the file holds (those not yet expired, with
+  // the lifetime they had left), then records every add, kill and expiry in
+  // it before the command's reply goes out. Takes the file; null stops the
+  // recording. A damaged file is logged and its good lines restored.
+  static void restoreState(StateFile* file);
+
   static const HostTable& getHosts() { return HostList; }
   // The loop that carries the hosts' send timers.
   static OmEventLoop* getEventLoop() { return eventloop; }
@@ -69,7 +76,16 @@ class HostListMgr {
   static Host* admit(const PendingAdd& wish, const OmResolver::Answer& answer);
   static void resolved(PendingAdd* wish, const OmResolver::Answer& answer);
 
+  // The state file's share: each records one change, rewriting the file
+  // once it has grown to hold more dead lines than live ones.
+  static void recordAdd(const Host* host);
+  static void recordRemove(unsigned id);
+  static void rewriteState();
+  static void stateWritten(bool ok);
+
   static std::list<std::unique_ptr<PendingAdd>> pendingAdds;
+  static StateFile* stateFile;  // null: nothing is kept
+  static bool stateFailing;     // a write failed; logged once until one succeeds
   // Not freed at exit: like the list, it ends with the process.
   static Admission* admissionRules;
   static bool limitLogged;

@@ -31,7 +31,13 @@ ChildManager::ChildManager(OmEventLoop& l, BaseFilter* f, RunObserver observer)
       sigintCallback(this, &ChildManager::signalCB, SIGINT),
       sigpipeCallback(this, &ChildManager::signalCB, SIGPIPE),
       startCallback(this, &ChildManager::startCB),
-      stallCallback(this, &ChildManager::stallCB) {
+      stallCallback(this, &ChildManager::stallCB),
+      speedCallback(this, &ChildManager::speedCB) {
+  // Start-up's own estimates are the first: the interval counts from them.
+  if (mySettings->speedEstimateChild != 0) {
+    recalculated = true;
+    lastRecalc = OmTimeVal::now();
+  }
   buildArgv();
   setSampleRateAndWindowSize(mySettings->sampleRate, mySettings->windowSize);
 
@@ -278,11 +284,7 @@ void ChildManager::afterRun() {
 void ChildManager::runEnded(unsigned runIdle) {
   // A nearly idle machine gives a true speed figure. The estimate costs
   // about a second of processor time, during which the loop waits.
-  if (runIdle > 94 && speedRecalcDue()) {
-    myBogomips->calculate();
-    LogSpeedRecalculated(static_cast<int>(runIdle), static_cast<int>(myBogomips->getCurrent()),
-                         static_cast<int>(myBogomips->getBogomips()));
-  }
+  if (runIdle > 94 && speedRecalcDue()) recalculateSpeed(static_cast<int>(runIdle));
   runObserver(runIdle);
 }
 
@@ -336,6 +338,26 @@ bool ChildManager::speedRecalcDue() {
   recalculated = true;
   lastRecalc = now;
   return true;
+}
+
+void ChildManager::recalculateSpeed(int runIdle) {
+  if (mySettings->speedEstimateChild == 0) {
+    myBogomips->calculate();
+    LogSpeedRecalculated(runIdle, static_cast<int>(myBogomips->getCurrent()),
+                         static_cast<int>(myBogomips->getBogomips()));
+    return;
+  }
+  if (myBogomips->calculating()) return;  // the one under way will do
+  speedIdle = runIdle;
+  if (!myBogomips->calculateInChild(loop, &speedCallback)) {
+    LogSpeedChildFailed(pr.LastError().Reason());
+  }
+}
+
+void ChildManager::speedCB(OmCallback<int>*, int outcome) {
+  if (outcome == 0) return;
+  LogSpeedRecalculated(speedIdle, static_cast<int>(myBogomips->getCurrent()),
+                       static_cast<int>(myBogomips->getBogomips()));
 }
 
 void ChildManager::deadkidCB(OmUnixProcess::ChildCallback*, OmUnixProcess::child_info info) {

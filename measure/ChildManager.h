@@ -48,6 +48,8 @@ class ChildManager {
   void startCB(OmEventCallback* cb, OmEvent::cbdispatch reason);
   // A run that delivered nothing for toolstallintervals sample intervals.
   void stallCB(OmEventCallback* cb, OmEvent::cbdispatch reason);
+  // A recalculation made in a child has ended (1) or given no figure (0).
+  void speedCB(OmCallback<int>* cb, int outcome);
 
   unsigned getSampleRate() const { return sampleRate; }
   unsigned getWindowSize() const { return windowSize; }
@@ -68,6 +70,7 @@ class ChildManager {
   void armStall();
   void disarmStall();
   bool speedRecalcDue();
+  void recalculateSpeed(int runIdle);
   // The watch's troubles, each reported once an episode: an episode ends with
   // a run that had none of them.
   enum Trouble { BufferLimit, EndedAtOnce, Stalled, StartFailed, kTroubles };
@@ -91,6 +94,8 @@ class ChildManager {
   OmSimpleCallback<OmEvent::cbdispatch, ChildManager> stallCallback;
   OmTimer startTimer{loop, &startCallback};
   OmTimer stallTimer{loop, &stallCallback};
+  OmSimpleCallback<int, ChildManager> speedCallback;
+  int speedIdle = 0;  // the run that asked for the recalculation under way
 
   unsigned sampleRate = 0;
   unsigned windowSize = 0;

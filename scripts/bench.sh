@@ -23,6 +23,9 @@
 #     library's getaddrinfo_a against queries sent from the loop, alone and
 #     after 24 look-ups that a silent name server never answers.
 # Everything talks to 127.0.0.1 only; every run is bounded in time or count.
+# `bash scripts/bench.sh stall` measures instead the longest wait of a get or
+# an agent check over STALL_SECONDS (default 600) with the package's
+# configuration and real vmstat.
 # Takes about 12 minutes on 2 cores (plus the builds). LOAD_SECONDS,
 # IDLE_SECONDS, FANOUT_SECONDS, FLOOD_SECONDS and SUSTAIN_SECONDS shorten
 # or lengthen the runs. BENCH_ONLY=command runs the command port round trips
@@ -149,6 +152,70 @@ fi
 
 if [ "${1:-}" = "--in-netns" ]; then
   in_netns "$2"
+  exit 0
+fi
+
+# --- Stall: the longest wait of a get or an agent check -----------------------
+# `bash scripts/bench.sh stall`: the probe on the package's configuration
+# (speed recalculations in a child among it) with real vmstat and an agent
+# check port, asked a get and an agent check in turn for STALL_SECONDS
+# (default 600) from the first answered get. STALL_RECALC and STALL_CHILD
+# (below) make the speed recalculations happen, in a child or in the loop.
+stall() {
+  echo "building (Release)..." >&2
+  cmake -S . -B build-bench-release -G Ninja -DCMAKE_BUILD_TYPE=Release -DQUELM_TESTS=OFF >/dev/null
+  cmake --build build-bench-release --target quelmloadprobe -j "$cpus" >/dev/null
+  cmake -S bench -B build-bench-tools -G Ninja -DCMAKE_BUILD_TYPE=Release >/dev/null
+  cmake --build build-bench-tools -j "$cpus" >/dev/null
+  work=$(mktemp -d /tmp/quelm-bench-XXXXXX)
+  trap 'cleanup; rm -rf "$work"' EXIT
+  mkdir -p "$work/logs" "$work/run"
+  local port agent line props=$work/quelmloadbalancing.properties
+  port=$("$qb" port)
+  agent=$("$qb" port)
+  grep -v -E '\.(port|logdirectory|piddirectory|statefile|agentcheckport|speedrecalcinterval|speedestimatechild|samplerate|windowsize)=' \
+    build-bench-release/packaging/quelmloadbalancing.properties >"$props"
+  {
+    # STALL_RECALC=S: a speed recalculation every S seconds, with a fake tool
+    # at 99 % idle instead of vmstat so that every run qualifies for one;
+    # STALL_CHILD=0 makes them in the loop, as without the package's keys.
+    echo "varosa.config.quelmloadbalancing.speedrecalcinterval=${STALL_RECALC:-3600}"
+    echo "varosa.config.quelmloadbalancing.speedestimatechild=${STALL_CHILD:-1}"
+    [ -n "${STALL_RECALC:-}" ] || grep -E '\.(samplerate|windowsize)=' \
+      build-bench-release/packaging/quelmloadbalancing.properties
+    if [ -n "${STALL_RECALC:-}" ]; then
+      printf '#!/bin/sh\necho header; echo header; i=0\nwhile [ $i -le "$2" ]; do echo "0 0 0 1000000 2000 3 4 5 6 7 8 9 10 11 12 99"; i=$((i + 1)); sleep "$1"; done\n' \
+        >"$work/idletool"
+      chmod +x "$work/idletool"
+      # Runs of 20 s: each ends in a recalculation once the interval is over.
+      echo "varosa.config.quelmloadbalancing.probepath=$work/idletool"
+      echo "varosa.config.quelmloadbalancing.samplerate=5"
+      echo "varosa.config.quelmloadbalancing.windowsize=3"
+    fi
+    echo "varosa.config.quelmloadbalancing.port=$port"
+    echo "varosa.config.quelmloadbalancing.logdirectory=$work/logs"
+    echo "varosa.config.quelmloadbalancing.piddirectory=$work/run"
+    echo "varosa.config.quelmloadbalancing.statefile=$work/state"
+    echo "varosa.config.quelmloadbalancing.agentcheckport=$agent"
+  } >>"$props"
+  "$probe" "$work" "$cpus" 2>"$work/stderr.txt" &
+  probe_pid=$!
+  pids+=("$probe_pid")
+  line=$("$qb" stall --port "$port" --agent-port "$agent" --seconds "${STALL_SECONDS:-600}") || true
+  stop_probe
+  local setup=", real vmstat"
+  [ -z "${STALL_RECALC:-}" ] || setup=", fake tool at 99 % idle, samplerate=5, windowsize=3, \
+speedrecalcinterval=$STALL_RECALC, speedestimatechild=${STALL_CHILD:-1}"
+  echo "| Packaged configuration$setup: longest wait of a get or an agent check \
+over $(value seconds "$line") s | get $(value max_get_ms "$line") ms, agent check \
+$(value max_agent_ms "$line") ms | $(value gets "$line") gets and $(value checks "$line") checks \
+one after another with 100 ms pauses, $(value over_100ms "$line") over 100 ms, \
+$(value failed "$line") unanswered, the longest at $(value max_at_s "$line") s; \
+$(cat "$work"/logs/*.log | grep -c 'speed estimate was recalculated' || true) speed recalculations |"
+}
+
+if [ "${1:-}" = "stall" ]; then
+  stall
   exit 0
 fi
 

@@ -54,6 +54,7 @@ struct LogState {
   int realpid = 0;  // getpid(), asked once per process
   bool collecting = false;
   bool failureNotice = false;
+  bool journalLines = false;
   int collector = 0;  // the process whose lines are collected
   std::vector<std::unique_ptr<CsLogFile>> csfiles;
   std::vector<CsLogAction> cslookup;
@@ -318,11 +319,15 @@ void OmLog::CserverLog(unsigned n, const OmUniString& text) {
   std::string pid = std::to_string(Pid());
   std::string plain;  // each format is built on first need
   std::string structured;
+  std::string journal;
   for (CsLogFile* file : st.cslookup[n]) {
     FILE* out = file->Stream();
     if (out == nullptr) continue;  // closed, or failed to open
     const std::string* line;
-    if (file->kind == CsLogFile::kStructured) {
+    if (file->kind == CsLogFile::kStdErr && st.journalLines) {
+      if (journal.empty()) journal = JournalLine(category, text);
+      line = &journal;
+    } else if (file->kind == CsLogFile::kStructured) {
       if (structured.empty()) {
         uint64_t systime = uint64_t{stamp.when.seconds} * 100000 + stamp.when.microseconds / 10;
         structured = std::string("category=") + category + ",date=" + stamp.text + ",pid=" + pid +
@@ -355,6 +360,19 @@ void OmLog::Flush() {
 }
 
 void OmLog::SetFailureNotice(bool on) { State().failureNotice = on; }
+
+void OmLog::SetJournalLines(bool on) { State().journalLines = on; }
+
+std::string OmLog::JournalLine(const char* category, const OmUniString& text) {
+  // The journal's priorities: err, info and debug.
+  const std::string c = category;
+  const size_t slash = c.rfind('/');
+  const std::string severity = slash == std::string::npos ? c : c.substr(slash + 1);
+  const char* priority = severity == "info" ? "<6>" : severity == "moreinfo" ? "<7>" : "<3>";
+  std::string line = priority + c + ": ";
+  for (const char ch : text.AsUtf8()) line += ch == '\n' ? ' ' : ch;
+  return line + "\n";
+}
 
 void OmLog::SetCollecting(bool on) {
   LogState& st = State();

@@ -1,6 +1,7 @@
 #ifndef QUELM_FOUNDATION_LOG_OMLOG_H_
 #define QUELM_FOUNDATION_LOG_OMLOG_H_
 
+#include <string>
 #include <vector>
 
 #include "foundation/string/OmUniString.h"
@@ -51,6 +52,11 @@ class OmLog {
   // when its lines are written once more. Checked when collected lines are
   // written.
   static void SetFailureNotice(bool on);
+  // While on, standard error takes each message as one line for the
+  // journal: a "<N>" priority (3 for errors and fatal errors, 6 for info, 7
+  // for moreinfo), the category, and the text with its line feeds as spaces.
+  static void SetJournalLines(bool on);
+  static std::string JournalLine(const char* category, const OmUniString& text);
   bool ReOpen();
   void HaveForked();
 

@@ -47,6 +47,11 @@ TEST(PackageTest, ContentsMaintainerDataAndSystemdVerify) {
       {unit, "\nSuccessExitStatus=91 92 94\n"},
       {unit, "\nRuntimeDirectory=quelmloadprobe\n"},
       {unit, "\nLogsDirectory=quelmloadprobe\n"},
+      {unit, "\nStateDirectory=quelmloadprobe\n"},
+      {unit, "\nType=notify\n"},
+      {props, "\n" + kKey + "statefile=/var/lib/quelmloadprobe/subscriptions.state\n"},
+      {props, "\n" + kKey + "systemd=1\n"},
+      {"root/usr/lib/systemd/system/quelmloadprobe.socket", "\nListenStream=0.0.0.0:3579\n"},
       {unit, "\nReadWritePaths=/var/log/quelmloadprobe /run/quelmloadprobe\n"},
       {rotate, "/var/log/quelmloadprobe/*.log /var/log/quelmloadprobe/*.csl {"},
       {rotate, "systemctl reload quelmloadprobe.service"},
@@ -66,8 +71,10 @@ TEST(PackageTest, ContentsMaintainerDataAndSystemdVerify) {
   ASSERT_NE(copy, unitText);
   fs::create_directories(dir + "/verify");
   ProbeRunner::WriteFile(dir + "/verify/quelmloadprobe.service", copy);
-  const Output verify =
-      Shell("systemd-analyze verify " + dir + "/verify/quelmloadprobe.service 2>&1");
+  fs::copy_file(dir + "/root/usr/lib/systemd/system/quelmloadprobe.socket",
+                dir + "/verify/quelmloadprobe.socket");
+  const Output verify = Shell("systemd-analyze verify " + dir + "/verify/quelmloadprobe.socket " +
+                              dir + "/verify/quelmloadprobe.service 2>&1");
   EXPECT_EQ(verify.status, 0) << verify.out;
   // Complaints about the host's own units are not ours.
   EXPECT_EQ(verify.out.find("quelmloadprobe"), std::string::npos) << verify.out;

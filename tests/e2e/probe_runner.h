@@ -39,6 +39,12 @@ class ProbeRunner {
   void UsePackaged() { base_ = QUELM_BINARY_DIR "/packaging/quelmloadbalancing.properties"; }
   void LimitFiles(int n) { fileLimit_ = n; }  // RLIMIT_NOFILE of the probe, soft and hard
   std::string SetTool(const std::string& script);  // a shell script as the tool; its path
+  // Socket activation: fd is passed as descriptor 3, with LISTEN_PID and
+  // LISTEN_FDS naming the probe; the test keeps its own copy.
+  void PassListener(int fd) { passFd_ = fd; }
+  void SetEnv(const std::string& name, const std::string& value) { env_[name] = value; }
+  // A program that execs the probe (its arguments up to the probe's path).
+  void WrapWith(std::vector<std::string> wrapper) { wrapper_ = std::move(wrapper); }
   void Start();
   // True once the probe sleeps in poll: its event loop runs (after the pid
   // file), and only from then on does it act on signals (earlier ones are
@@ -68,7 +74,9 @@ class ProbeRunner {
     return dir_ + "/logs/quelmloadprobe" + std::to_string(pid_) + "_error";
   }
   std::string dir_;
-  std::map<std::string, std::string> props_;
+  std::map<std::string, std::string> props_, env_;
+  std::vector<std::string> wrapper_;
+  int passFd_ = -1;
   std::string base_ = QUELM_SOURCE_DIR "/config/quelmloadbalancing.properties.sample";
   int pid_ = -1, port_ = 0, fileLimit_ = 0;
   mutable int status_ = -1;

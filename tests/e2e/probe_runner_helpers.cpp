@@ -10,6 +10,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <fcntl.h>
+
 #include <cerrno>
 #include <fstream>
 #include <sstream>
@@ -67,8 +69,11 @@ void ProbeRunner::Start() {
                                                  : config + line + value + "\n";
   }
   WriteFile(dir_ + "/quelmloadbalancing.properties", config);
-  std::string binary = QUELM_PROBE_BINARY;
-  char* argv[] = {binary.data(), dir_.data(), nullptr};
+  std::vector<std::string> args = wrapper_;
+  args.push_back(QUELM_PROBE_BINARY), args.push_back(dir_);
+  std::vector<char*> argv;
+  for (std::string& arg : args) argv.push_back(arg.data());
+  argv.push_back(nullptr);
   status_ = -1;
   pid_ = fork();
   if (pid_ == 0) {
@@ -76,10 +81,16 @@ void ProbeRunner::Start() {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     // Keep the probe's own standard error out of the test output.
     if (FILE* err = fopen((dir_ + "/stderr.txt").c_str(), "w")) dup2(fileno(err), 2);
-    closefrom(3);  // nothing of the test process leaks into the probe
+    for (const auto& [name, value] : env_) setenv(name.c_str(), value.c_str(), 1);
+    if (passFd_ >= 0) {
+      passFd_ == 3 ? fcntl(3, F_SETFD, 0) : dup2(passFd_, 3);
+      setenv("LISTEN_FDS", "1", 1);
+      setenv("LISTEN_PID", std::to_string(getpid()).c_str(), 1);
+    }
+    closefrom(passFd_ >= 0 ? 4 : 3);  // nothing of the test process leaks into the probe
     const rlimit files{rlim_t(fileLimit_), rlim_t(fileLimit_)};
     if (fileLimit_ > 0) setrlimit(RLIMIT_NOFILE, &files);
-    execv(argv[0], argv);
+    execv(argv[0], argv.data());
     _exit(126);
   }
 }

@@ -131,6 +131,14 @@ TEST_F(LogTest, StructuredLine) {
             "systime=100000000012345,message=a%3db%2c c\n");
 }
 
+// One line a message, with the journal's priority: err, info, debug.
+TEST(JournalLineTest, PriorityAndOneLine) {
+  EXPECT_EQ("<3>p/a/error: first second\n", OmLog::JournalLine("p/a/error", "first\nsecond"));
+  EXPECT_EQ("<3>p/a/fatalerror: x\n", OmLog::JournalLine("p/a/fatalerror", "x"));
+  EXPECT_EQ("<6>p/a/info: x\n", OmLog::JournalLine("p/a/info", "x"));
+  EXPECT_EQ("<7>p/a/moreinfo: x\n", OmLog::JournalLine("p/a/moreinfo", "x"));
+}
+
 TEST_F(LogTest, PlainLineWithRunningCounterInUtf8) {
   ASSERT_TRUE(Setup({"*/*/*:p.log"}));
   const unsigned long before = OmLog::MessageCount();
