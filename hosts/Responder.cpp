@@ -20,6 +20,8 @@ Responder::Responder() {
   if (!socket.Bind(OmSocketAddress(OmInetAddr()), OmSocket::Datagram, false, 0, false)) {
     LogResponderBindFailed(socket.LastError().Reason());
   }
+  // The measuring tool has no business with the load packets' socket.
+  socket.SetCloseOnExec(true);
 }
 
 namespace {
