@@ -23,22 +23,29 @@ unsigned AgentCheck::freeMemoryPercent(const StatsPacket& average) const {
   return static_cast<unsigned>(std::min<uint64_t>(100, uint64_t{average.vmem} * 100 / configured));
 }
 
+AgentCheck::Weight AgentCheck::weightFor(const StatsPacket& average) const {
+  const unsigned idle = std::min<unsigned>(average.idle, 100);
+  const unsigned memory = freeMemoryPercent(average);
+  const bool drain = idle < settings.agentCheckDrainIdle || memory < settings.agentCheckDrainMemory;
+  const unsigned share = std::min<unsigned>(settings.agentCheckMemoryWeight, 100);
+  const unsigned weight = ((100 - share) * idle + share * memory + 50) / 100;
+  return {drain, std::clamp(weight, 1u, 100u)};
+}
+
 std::string AgentCheck::answerFor(const StatsPacket* average) {
   // An empty line: HAProxy takes it as "no change", where "up" would claim
   // a health the probe cannot know yet.
   if (average == nullptr) return "\n";
-  const unsigned idle = std::min<unsigned>(average->idle, 100);
-  const unsigned memory = freeMemoryPercent(*average);
-  const bool drain = idle < settings.agentCheckDrainIdle || memory < settings.agentCheckDrainMemory;
-  if (drain != draining) {
-    draining = drain;
-    drain ? LogAgentCheckDrain(idle, memory) : LogAgentCheckReady(idle, memory);
+  const Weight weight = weightFor(*average);
+  if (weight.drain != draining) {
+    draining = weight.drain;
+    const unsigned idle = std::min<unsigned>(average->idle, 100);
+    const unsigned memory = freeMemoryPercent(*average);
+    draining ? LogAgentCheckDrain(idle, memory) : LogAgentCheckReady(idle, memory);
   }
-  if (drain) return "drain\n";
+  if (weight.drain) return "drain\n";
 
-  const unsigned share = std::min<unsigned>(settings.agentCheckMemoryWeight, 100);
-  const unsigned weight = ((100 - share) * idle + share * memory + 50) / 100;
-  const std::string percent = std::to_string(std::clamp(weight, 1u, 100u)) + "%\n";
+  const std::string percent = std::to_string(weight.percent) + "%\n";
   // Only a probe that may drain says ready: otherwise the server's
   // administrative state stays the operator's alone.
   const bool mayDrain = settings.agentCheckDrainIdle != 0 || settings.agentCheckDrainMemory != 0;

@@ -25,6 +25,13 @@ class AgentCheck : public ReplyListener::Service {
 
   Verdict serve(const OmByteBuffer& received, OmByteBuffer& reply) override;
 
+  // What the figures say, without noting anything: drain, or the weight in
+  // percent (1 to 100).
+  struct Weight {
+    bool drain;
+    unsigned percent;
+  };
+  Weight weightFor(const StatsPacket& average) const;
   // The line for these figures (null: nothing measured yet, which leaves the
   // server as the balancer has it). Notes a change between drain and ready.
   std::string answerFor(const StatsPacket* average);

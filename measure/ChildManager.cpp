@@ -136,6 +136,7 @@ int ChildManager::forkChild() {
       loop.AddFileEvent(static_cast<unsigned>(pipeFd), true, false, &readpipeCallback);
       runStart = OmTimeVal::now();
       runTroubled = false;
+      ++probeCounters.toolRuns;
       armStall();
       return childPid;
     }
@@ -151,6 +152,7 @@ int ChildManager::forkChild() {
       // Tried again from the loop, which keeps serving meanwhile; a lasting
       // shortage of descriptors or processes never ends the probe.
       if (firstOfEpisode(StartFailed)) LogToolStartFailed(pr.LastError().Reason(), sampleRate);
+      ++probeCounters.toolBadEnds[ProbeCounters::StartFailed];
       startDue = OmTimeVal::now().PlusSeconds(sampleRate);
       startPending = true;
       childPid = -1;
@@ -234,6 +236,7 @@ void ChildManager::closePipe() {
 }
 
 void ChildManager::restart(bool filterFailed) {
+  if (filterFailed) badEnd = ProbeCounters::FilterFailed;
   closePipe();
   emptyReads = 0;
   if (childPid > 0) {
@@ -266,11 +269,15 @@ void ChildManager::afterRun() {
     runObserver(static_cast<unsigned>(idle));
   }
   filter->resetFilter();
-  ++probeCounters.toolRestarts;
 
   // A tool that ends at once would be restarted as fast as it can fork: its
   // next start waits until a sample interval after the previous one.
   const OmTimeVal now = OmTimeVal::now();
+  if (badEnd == ProbeCounters::ToolEnds && now < runStart.PlusSeconds(sampleRate)) {
+    badEnd = ProbeCounters::EndedEarly;
+  }
+  if (badEnd != ProbeCounters::ToolEnds) ++probeCounters.toolBadEnds[badEnd];
+  badEnd = ProbeCounters::ToolEnds;
   const bool early = mySettings->toolRestartBackoff != 0 && now < runStart.PlusSeconds(sampleRate);
   if (early && !runTroubled && firstOfEpisode(EndedAtOnce)) {
     LogToolEndedAtOnce(now.seconds - runStart.seconds, sampleRate);
@@ -328,6 +335,7 @@ void ChildManager::stallCB(OmEventCallback*, OmEvent::cbdispatch reason) {
   if (reason != OmEvent::fired) return;
   stallArmed = false;
   if (firstOfEpisode(Stalled)) LogToolStalled(mySettings->toolStallIntervals * sampleRate);
+  badEnd = ProbeCounters::Stalled;
   restart(false);
 }
 
@@ -362,6 +370,8 @@ void ChildManager::deadkidCB(OmUnixProcess::ChildCallback*, OmUnixProcess::child
   }
   // The leader is gone; what it left running in its group goes too.
   if (mySettings->toolProcessGroup != 0 && childPid > 0) kill(-childPid, SIGKILL);
+  // The child's own exit status when the program could not be run.
+  if (info.signal == 0 && info.exitCode == 127) badEnd = ProbeCounters::StartFailed;
   if (pipeFd >= 0) {
     const long n = read(pipeFd, writePos, freeSpace);
     if (n >= 1) appendRead(n);

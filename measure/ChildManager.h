@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "agent/Counters.h"
 #include "foundation/event/OmCallback.h"
 #include "foundation/process/OmUnixProcess.h"
 #include "foundation/string/OmTimeVal.h"
@@ -87,6 +88,8 @@ class ChildManager {
   OmSimpleCallback<OmEvent::cbdispatch, ChildManager> stallCallback;
 
   unsigned sampleRate = 0;
+  // Why the current run is ending badly, for the metrics (ToolEnds: it is not).
+  ProbeCounters::ToolEnd badEnd = ProbeCounters::ToolEnds;
   unsigned windowSize = 0;
 
   // The read buffer holds one byte more than its capacity for the terminator.
