@@ -15,8 +15,9 @@ struct ProbeCounters {
   uint64_t metricsBadRequests = 0;  // metrics port requests that are not HTTP
   // Every start of the measuring tool, and the runs that ended badly by
   // why: killed for a stall, a start that failed (fork, or the program
-  // could not be run), output the filter refused or that outgrew the
-  // buffer limit, an end before the first sample interval was over.
+  // could not be run), output the filter could not read or that outgrew the
+  // buffer limit, an end before the first sample interval was over. A run
+  // the vmstat filter ends after its one sample is a healthy end.
   enum ToolEnd { Stalled, StartFailed, FilterFailed, EndedEarly, ToolEnds };
   uint64_t toolRuns = 0;
   uint64_t toolBadEnds[ToolEnds] = {};

@@ -210,6 +210,7 @@ void ChildManager::readpipeCB(OmEventCallback*, OmEvent::cbdispatch reason) {
       const unsigned long limit = mySettings->toolBufferLimit;
       if (limit != 0 && capacity * 2 > limit) {
         if (firstOfEpisode(BufferLimit)) LogToolBufferLimit(static_cast<unsigned>(limit));
+        badEnd = ProbeCounters::FilterFailed;
         restart(true);
         return;
       }
@@ -236,7 +237,7 @@ void ChildManager::closePipe() {
 }
 
 void ChildManager::restart(bool filterFailed) {
-  if (filterFailed) badEnd = ProbeCounters::FilterFailed;
+  if (filterFailed && filter->takeRefusal()) badEnd = ProbeCounters::FilterFailed;
   closePipe();
   emptyReads = 0;
   if (childPid > 0) {
