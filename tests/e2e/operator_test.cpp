@@ -117,8 +117,10 @@ TEST(OperatorTest, PrometheusScrapesTheProbeRunsTheDashboardAndFiresOnAStalledTo
   ASSERT_EQ(Shell("command -v prometheus && command -v jq && command -v curl").status, 0);
   ProbeRunner probe;
   const int metrics = FreePort(), web = FreePort();
-  // One sample, then silence: killed for the stall after one interval, every run.
-  probe.SetTool("echo h\necho h\necho '0 0 0 1000 2000 3 4 5 6 7 8 9 10 11 12 77'\nexec sleep 600\n");
+  // One sample, then silence: killed for the stall after one interval, every
+  // run. Each run notes the descriptors it was given.
+  probe.SetTool("ls -l /proc/$$/fd | sed 's/.* \\([0-9]*\\) -> /\\1 /' >" + probe.dir() + "/fds\n"
+                "echo h\necho h\necho '0 0 0 1000 2000 3 4 5 6 7 8 9 10 11 12 77'\nexec sleep 600\n");
   probe.Set("metricsport", std::to_string(metrics));
   probe.Set("toolstallintervals", "1");
   probe.Set("toolprocessgroup", "1");
@@ -158,6 +160,10 @@ TEST(OperatorTest, PrometheusScrapesTheProbeRunsTheDashboardAndFiresOnAStalledTo
     return query("ALERTS{alertname=\"QuelmloadprobeToolRestarting\", alertstate=\"firing\"}", ".data.result | length == 1");
   }, 90s)) << Page(metrics);
   EXPECT_GT(Sum(Page(metrics), "quelmloadprobe_tool_restarts_total\\{reason=\"stall\"\\}"), 2);
+  // The tool got its pipe and standard error, none of the probe's sockets.
+  const std::string fds = "\n" + ProbeRunner::ReadFile(dir + "/fds");
+  EXPECT_NE(fds.find("\n1 "), std::string::npos) << fds;
+  EXPECT_FALSE(std::regex_search(fds, std::regex("\n([3-9]|[1-9][0-9]+) socket:"))) << fds;
   EXPECT_EQ(probe.Stop(SIGTERM), 92);
 }
 
