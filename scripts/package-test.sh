@@ -8,7 +8,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 if [ "$(id -u)" -ne 0 ]; then echo "package-test: SKIPPED, dpkg -i needs root"; exit 0; fi
-bash scripts/deps.sh debhelper dpkg-dev fakeroot lintian man-db
+bash scripts/deps.sh build-essential debhelper dpkg-dev lintian man-db
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 trap 'echo "package-test: FAILED at line $LINENO" >&2' ERR

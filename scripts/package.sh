@@ -6,7 +6,7 @@
 # when set, name the package's maintainer.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-bash scripts/deps.sh debhelper dpkg-dev fakeroot
+bash scripts/deps.sh build-essential debhelper dpkg-dev
 out=$(realpath -m "${1:-build-deb}")
 rm -rf "$out" && mkdir -p "$out/src"
 tar --exclude='./build*' --exclude='./obj-*' --exclude=./.git --exclude=./var -cf - . | tar -xf - -C "$out/src"
