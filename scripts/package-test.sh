@@ -24,7 +24,7 @@ deb=$(ls "$work"/quelmloadprobe_*.deb)
 dpkg-deb -f "$deb" Depends | grep -q '\bprocps\b' || fail "no dependency on procps (vmstat)"
 dpkg-deb -f "$deb" Depends | grep -q 'libstdc++6' || fail "the C++ runtime is not a shared dependency"
 
-lintian --fail-on error,warning "$deb" >"$work/lintian.txt" 2>&1 || true
+lintian -I -E --pedantic --show-overrides --fail-on error,warning "$deb" >"$work/lintian.txt" 2>&1 || true
 grep -v 'root privileges' "$work/lintian.txt" || true
 if grep -q "^[EW]:" "$work/lintian.txt"; then fail "lintian"; fi
 
@@ -45,6 +45,7 @@ for round in 1 2; do
   /usr/sbin/quelmloadprobe --check-config /etc/quelmloadprobe >/dev/null || fail "the packaged configuration does not check"
   rmdir /run/quelmloadprobe
   [ "$(/usr/sbin/quelmloadprobe --version)" = "quelmloadprobe $(dpkg-deb -f "$deb" Version)" ] || fail "--version"
+  bash -n /usr/share/bash-completion/completions/quelmloadctl || fail "the bash completion does not parse"
   for page in /usr/share/man/man8/quelmloadprobe.8.gz /usr/share/man/man1/quelmloadctl.1.gz \
               /usr/share/man/man5/quelmloadbalancing.properties.5.gz; do
     warnings=$(MANWIDTH=80 man --warnings -E UTF-8 -l "$page" 2>&1 >/dev/null)
