@@ -6,6 +6,7 @@
 #include "agent/Logging.h"
 #include "agent/Messages.h"
 #include "agent/RunAs.h"
+#include "foundation/log/OmLog.h"
 #include "foundation/string/OmCodeset.h"
 #include "foundation/string/OmFile.h"
 
@@ -36,14 +37,22 @@ OmUniString keyName(SettingKey::Id id) { return OmUniString(kSettingKeys[id].nam
 
 }  // namespace
 
-Bootstrap::Bootstrap(const OmUniString& dir, unsigned procs)
-    : directory(dir), processors(static_cast<int32_t>(procs)) {
+namespace {
+
+OmUniString everyMessageToConsole() {
+  return OmUniString("*/*/*:") + OmUniString(OmLog::GetStdErrStr());
+}
+
+}  // namespace
+
+Bootstrap::Bootstrap(const OmUniString& dir, unsigned procs, bool check)
+    : directory(dir), processors(static_cast<int32_t>(procs)), checkOnly(check) {
   // Without a directory nothing is loaded and the defaults stand.
   if (directory.IsEmpty()) return;
 
   const OmUniString path = directory + bootstrapFile;
   if (!props.Load(path)) {
-    bootLogger = new Logging(values.logDirectory, values.logFilter);
+    bootLogger = new Logging(values.logDirectory, checkOnly ? everyMessageToConsole() : values.logFilter);
     LogPropsNotFound(path);
     return;
   }
@@ -72,7 +81,7 @@ Bootstrap::Bootstrap(const OmUniString& dir, unsigned procs)
   const OmUniString* filterText = props.Get(keyName(SettingKey::LogFilter));
   if (filterText != nullptr) values.logFilter = *filterText;
 
-  bootLogger = new Logging(values.logDirectory, values.logFilter);
+  bootLogger = new Logging(values.logDirectory, checkOnly ? everyMessageToConsole() : values.logFilter);
 
   if (props.BadLine() != 0) LogPropsMalformed(path, OmUniString(encoding->Name()), props.BadLine());
   const OmUniString defaultDir(kSettingKeys[SettingKey::LogDirectory].defaultText);

@@ -34,7 +34,9 @@ class Bootstrap {
   static const OmUniString DEFAULT_LOGDIR;
   static const OmUniString DEFAULT_LOGFILTER;
 
-  Bootstrap(const OmUniString& directory, unsigned processors);
+  // checkOnly: every message goes to standard error and no log file is
+  // opened, so that a configuration can be checked beside a running probe.
+  Bootstrap(const OmUniString& directory, unsigned processors, bool checkOnly = false);
   Bootstrap(const Bootstrap&) = delete;
   Bootstrap& operator=(const Bootstrap&) = delete;
 
@@ -62,6 +64,7 @@ class Bootstrap {
 
   OmUniString directory;
   int32_t processors;
+  bool checkOnly;
   OmProperties props;
   Settings values;
   // The file's own character set when it names one (null: read as US-ASCII,

@@ -3,6 +3,7 @@
 #include <sys/resource.h>
 
 #include "agent/Bootstrap.h"
+#include "agent/CommandLine.h"
 #include "agent/Globals.h"
 #include "agent/Messages.h"
 #include "agent/PidFile.h"
@@ -116,6 +117,7 @@ void finishAcceptedRequests() {
 }  // namespace
 
 int probeMain(int argc, char** argv) {
+  if (const int status = runCommandLineFlag(argc, argv); status >= 0) return status;
   the_current_process = &pr;
   raiseOpenFileLimit();
 

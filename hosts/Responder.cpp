@@ -20,12 +20,15 @@ Responder::Responder() {
   if (!socket.Bind(OmSocketAddress(OmInetAddr()), OmSocket::Datagram, false, 0, false)) {
     LogResponderBindFailed(socket.LastError().Reason());
   }
+  // The measuring tool has no business with the load packets' socket.
+  socket.SetCloseOnExec(true);
   // Only when subscribers may be IPv6: a machine without IPv6 then stays silent.
   if (mySettings != nullptr && mySettings->ipv6 != 0 &&
       !socket6.Bind(OmSocketAddress(OmInetAddr::AddressAny6()), OmSocket::Datagram, false, 0,
                     false)) {
     LogResponderIPv6Failed(socket6.LastError().Reason());
   }
+  socket6.SetCloseOnExec(true);
 }
 
 namespace {

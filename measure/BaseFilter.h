@@ -23,10 +23,21 @@ class BaseFilter {
   // Forgets the running average at the start of a tool run.
   virtual void resetFilter() = 0;
 
+  // Whether output was refused as unreadable since the last call (not a run
+  // the filter merely ended early, which the vmstat filter does by design).
+  bool takeRefusal() {
+    const bool was = refused;
+    refused = false;
+    return was;
+  }
+
   // A new filter of that name (memory maxima in KiB), owned by the caller;
   // null, with a logged message, when the name is not recognised.
   static BaseFilter* createFilter(const OmUniString& name, uint32_t maxVirtualMemory,
                                   uint32_t maxPhysMemory);
+
+ protected:
+  bool refused = false;
 };
 
 #endif  // QUELM_MEASURE_BASEFILTER_H_

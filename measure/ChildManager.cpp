@@ -142,6 +142,7 @@ int ChildManager::forkChild() {
       loop.AddFileEvent(static_cast<unsigned>(pipeFd), true, false, &readpipeCallback);
       runStart = OmTimeVal::now();
       runTroubled = false;
+      ++probeCounters.toolRuns;
       armStall();
       return childPid;
     }
@@ -157,6 +158,7 @@ int ChildManager::forkChild() {
       // Tried again from the loop, which keeps serving meanwhile; a lasting
       // shortage of descriptors or processes never ends the probe.
       if (firstOfEpisode(StartFailed)) LogToolStartFailed(pr.LastError().Reason(), sampleRate);
+      ++probeCounters.toolBadEnds[ProbeCounters::StartFailed];
       childPid = -1;
       startTimer.Arm(OmTimeVal::now().PlusSeconds(sampleRate));
       return -1;
@@ -212,6 +214,7 @@ void ChildManager::readpipeCB(OmEventCallback*, OmEvent::cbdispatch reason) {
       const unsigned long limit = mySettings->toolBufferLimit;
       if (limit != 0 && capacity * 2 > limit) {
         if (firstOfEpisode(BufferLimit)) LogToolBufferLimit(static_cast<unsigned>(limit));
+        badEnd = ProbeCounters::FilterFailed;
         restart(true);
         return;
       }
@@ -238,6 +241,7 @@ void ChildManager::closePipe() {
 }
 
 void ChildManager::restart(bool filterFailed) {
+  if (filterFailed && filter->takeRefusal()) badEnd = ProbeCounters::FilterFailed;
   closePipe();
   emptyReads = 0;
   if (childPid > 0) {
@@ -261,11 +265,15 @@ void ChildManager::restart(bool filterFailed) {
 void ChildManager::afterRun() {
   if (idle >= 0) runEnded(static_cast<unsigned>(idle));
   filter->resetFilter();
-  ++probeCounters.toolRestarts;
 
   // A tool that ends at once would be restarted as fast as it can fork: its
   // next start waits until a sample interval after the previous one.
   const OmTimeVal now = OmTimeVal::now();
+  if (badEnd == ProbeCounters::ToolEnds && now < runStart.PlusSeconds(sampleRate)) {
+    badEnd = ProbeCounters::EndedEarly;
+  }
+  if (badEnd != ProbeCounters::ToolEnds) ++probeCounters.toolBadEnds[badEnd];
+  badEnd = ProbeCounters::ToolEnds;
   const bool early = mySettings->toolRestartBackoff != 0 && now < runStart.PlusSeconds(sampleRate);
   if (early && !runTroubled && firstOfEpisode(EndedAtOnce)) {
     LogToolEndedAtOnce(now.seconds - runStart.seconds, sampleRate);
@@ -320,6 +328,7 @@ void ChildManager::disarmStall() { stallTimer.Cancel(); }
 void ChildManager::stallCB(OmEventCallback*, OmEvent::cbdispatch reason) {
   if (reason != OmEvent::fired) return;
   if (firstOfEpisode(Stalled)) LogToolStalled(mySettings->toolStallIntervals * sampleRate);
+  badEnd = ProbeCounters::Stalled;
   restart(false);
 }
 
@@ -373,6 +382,8 @@ void ChildManager::deadkidCB(OmUnixProcess::ChildCallback*, OmUnixProcess::child
   }
   // The leader is gone; what it left running in its group goes too.
   if (mySettings->toolProcessGroup != 0 && childPid > 0) kill(-childPid, SIGKILL);
+  // The child's own exit status when the program could not be run.
+  if (info.signal == 0 && info.exitCode == 127) badEnd = ProbeCounters::StartFailed;
   if (pipeFd >= 0) {
     const long n = read(pipeFd, writePos, freeSpace);
     if (n >= 1) appendRead(n);

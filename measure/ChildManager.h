@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "agent/Counters.h"
 #include "foundation/event/OmCallback.h"
 #include "foundation/event/OmTimer.h"
 #include "foundation/process/OmUnixProcess.h"
@@ -98,6 +99,8 @@ class ChildManager {
   int speedIdle = 0;  // the run that asked for the recalculation under way
 
   unsigned sampleRate = 0;
+  // Why the current run is ending badly, for the metrics (ToolEnds: it is not).
+  ProbeCounters::ToolEnd badEnd = ProbeCounters::ToolEnds;
   unsigned windowSize = 0;
 
   // The read buffer holds one byte more than its capacity for the terminator.

@@ -140,6 +140,7 @@ bool VmstatFilter::doFiltering(char* data, int length, int& idle) {
                                   &f[12], &f[13], &f[14], &f[15]);
       if (got < 16) {
         LogDataNotRecognised(mySettings->probePath, OmUniString(line));
+        refused = true;
         return false;
       }
       addSample(static_cast<uint32_t>(f[3]), static_cast<uint32_t>(f[4]),

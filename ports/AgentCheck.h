@@ -23,9 +23,17 @@ std::unique_ptr<StatsPacket> probeAverage();
 class AgentCheck : public ReplyListener::Service {
  public:
   explicit AgentCheck(const Settings& settings) : settings(settings), weight(settings) {}
+  ~AgentCheck() override;
 
   Verdict serve(const OmByteBuffer& received, OmByteBuffer& reply) override;
 
+  // What the cache's figures alone say, without noting anything.
+  AgentWeight::Weight weightFor(const StatsPacket& average) const;
+  // For the metrics page: the last answer of the agent check that serves
+  // the port, or, before it has answered, what the figures say (false while
+  // nothing is measured).
+  static bool weightNow(const StatsPacket* average, const Settings& settings,
+                        AgentWeight::Weight& now);
   // The line for these figures (null: nothing measured yet, which leaves the
   // server as the balancer has it). Notes a change between drain and ready.
   std::string answerFor(const StatsPacket* average);
@@ -35,6 +43,7 @@ class AgentCheck : public ReplyListener::Service {
  private:
   const Settings& settings;
   AgentWeight weight;  // the drain state and the last weight
+  static const AgentCheck* serving;  // the one that answered last
 };
 
 #endif  // QUELM_PORTS_AGENTCHECK_H_

@@ -39,24 +39,8 @@ bool AgentWeight::shouldDrain(const AgentFigures& f, unsigned margin) const {
   return false;
 }
 
-std::string AgentWeight::answer(const AgentFigures& f) {
-  const bool drain = shouldDrain(f, draining ? settings.agentCheckReadyMargin : 0);
-  if (drain != draining) {
-    draining = drain;
-    const unsigned pressureLine = settings.agentCheckDrainPressure;
-    if (!drain) {
-      LogAgentCheckReady(f.idle, f.memory);
-    } else if (pressureLine != 0 && f.pressureKnown && f.cpuPressure > pressureLine) {
-      LogAgentCheckPressureDrain(f.cpuPressure);
-    } else {
-      LogAgentCheckDrain(f.idle, f.memory);
-    }
-  }
-  if (drain) {
-    lastWeight = 0;  // a server back from drain starts low when rises are limited
-    return "drain\n";
-  }
-
+AgentWeight::Weight AgentWeight::decide(const AgentFigures& f) const {
+  if (shouldDrain(f, draining ? settings.agentCheckReadyMargin : 0)) return {true, 0};
   const unsigned memoryShare = std::min<unsigned>(settings.agentCheckMemoryWeight, 100);
   // Without pressure figures their share goes back to idle.
   const unsigned pressureShare =
@@ -69,8 +53,26 @@ std::string AgentWeight::answer(const AgentFigures& f) {
   if (maxRise != 0 && lastWeight >= 0) {
     weight = std::min(weight, std::max(1u, static_cast<unsigned>(lastWeight) + maxRise));
   }
-  lastWeight = static_cast<int>(weight);
-  const std::string percent = std::to_string(weight) + "%\n";
+  return {false, weight};
+}
+
+std::string AgentWeight::answer(const AgentFigures& f) {
+  const Weight w = decide(f);
+  if (w.drain != draining) {
+    draining = w.drain;
+    const unsigned pressureLine = settings.agentCheckDrainPressure;
+    if (!w.drain) {
+      LogAgentCheckReady(f.idle, f.memory);
+    } else if (pressureLine != 0 && f.pressureKnown && f.cpuPressure > pressureLine) {
+      LogAgentCheckPressureDrain(f.cpuPressure);
+    } else {
+      LogAgentCheckDrain(f.idle, f.memory);
+    }
+  }
+  // A server back from drain starts low when rises are limited.
+  lastWeight = static_cast<int>(w.percent);
+  if (w.drain) return "drain\n";
+  const std::string percent = std::to_string(w.percent) + "%\n";
   // Only a probe that may drain says ready: otherwise the server's
   // administrative state stays the operator's alone.
   const bool mayDrain = settings.agentCheckDrainIdle != 0 || settings.agentCheckDrainMemory != 0 ||

@@ -25,7 +25,19 @@ class AgentWeight {
  public:
   explicit AgentWeight(const Settings& settings) : settings(settings) {}
 
+  // An answer's content: drain, or the weight in percent (1 to 100).
+  struct Weight {
+    bool drain;
+    unsigned percent;
+  };
+  // What the next answer would be for these figures, noting nothing.
+  Weight decide(const AgentFigures& figures) const;
+  // The answer's line; notes the drain state (logged when it changes) and
+  // the weight, which the next answer rises from.
   std::string answer(const AgentFigures& figures);
+  // The last answer, once there is one.
+  bool answered() const { return lastWeight >= 0; }
+  Weight last() const { return {draining, draining ? 0u : static_cast<unsigned>(lastWeight)}; }
 
   // The figures for an answer now: idle from the cache's average, or, with
   // an in-process load source, over the time since the previous check; the

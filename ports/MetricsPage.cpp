@@ -16,6 +16,7 @@
 #include "hosts/HostListMgr.h"
 #include "measure/Bogomips.h"
 #include "measure/Cache.h"
+#include "measure/ChildManager.h"
 #include "measure/LoadSampler.h"
 #include "ports/AgentCheck.h"
 #include "ports/PressureMetrics.h"
@@ -94,6 +95,39 @@ std::string response(const char* status, const char* extraHeaders, const std::st
   return withBody ? head + body : head;
 }
 
+// What alerts and dashboards key on: the build, the tool's runs and bad
+// ends, the agent check's verdict and the limits the figures are held to.
+void operatorFigures(Exposition& e, const Settings& settings, const StatsPacket* average) {
+  e.family("quelmloadprobe_build_info", "gauge", "The probe's version; always 1.")
+      .sample("quelmloadprobe_build_info", 1, label("version", QUELM_VERSION));
+  const ProbeCounters& c = probeCounters;
+  e.one("quelmloadprobe_tool_runs_total", "counter", "Starts of the measuring tool.",
+        static_cast<double>(c.toolRuns));
+  e.family("quelmloadprobe_tool_restarts_total", "counter",
+           "Runs of the measuring tool that ended badly and were started again, by why.");
+  const char* const reasons[ProbeCounters::ToolEnds] = {"stall", "start", "filter", "early"};
+  for (int r = 0; r < ProbeCounters::ToolEnds; ++r) {
+    e.sample("quelmloadprobe_tool_restarts_total", static_cast<double>(c.toolBadEnds[r]),
+             label("reason", reasons[r]));
+  }
+  e.one("quelmloadprobe_sample_interval_seconds", "gauge", "Seconds between two samples of the tool.",
+        myChildManager != nullptr ? myChildManager->getSampleRate() : settings.sampleRate);
+  e.one("quelmloadprobe_subscribers_limit", "gauge", "Subscribed hosts at most (0: no limit).",
+        settings.maxSubscribers);
+  AgentWeight::Weight weight{};
+  if (AgentCheck::weightNow(average, settings, weight)) {
+    e.one("quelmloadprobe_agent_weight_ratio", "gauge",
+          "The weight the agent check answers, 0.01 to 1 of the configured weight.",
+          weight.percent / 100.0);
+    e.one("quelmloadprobe_drain", "gauge", "1 while the agent check answers drain, else 0.",
+          weight.drain ? 1 : 0);
+  }
+}
+
+const char kLandingPage[] =
+    "<!DOCTYPE html>\n<html><head><title>quelmloadprobe</title></head>\n"
+    "<body><h1>quelmloadprobe</h1><p><a href=\"/metrics\">Metrics</a></p></body></html>\n";
+
 }  // namespace
 
 std::string MetricsPage::page() {
@@ -145,10 +179,10 @@ std::string MetricsPage::page() {
            label("port", "command"));
   e.sample("quelmloadprobe_bad_requests_total", static_cast<double>(c.metricsBadRequests),
            label("port", "metrics"));
-  e.one("quelmloadprobe_tool_restarts_total", "counter", "Runs of the measuring tool that ended.",
-        static_cast<double>(c.toolRestarts));
   e.one("quelmloadprobe_agent_checks_total", "counter", "Agent check answers given.",
         static_cast<double>(c.agentChecks));
+
+  operatorFigures(e, settings, average.get());
 
   const ProcessFigures p = readProcess();
   e.one("process_cpu_seconds_total", "counter", "User and system CPU time spent in seconds.", p.cpuSeconds);
@@ -192,6 +226,8 @@ ReplyListener::Service::Verdict MetricsPage::serve(const OmByteBuffer& received,
       const bool head = method == "HEAD";
       if (method != "GET" && !head) {
         answer = response("405 Method Not Allowed", "Allow: GET, HEAD\r\n", "Method Not Allowed\n", true);
+      } else if (target == "/") {
+        answer = response("200 OK", "", kLandingPage, !head, "text/html; charset=utf-8");
       } else if (target != "/metrics") {
         answer = response("404 Not Found", "", "Not Found\n", !head);
       } else {

@@ -70,8 +70,10 @@ class ProbeRunner {
   static void WriteFile(const std::string& path, const std::string& text);
 
  private:
+  // The sample's files hold the pid; the package's do not.
   std::string LogBase() const {
-    return dir_ + "/logs/quelmloadprobe" + std::to_string(pid_) + "_error";
+    const std::string withPid = dir_ + "/logs/quelmloadprobe" + std::to_string(pid_) + "_error";
+    return fs::exists(withPid + ".log") ? withPid : dir_ + "/logs/quelmloadprobe";
   }
   std::string dir_;
   std::map<std::string, std::string> props_, env_;

@@ -94,8 +94,8 @@ TEST(ReplyPortsTest, HaproxyWeighsAndDrainsByTheProbeAndPromtoolReadsItsPage) {
                               "quelmloadprobe_bad_requests_total{port=\"command\"}"}) {
     EXPECT_EQ(Metric(after, counter), Metric(before, counter) + 1) << counter;
   }
-  EXPECT_GT(Metric(after, "quelmloadprobe_tool_restarts_total"),
-            Metric(before, "quelmloadprobe_tool_restarts_total"));
+  EXPECT_GT(Metric(after, "quelmloadprobe_tool_runs_total"),
+            Metric(before, "quelmloadprobe_tool_runs_total"));
   EXPECT_EQ(Metric(after, "quelmloadprobe_subscribers"), 1);
   // Other paths, other methods and garbage get an answer and a closed connection.
   EXPECT_EQ(Shell("curl -s -o /dev/null -w '%{http_code}' " + url + "/other").out, "404");

@@ -20,17 +20,17 @@ const std::map<std::string, Command> kCommands = {
 // port for get, create and kill, the requested port for admin and the UDP
 // port for listen.
 const std::map<Command, std::set<std::string>> kCommandOptions = {
-    {Command::Get, {"host", "port", "timeout", "pretty"}},
+    {Command::Get, {"host", "port", "timeout", "pretty", "json"}},
     {Command::Create,
      {"host", "port", "timeout", "id", "subscriber", "samplerate", "windowsize", "replyfreq",
-      "percentchange", "stat"}},
-    {Command::Kill, {"host", "port", "timeout", "id"}},
-    {Command::Admin, {"host", "timeout", "samplerate", "windowsize", "port"}},
-    {Command::Listen, {"port", "count", "pretty", "timeout"}},
+      "percentchange", "stat", "json"}},
+    {Command::Kill, {"host", "port", "timeout", "id", "json"}},
+    {Command::Admin, {"host", "timeout", "samplerate", "windowsize", "port", "json"}},
+    {Command::Listen, {"port", "count", "pretty", "timeout", "json"}},
 };
 
-const std::set<std::string> kGlobalOptions = {"host", "port", "timeout"};
-const std::set<std::string> kFlags = {"pretty", "help"};
+const std::set<std::string> kGlobalOptions = {"host", "port", "timeout", "json"};
+const std::set<std::string> kFlags = {"pretty", "help", "json", "version"};
 const std::set<std::string> kStatNames = {"cpu", "bogo", "vmem"};
 
 uint32_t parseNumber(const std::string& option, const std::string& text, uint32_t min,
@@ -106,9 +106,14 @@ class Parser {
     Options o;
     std::set<std::string> globals;
     // Options before the command word concern the connection.
-    while (pos_ < args_.size() && isOption(args_[pos_])) {
+    while (pos_ < args_.size() && (isOption(args_[pos_]) || args_[pos_] == "-h")) {
+      if (args_[pos_] == "-h") return o;
       const auto [name, value] = next();
       if (name == "help") return o;
+      if (name == "version") {
+        o.command = Command::Version;
+        return o;
+      }
       if (kGlobalOptions.count(name) == 0) throw UsageError("unknown option '--" + name + "'");
       applyConnection(name, value, o);
       globals.insert(name);
@@ -125,6 +130,10 @@ class Parser {
     std::set<std::string> given;
     const std::set<std::string>& allowed = kCommandOptions.at(o.command);
     while (pos_ < args_.size()) {
+      if (args_[pos_] == "-h") {
+        o.command = Command::Help;
+        return o;
+      }
       if (!isOption(args_[pos_])) throw UsageError("unexpected argument '" + args_[pos_] + "'");
       const auto [name, value] = next();
       if (name == "help") {
@@ -137,6 +146,7 @@ class Parser {
       applyCommand(name, value, o);
       given.insert(name);
     }
+    if (o.json && o.pretty) throw UsageError("--json and --pretty exclude each other");
     checkRequired(o, given, found->first);
     return o;
   }
@@ -178,6 +188,8 @@ class Parser {
     } else if (name == "timeout") {
       o.timeoutMs = parseNumber(name, value, 1, 86400000);
       o.timeoutGiven = true;
+    } else if (name == "json") {
+      o.json = true;
     }
   }
 
@@ -187,7 +199,7 @@ class Parser {
       o.adminPort = parsePort(name, value);
     } else if (name == "port" && o.command == Command::Listen) {
       o.listenPort = parsePort(name, value, 0);
-    } else if (name == "host" || name == "port" || name == "timeout") {
+    } else if (name == "host" || name == "port" || name == "timeout" || name == "json") {
       applyConnection(name, value, o);
     } else if (name == "pretty") {
       o.pretty = true;
@@ -246,13 +258,14 @@ class Parser {
 Options parseCommandLine(const std::vector<std::string>& args) { return Parser(args).parse(); }
 
 const char* usageText() {
-  return R"(Usage: quelmloadctl [--host H] [--port P] [--timeout MS] COMMAND [OPTIONS]
+  return R"(Usage: quelmloadctl [--host H] [--port P] [--timeout MS] [--json] COMMAND [OPTIONS]
+       quelmloadctl -h | --help | --version
 
 Talks to a quelmloadprobe command port (default 127.0.0.1:3579), one request
 per connection, and prints the reply document.
 
 Commands:
-  get [--pretty]
+  get [--pretty | --json]
       Show the probe's settings, load and subscribed hosts. --pretty prints
       them indented, with the hosts in a table.
   create --id N --subscriber HOST:UDPPORT|[IPV6]:UDPPORT --stat cpu[,bogo][,vmem]
@@ -264,7 +277,7 @@ Commands:
   admin --samplerate MS --windowsize N [--port P2]
       Send an admin request (the probe answers "Command not implemented").
       P2 defaults to the probe's port.
-  listen --port UDPPORT [--count N] [--pretty]
+  listen --port UDPPORT [--count N] [--pretty | --json]
       Receive load packets on UDP port UDPPORT (0: any free port) on all
       addresses, IPv4 and IPv6, and print one per line (--pretty: id, seqno
       and stats), until N packets arrived or --timeout ran out.
@@ -274,7 +287,9 @@ Options:
   --port P        probe's command port (default 3579); after admin or listen
                   it is that command's own port
   --timeout MS    give up after MS milliseconds (default 5000; listen: none)
-  --help          show this text
+  --json          print each reply or load packet as one JSON object a line
+  -h, --help      show this text
+  --version       print the version
 
 Exit status: 0 success, 1 the probe answered with an error, 2 no connection,
 no reply or socket failure, 64 bad arguments.

@@ -14,7 +14,7 @@ constexpr int kExitErrorReply = 1;  // the probe answered with an error
 constexpr int kExitNoProbe = 2;     // connection, reply or socket failure
 constexpr int kExitUsage = 64;      // bad command line (EX_USAGE)
 
-enum class Command { Help, Get, Create, Kill, Admin, Listen };
+enum class Command { Help, Version, Get, Create, Kill, Admin, Listen };
 
 // Everything the command line can say; defaults are those of a typical
 // load balancer subscription.
@@ -25,6 +25,7 @@ struct Options {
   unsigned timeoutMs = 5000;
   bool timeoutGiven = false;
   bool pretty = false;
+  bool json = false;  // one JSON object per reply or packet
 
   // create and kill
   uint32_t id = 0;

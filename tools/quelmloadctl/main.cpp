@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "tools/quelmloadctl/CommandClient.h"
+#include "tools/quelmloadctl/Json.h"
 #include "tools/quelmloadctl/LoadListener.h"
 #include "tools/quelmloadctl/Options.h"
 #include "tools/quelmloadctl/Reply.h"
@@ -53,7 +54,9 @@ int runCommand(const Options& o) {
     return kExitNoProbe;
   }
   const std::string type = replyType(reply);
-  if (o.pretty && type == "get") {
+  if (o.json) {
+    printLine(replyJson(reply));
+  } else if (o.pretty && type == "get") {
     std::fputs(prettyGetReply(reply).c_str(), stdout);
   } else {
     printLine(reply);
@@ -94,7 +97,9 @@ int runListen(const Options& o) {
         break;
     }
     const std::string parsed = o.pretty ? prettyLoadPacket(packet) : "";
-    if (o.pretty && parsed.empty()) {
+    if (o.json) {
+      printLine(packetJson(packet));
+    } else if (o.pretty && parsed.empty()) {
       printLine("not a load packet: " + printable(packet));
     } else {
       printLine(o.pretty ? parsed : printable(packet));
@@ -115,6 +120,9 @@ int main(int argc, char** argv) {
     switch (o.command) {
       case Command::Help:
         std::fputs(usageText(), stdout);
+        return kExitOk;
+      case Command::Version:
+        std::printf("quelmloadctl %s\n", QUELM_VERSION);
         return kExitOk;
       case Command::Listen:
         return runListen(o);
