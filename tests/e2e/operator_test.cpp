@@ -48,7 +48,7 @@ TEST(OperatorTest, FlagsPrintAndExitAndCheckConfigNamesTheBadKey) {
       // The packaged values, effective; nothing to say about them.
       {{"--check-config", good}, 0, "\n" + kKey + "subscriberallow=127\\.0\\.0\\.0/8,10\\.0\\.0\\.0/8,", "^$"},
       // A bad value: its key named, the default in effect, every key printed.
-      {{"--check-config", bad}, 1, "\n" + kKey + "maxconnections=0\n[^]*metricsaddress=127\\.0\\.0\\.1\n$",
+      {{"--check-config", bad}, 1, "\n" + kKey + "maxconnections=0\n[^]*metricsaddress=127\\.0\\.0\\.1\n",
        "attribute " + kKey + "maxconnections has the value"},
       {{"--check-config", folder.dir() + "/none"}, 1, "^" + kKey + "port=3579\n", "was not found"},
   };
