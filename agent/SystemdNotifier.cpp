@@ -27,8 +27,6 @@ SystemdNotifier::SystemdNotifier(OmEventLoop& l)
 SystemdNotifier::~SystemdNotifier() {
   pr.RemoveSignalCallback(SIGHUP, &reloadStartCallback);
   pr.RemoveSignalCallback(SIGHUP, &reloadEndCallback);
-  if (readyArmed) loop.RemoveTimeoutEvent(readyDue, &readyCallback);
-  if (watchdogArmed) loop.RemoveTimeoutEvent(watchdogDue, &watchdogCallback);
 }
 
 void SystemdNotifier::send(const std::string& state) {
@@ -47,12 +45,10 @@ void SystemdNotifier::catchReloadStart() { pr.CatchSignal(SIGHUP, &reloadStartCa
 void SystemdNotifier::catchReloadEnd() { pr.CatchSignal(SIGHUP, &reloadEndCallback); }
 
 void SystemdNotifier::readyAtLoopStart() {
-  readyDue = OmTimeVal::now();
-  readyArmed = loop.AddTimeoutEvent(readyDue, &readyCallback);
+  readyTimer.Arm(OmTimeVal::now());
 }
 
 void SystemdNotifier::readyCB(OmEventCallback*, OmEvent::cbdispatch reason) {
-  readyArmed = false;
   if (reason != OmEvent::fired) return;
   send("READY=1\nMAINPID=" + std::to_string(getpid()));
   if (watchdogMicros != 0) {
@@ -64,13 +60,11 @@ void SystemdNotifier::readyCB(OmEventCallback*, OmEvent::cbdispatch reason) {
 void SystemdNotifier::armWatchdog() {
   // Half the interval: one late turn of the loop is no reason to be killed.
   const uint64_t half = watchdogMicros / 2;
-  watchdogDue = OmTimeVal::now().PlusSeconds(static_cast<uint32_t>(half / 1000000));
-  watchdogDue = OmTimeVal(watchdogDue.seconds, watchdogDue.microseconds + half % 1000000);
-  watchdogArmed = loop.AddTimeoutEvent(watchdogDue, &watchdogCallback);
+  const OmTimeVal whole = OmTimeVal::now().PlusSeconds(static_cast<uint32_t>(half / 1000000));
+  watchdogTimer.Arm(OmTimeVal(whole.seconds, whole.microseconds + half % 1000000));
 }
 
 void SystemdNotifier::watchdogCB(OmEventCallback*, OmEvent::cbdispatch reason) {
-  watchdogArmed = false;
   if (reason != OmEvent::fired) return;
   send("WATCHDOG=1");
   armWatchdog();

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "foundation/event/OmCallback.h"
+#include "foundation/event/OmTimer.h"
 #include "foundation/string/OmTimeVal.h"
 
 class OmEventLoop;
@@ -39,10 +40,11 @@ class SystemdNotifier {
 
   OmEventLoop& loop;
   uint64_t watchdogMicros = 0;  // 0: no watchdog asked for
-  OmTimeVal readyDue, watchdogDue;
-  bool readyArmed = false, watchdogArmed = false, failing = false;
+  bool failing = false;
   OmSimpleCallback<OmEvent::cbdispatch, SystemdNotifier> readyCallback;
   OmSimpleCallback<OmEvent::cbdispatch, SystemdNotifier> watchdogCallback;
+  OmTimer readyTimer{loop, &readyCallback};
+  OmTimer watchdogTimer{loop, &watchdogCallback};
   OmSimpleCallback<OmEvent::cbdispatch, SystemdNotifier> reloadStartCallback;
   OmSimpleCallback<OmEvent::cbdispatch, SystemdNotifier> reloadEndCallback;
 };

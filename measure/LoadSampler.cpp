@@ -46,26 +46,21 @@ LoadSampler::LoadSampler(OmEventLoop& l, const Settings& s, Cache& c, SampleObse
   checkCgroup = cgroupSampler;
 }
 
-LoadSampler::~LoadSampler() {
-  if (armed) loop.RemoveTimeoutEvent(due, &sampleCallback);
-}
+LoadSampler::~LoadSampler() = default;
 
 void LoadSampler::start() {
   takeSample(steadyNow());  // primes: a figure needs an interval
   due = OmTimeVal::now().PlusSeconds(settings.sampleRate);
-  armed = true;
-  loop.AddTimeoutEvent(due, &sampleCallback);
+  sampleTimer.Arm(due);
 }
 
 void LoadSampler::sampleCB(OmEventCallback*, OmEvent::cbdispatch reason) {
   if (reason != OmEvent::fired) return;
-  armed = false;
   // Re-armed first: a sample's observers may take a second (the speed
   // estimate), which must not shift the sampling.
   const uint32_t rate = myChildManager != nullptr ? myChildManager->getSampleRate() : settings.sampleRate;
   due = due.PlusSeconds(rate);
-  armed = true;
-  loop.AddTimeoutEvent(due, &sampleCallback);
+  sampleTimer.Arm(due);
   takeSample(steadyNow());
 }
 

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "foundation/event/OmCallback.h"
+#include "foundation/event/OmTimer.h"
 #include "foundation/string/OmTimeVal.h"
 #include "measure/CgroupSampler.h"
 #include "measure/Pressure.h"
@@ -60,8 +61,8 @@ class LoadSampler {
   CgroupSampler cgroupSampler, checkCgroup;
   bool cgroupOpen = false;
   uint64_t maxVirtualMemory;  // KiB; raised like the vmstat filter's
-  OmTimeVal due;
-  bool armed = false;
+  OmTimer sampleTimer{loop, &sampleCallback};
+  OmTimeVal due;  // the next sample's time: each follows the last by the rate, without drift
   double lastCheck = 0;
   int lastCheckIdle = -1;
 };
