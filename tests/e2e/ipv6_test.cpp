@@ -7,16 +7,26 @@
 
 #include "probe_runner.h"
 
-TEST(Ipv6Test, SubscribersOverIpv6AndTheMetricsPageOverLoopback6) {
+namespace {
+
+bool HaveIpv6Loopback() {
   const int six = socket(AF_INET6, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   sockaddr_in6 at{AF_INET6, 0, 0, in6addr_loopback, 0};
-  const bool noIpv6 = bind(six, reinterpret_cast<sockaddr*>(&at), sizeof at) != 0;
+  const bool bound = bind(six, reinterpret_cast<sockaddr*>(&at), sizeof at) == 0;
   close(six);
-  if (noIpv6) GTEST_SKIP() << "no IPv6 loopback (::1) on this machine";
+  return bound;
+}
+
+// Idle 77 at once: a threshold of 30 from a new host's 0 sends a packet.
+const char kTool[] = "echo h1\necho h2\necho '1 1 1 1 1 1 1 1 1 1 1 1 1 1 1 1'\n"
+                     "echo '0 0 0 1000 2000 3 4 5 6 7 8 9 10 11 12 77'\nexec sleep 60 >&- <&-\n";
+
+}  // namespace
+
+TEST(Ipv6Test, SubscribersOverIpv6AndTheMetricsPageOverLoopback6) {
+  if (!HaveIpv6Loopback()) GTEST_SKIP() << "no IPv6 loopback (::1) on this machine";
   ProbeRunner probe;
-  // Idle 77 at once: a threshold of 30 from a new host's 0 sends a packet.
-  probe.SetTool("echo h1\necho h2\necho '1 1 1 1 1 1 1 1 1 1 1 1 1 1 1 1'\n"
-                "echo '0 0 0 1000 2000 3 4 5 6 7 8 9 10 11 12 77'\nexec sleep 60 >&- <&-\n");
+  probe.SetTool(kTool);
   const int metricsPort = FreePort();
   probe.Set("ipv6", "1");
   probe.Set("subscriberallow", "2001:db8::/32, ::1");
@@ -51,15 +61,10 @@ TEST(Ipv6Test, SubscribersOverIpv6AndTheMetricsPageOverLoopback6) {
 // listenaddress=::: the command and agent-check ports answer both families on
 // one socket, and HAProxy takes the agent's weight over ::1.
 TEST(Ipv6Test, PortsOnOneDualStackSocket) {
-  const int six = socket(AF_INET6, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  sockaddr_in6 at{AF_INET6, 0, 0, in6addr_loopback, 0};
-  const bool noIpv6 = bind(six, reinterpret_cast<sockaddr*>(&at), sizeof at) != 0;
-  close(six);
-  if (noIpv6) GTEST_SKIP() << "no IPv6 loopback (::1) on this machine";
+  if (!HaveIpv6Loopback()) GTEST_SKIP() << "no IPv6 loopback (::1) on this machine";
   ASSERT_EQ(Shell("command -v haproxy && command -v socat").status, 0);
   ProbeRunner probe;
-  probe.SetTool("echo h1\necho h2\necho '1 1 1 1 1 1 1 1 1 1 1 1 1 1 1 1'\n"
-                "echo '0 0 0 1000 2000 3 4 5 6 7 8 9 10 11 12 77'\nexec sleep 60 >&- <&-\n");
+  probe.SetTool(kTool);
   const int agentPort = FreePort();
   probe.Set("listenaddress", "::");
   probe.Set("agentcheckport", std::to_string(agentPort));
