@@ -20,15 +20,6 @@ bool Matches(const std::string& text, const std::string& pattern) {
   return std::regex_match(text, std::regex(pattern));
 }
 
-// The UDP port a listening client names on standard error, or 0.
-int ListenPort(const Ctl& listener) {
-  std::smatch m;
-  std::string err;
-  const std::regex named("port (\\d+)\n");
-  Eventually([&] { return std::regex_search(err = listener.Err(), m, named); });
-  return m.empty() ? 0 : std::stoi(m[1]);
-}
-
 // One probe for all cases. Its fake measuring tool writes the old 16-column
 // layout: each run gives one sample, idle 77, then closes its output and
 // lingers, so the probe must restart it without waiting for its end.

@@ -12,11 +12,6 @@ const std::string kExamples = QUELM_SOURCE_DIR "/packaging/examples/";
 
 std::string Quote(const std::string& s) { return "'" + std::regex_replace(s, std::regex("'"), "'\\''") + "'"; }
 
-// The metrics page of 127.0.0.1:port.
-std::string Page(int port) {
-  return Shell("curl -sf --max-time 10 http://127.0.0.1:" + std::to_string(port) + "/metrics").out;
-}
-
 double Sum(const std::string& page, const std::string& name) {
   double sum = 0;
   const std::regex line("\n" + name + "(\\{[^}]*\\})? (\\S+)");
@@ -109,7 +104,7 @@ TEST(OperatorTest, CtlJsonForJqAndHealthyToolRunsAreNoRestarts) {
             std::string::npos);
   // A run of vmstat lasts windowsize samples: two starts, so one healthy end.
   std::string page;
-  EXPECT_TRUE(Eventually([&] { return Sum(page = Page(metrics), "quelmloadprobe_tool_runs_total") >= 2; }, 90s));
+  EXPECT_TRUE(Eventually([&] { return Sum(page = MetricsPage(metrics), "quelmloadprobe_tool_runs_total") >= 2; }, 90s));
   EXPECT_EQ(Sum(page, "quelmloadprobe_tool_restarts_total"), 0) << page;
   EXPECT_EQ(Sum(page, "quelmloadprobe_build_info"), 1) << page;
   EXPECT_GE(Sum(page, "quelmloadprobe_agent_weight_ratio"), 0.01) << page;
@@ -161,8 +156,8 @@ TEST(OperatorTest, PrometheusScrapesTheProbeRunsTheDashboardAndFiresOnAStalledTo
   EXPECT_GT(panels, 10);
   EXPECT_TRUE(Eventually([&] {
     return query("ALERTS{alertname=\"QuelmloadprobeToolRestarting\", alertstate=\"firing\"}", ".data.result | length == 1");
-  }, 90s)) << Page(metrics);
-  EXPECT_GT(Sum(Page(metrics), "quelmloadprobe_tool_restarts_total\\{reason=\"stall\"\\}"), 2);
+  }, 90s)) << MetricsPage(metrics);
+  EXPECT_GT(Sum(MetricsPage(metrics), "quelmloadprobe_tool_restarts_total\\{reason=\"stall\"\\}"), 2);
   // The tool got its pipe and standard error, none of the probe's sockets.
   const std::string fds = "\n" + ProbeRunner::ReadFile(dir + "/fds");
   EXPECT_NE(fds.find("\n1 "), std::string::npos) << fds;

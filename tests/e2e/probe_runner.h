@@ -112,4 +112,16 @@ class Ctl {
 inline Output RunCtl(const std::vector<std::string>& args) { return Ctl(args).Finish(); }
 inline Output Shell(const std::string& command) { return RunCtl({"/bin/sh", "-c", command}); }
 
+// The UDP port a listening quelmloadctl names on standard error, or 0.
+int ListenPort(const Ctl& listener);
+bool HasIpv6Loopback();  // ::1 can be bound here
+std::string MetricsPage(int port, const std::string& host = "127.0.0.1");
+// HAProxy in dir with backend "be" holding one server line; its admin socket
+// tells "<admin state> <weight>" of web1 (0 is ready, 8 drained).
+Ctl StartHaproxy(const std::string& dir, const std::string& server);
+std::string HaproxyState(const std::string& dir);
+// A tool giving one sample of idle 77 at once, then lingering with its output closed.
+inline const std::string kIdle77Tool = "echo h1\necho h2\necho '1 1 1 1 1 1 1 1 1 1 1 1 1 1 1 1'\n"
+                                       "echo '0 0 0 1000 2000 3 4 5 6 7 8 9 10 11 12 77'\nexec sleep 60 >&- <&-\n";
+
 #endif  // QUELM_TESTS_E2E_PROBE_RUNNER_H_

@@ -44,18 +44,11 @@ TEST(ReplyPortsTest, HaproxyWeighsAndDrainsByTheProbeAndPromtoolReadsItsPage) {
   ASSERT_TRUE(probe.WaitUntilPolling());
 
   // The server itself is never connected to; only its agent is asked.
-  ProbeRunner::WriteFile(dir + "/haproxy.cfg",
-      "global\n  stats socket " + dir + "/admin.sock level admin\n"
-      "defaults\n  mode tcp\n  timeout connect 1s\n  timeout client 5s\n  timeout server 5s\n"
-      "backend be\n  server web1 127.0.0.1:" + std::to_string(probe.port()) +
-      " weight 100 agent-check agent-port " + std::to_string(agentPort) + " agent-inter 100ms\n");
-  Ctl haproxy({"/bin/sh", "-c", "exec haproxy -db -f " + dir + "/haproxy.cfg"});
-  // "<admin state> <weight>" of web1: 0 is ready, 8 drained.
+  Ctl haproxy = StartHaproxy(dir, "127.0.0.1:" + std::to_string(probe.port()) + " weight 100 agent-check agent-port " +
+                                      std::to_string(agentPort) + " agent-inter 100ms");
   std::string state;
   auto serverIs = [&](const std::string& wanted) {
-    const Output o = Shell("echo 'show servers state be' | socat -t 5 - UNIX-CONNECT:" + dir +
-                           "/admin.sock | awk '$4 == \"web1\" { print $7, $8 }'");
-    return std::regex_match(state = o.out, std::regex(wanted + "\n"));
+    return std::regex_match(state = HaproxyState(dir), std::regex(wanted + "\n"));
   };
   // Idle 80 and 99 % of virtual memory free, half and half: 90 %.
   EXPECT_TRUE(Eventually([&] { return serverIs("0 90"); }, 60s)) << state << haproxy.Err();
@@ -68,10 +61,9 @@ TEST(ReplyPortsTest, HaproxyWeighsAndDrainsByTheProbeAndPromtoolReadsItsPage) {
 
   // The page as promtool sees it, and its counters moving.
   const std::string url = "http://127.0.0.1:" + std::to_string(metricsPort);
-  auto page = [&] { return Shell("curl -sf --max-time 10 " + url + "/metrics").out; };
   const Output checked = Shell("curl -sf --max-time 10 " + url + "/metrics | promtool check metrics");
   EXPECT_EQ(checked.status, 0) << checked.out << checked.err;
-  const std::string before = page();
+  const std::string before = MetricsPage(metricsPort);
   EXPECT_EQ(Metric(before, "quelmloadprobe_cpu_idle_ratio"), 0.4) << before;
   // The host's stall figures, where the kernel keeps them.
   if (access("/proc/pressure/cpu", R_OK) == 0) {
@@ -87,7 +79,7 @@ TEST(ReplyPortsTest, HaproxyWeighsAndDrainsByTheProbeAndPromtoolReadsItsPage) {
               "</znalbreq>");
   std::string after;
   EXPECT_TRUE(Eventually([&] {
-    return Metric(after = page(), "quelmloadprobe_load_packets_sent_total") > 0;
+    return Metric(after = MetricsPage(metricsPort), "quelmloadprobe_load_packets_sent_total") > 0;
   })) << after;
   for (const char* counter : {"quelmloadprobe_commands_total{type=\"get\"}",
                               "quelmloadprobe_commands_total{type=\"create\"}",
@@ -133,15 +125,12 @@ TEST(ReplyPortsTest, ProcSourceSamplesWithoutATool) {
   ProbeRunner probe;
   const int metricsPort = FreePort();
   probe.Set("loadsource", "proc");
-  probe.Set("samplerate", "5");
-  probe.Set("windowsize", "3");
   probe.Set("metricsport", std::to_string(metricsPort));
   probe.Start();
   ASSERT_TRUE(probe.WaitUntilPolling());
   std::string page;
   EXPECT_TRUE(Eventually([&] {
-    page = Shell("curl -sf --max-time 10 http://127.0.0.1:" + std::to_string(metricsPort) + "/metrics").out;
-    return Metric(page, "quelmloadprobe_cached_samples") >= 1;
+    return Metric(page = MetricsPage(metricsPort), "quelmloadprobe_cached_samples") >= 1;
   }, 60s)) << page;
   EXPECT_TRUE(probe.Children().empty());
   const double idle = Metric(page, "quelmloadprobe_cpu_idle_ratio");
