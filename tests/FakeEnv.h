@@ -8,9 +8,7 @@
 
 #include "foundation/string/OmEnv.h"
 
-// The environment a test controls, current for the object's lifetime: a
-// clock set by hand, sleeps that only count, and a processor clock whose
-// timed runs take the scripted ticks (a second each once the script is out).
+// A hand-set clock, counted sleeps and scripted processor ticks, current while it lives.
 class FakeEnv : public OmEnv {
  public:
   explicit FakeEnv(OmTimeVal start = OmTimeVal()) : now(start), previous(Install(this)) {}

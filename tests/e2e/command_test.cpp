@@ -1,6 +1,4 @@
-// The command port end to end on one shared probe: curl, socat, raw sockets
-// and quelmloadctl as clients, real replies and real UDP load packets; and
-// quelmloadctl without a probe.
+// The command port on one shared probe with curl, socat, raw sockets and quelmloadctl.
 #include <arpa/inet.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -20,9 +18,7 @@ bool Matches(const std::string& text, const std::string& pattern) {
   return std::regex_match(text, std::regex(pattern));
 }
 
-// One probe for all cases. Its fake measuring tool writes the old 16-column
-// layout: each run gives one sample, idle 77, then closes its output and
-// lingers, so the probe must restart it without waiting for its end.
+// One probe for all cases; its tool gives one sample (idle 77) a run, then lingers with its output closed.
 class CommandTest : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
@@ -105,8 +101,7 @@ TEST_F(CommandTest, RawClientsTheToolsOutputAndABusyPort) {
   EXPECT_EQ(SendRequest(port, kill), Reply("kill", "<id>5</id>"));
   EXPECT_TRUE(Matches(SendRequest(port, get), idle));
 
-  // The tool's 16 columns become samples; every lingering run is replaced
-  // (three runs at least) and killed, so at most the current one is left.
+  // Samples from the 16 columns; lingering runs are replaced and killed.
   const std::regex sample("idle=77, swap=785432, \nphysmemfree=2000, swappedin=5, swappedout=6\\.");
   EXPECT_TRUE(Eventually([&] {
     const std::string log = probe_->Log();
@@ -181,8 +176,7 @@ TEST_F(CommandTest, QuelmloadctlConversationAndLoadPackets) {
 
 // Bad arguments, no connection, no reply, and listening in vain.
 TEST(CtlTest, ExitStatusAndOneLineMessageWithoutAProbe) {
-  // A listening socket that never accepts: the client's request waits in its
-  // backlog, unanswered. Closed afterwards, its port refuses connections.
+  // Never accepting, then closed: first no reply, then a refused connection.
   const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   listen(fd, 1);  // bound to a free port by listening
   sockaddr_storage addr{};

@@ -1,6 +1,4 @@
-// IPv6 with ipv6=1: a subscriber named by an IPv6 address gets its load
-// packets on a listener of both families, the allow-list holds IPv6
-// prefixes, and the metrics page is read over [::1].
+// IPv6 subscribers, IPv6 allow-lists, the metrics page over [::1] and a dual-stack listener.
 #include "probe_runner.h"
 
 TEST(Ipv6Test, SubscribersOverIpv6AndTheMetricsPageOverLoopback6) {
@@ -37,8 +35,7 @@ TEST(Ipv6Test, SubscribersOverIpv6AndTheMetricsPageOverLoopback6) {
   EXPECT_EQ(probe.Stop(SIGTERM), 92);
 }
 
-// listenaddress=::: the command and agent-check ports answer both families on
-// one socket, and HAProxy takes the agent's weight over ::1.
+// listenaddress=::: both families on one socket; HAProxy takes the agent's weight over ::1.
 TEST(Ipv6Test, PortsOnOneDualStackSocket) {
   if (!HasIpv6Loopback()) GTEST_SKIP() << "no IPv6 loopback (::1) on this machine";
   ASSERT_EQ(Shell("command -v haproxy && command -v socat").status, 0);
@@ -61,7 +58,8 @@ TEST(Ipv6Test, PortsOnOneDualStackSocket) {
   Ctl haproxy = StartHaproxy(probe.dir(), "127.0.0.1:" + port + " weight 100 agent-check agent-addr ::1"
                             " agent-port " + std::to_string(agentPort) + " agent-inter 100ms");
   std::string state;  // ready, with the probe's weight (idle 77 and free memory), not the configured 100
-  EXPECT_TRUE(Eventually([&] { return std::regex_match(state = HaproxyState(probe.dir()), std::regex("0 [1-9]\\d?\n")); }, 60s))
+  const std::regex weighed("0 [1-9]\\d?\n");
+  EXPECT_TRUE(Eventually([&] { return std::regex_match(state = HaproxyState(probe.dir()), weighed); }, 60s))
       << state << haproxy.Err();
   EXPECT_EQ(probe.Stop(SIGTERM), 92);
 }

@@ -1,6 +1,4 @@
-// What an operator runs around the probe: its flags, quelmloadctl --json with
-// jq, the shipped alerting rules and dashboard with a real Prometheus
-// scraping the probe, and the man pages.
+// The probe's flags, quelmloadctl --json with jq, the shipped rules and dashboard in Prometheus, the man pages.
 #include <sstream>
 
 #include "probe_runner.h"
@@ -115,8 +113,7 @@ TEST(OperatorTest, PrometheusScrapesTheProbeRunsTheDashboardAndFiresOnAStalledTo
   ASSERT_EQ(Shell("command -v prometheus && command -v jq && command -v curl").status, 0);
   ProbeRunner probe;
   const int metrics = FreePort(), web = FreePort();
-  // One sample, then silence: killed for the stall after one interval, every
-  // run. Each run notes the descriptors it was given.
+  // One sample, then silence (a stall every run); each run notes its descriptors.
   probe.SetTool("ls -l /proc/$$/fd | sed 's/.* \\([0-9]*\\) -> /\\1 /' >" + probe.dir() + "/fds\n"
                 "echo h\necho h\necho '0 0 0 1000 2000 3 4 5 6 7 8 9 10 11 12 77'\nexec sleep 600\n");
   probe.Set("metricsport", std::to_string(metrics));

@@ -1,5 +1,4 @@
-// What every end-to-end test uses: the real probe in a temporary folder,
-// connections to it, and child programs such as quelmloadctl.
+// The real probe in a temporary folder, connections to it, and child programs.
 #ifndef QUELM_TESTS_E2E_PROBE_RUNNER_H_
 #define QUELM_TESTS_E2E_PROBE_RUNNER_H_
 
@@ -27,8 +26,7 @@ bool Eventually(const std::function<bool()>& cond, std::chrono::milliseconds tim
 // A TCP port on 127.0.0.1 that was free a moment ago.
 int FreePort();
 
-// The probe on the sample configuration, with its own port, log and pid
-// folders, sample rate 5 and window size 3.
+// The probe on the sample configuration, own port, log and pid folders, rate 5, window 3.
 class ProbeRunner {
  public:
   ProbeRunner();
@@ -39,8 +37,7 @@ class ProbeRunner {
   void UsePackaged() { base_ = QUELM_BINARY_DIR "/packaging/quelmloadbalancing.properties"; }
   void LimitFiles(int n) { fileLimit_ = n; }  // RLIMIT_NOFILE of the probe, soft and hard
   std::string SetTool(const std::string& script);  // a shell script as the tool; its path
-  // Socket activation: fd is passed as descriptor 3, with LISTEN_PID and
-  // LISTEN_FDS naming the probe; the test keeps its own copy.
+  // Socket activation: fd becomes descriptor 3 with LISTEN_PID/LISTEN_FDS.
   void PassListener(int fd) { passFd_ = fd; }
   void SetEnv(const std::string& name, const std::string& value) { env_[name] = value; }
   // A program that execs the probe (its arguments up to the probe's path).
@@ -84,8 +81,7 @@ class ProbeRunner {
   mutable int status_ = -1;
 };
 
-// A TCP connection to 127.0.0.1:port, or -1. With SOCK_NONBLOCK in flags it
-// may still be pending.
+// A TCP connection to 127.0.0.1:port (maybe pending with SOCK_NONBLOCK), or -1.
 int Connect(int port, int flags = 0);
 // One request on its own connection; the whole reply.
 std::string SendRequest(int port, const std::string& request);
@@ -95,8 +91,7 @@ struct Output {
   std::string out, err;
 };
 
-// A program as a child process: quelmloadctl unless the first argument is
-// an absolute path. Standard output and error go to temporary files.
+// A child program (quelmloadctl unless given an absolute path), its output in temporary files.
 class Ctl {
  public:
   explicit Ctl(std::vector<std::string> args);

@@ -1,5 +1,4 @@
-// The agent check and metrics ports with the real consumers: HAProxy weighs
-// and drains a server by the probe's figures, promtool reads the page.
+// The agent check and metrics ports with HAProxy and promtool.
 #include <poll.h>
 #include <unistd.h>
 
@@ -35,8 +34,7 @@ TEST(ReplyPortsTest, HaproxyWeighsAndDrainsByTheProbeAndPromtoolReadsItsPage) {
   probe.Set("agentcheckdrainidle", "30");
   probe.Set("agentcheckmemoryweight", "50");
   probe.Set("metricsport", std::to_string(metricsPort));
-  // The command port's limits hold here too; the timeout keeps the idle
-  // clients below open however slow the machine.
+  // The command port's limits hold here too (a long timeout keeps idle clients open).
   probe.Set("maxconnections", "2");
   probe.Set("requesttimeout", "600");
   probe.Set("clientallow", "127.0.0.1");
@@ -102,8 +100,7 @@ TEST(ReplyPortsTest, HaproxyWeighsAndDrainsByTheProbeAndPromtoolReadsItsPage) {
   const Output refused = Shell("curl -s --interface 127.0.0.2 " + url + "/metrics; echo \" $?\"; "
                                "socat -T 10 - TCP:127.0.0.1:" + std::to_string(agentPort) +
                                ",bind=127.0.0.2 </dev/null");
-  // curl's "empty reply from server", or its "failure receiving data" when the
-  // close meets the request unread and resets the connection.
+  // curl's "empty reply", or "failure receiving" when the close resets the connection.
   EXPECT_TRUE(refused.out == " 52\n" || refused.out == " 56\n") << refused.out << refused.err;
 
   // At maxconnections a further client waits until one of the others ends.
@@ -119,8 +116,7 @@ TEST(ReplyPortsTest, HaproxyWeighsAndDrainsByTheProbeAndPromtoolReadsItsPage) {
   EXPECT_EQ(probe.Stop(SIGTERM), 92) << ProbeRunner::ReadFile(dir + "/stderr.txt");
 }
 
-// loadsource=proc: samples come without a tool child, into the cache that
-// the get reply and the page report.
+// loadsource=proc: samples without a tool child, in the get reply and on the page.
 TEST(ReplyPortsTest, ProcSourceSamplesWithoutATool) {
   ProbeRunner probe;
   const int metricsPort = FreePort();

@@ -1,6 +1,4 @@
-// A subscriber name whose name server never answers: with a look-up time
-// limit the probe keeps serving while the look-up hangs, and the create is
-// refused once the limit passes.
+// A name server that never answers: the probe keeps serving and refuses the create in time.
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <net/if.h>
@@ -23,10 +21,7 @@ std::string CreateRequest(const std::string& host, int id) {
          "</version></znalbreq>";
 }
 
-// This process in network and mount namespaces of its own, with loopback up,
-// a name server on 127.0.0.1:53 that takes queries and never answers, and a
-// resolver configuration naming it. Probes started meanwhile inherit all of
-// it; the destructor returns the process to where it was.
+// Own network and mount namespaces with a silent name server on 127.0.0.1:53; undone at the end.
 class SilentNameServer {
  public:
   SilentNameServer() {
@@ -65,9 +60,7 @@ class SilentNameServer {
   bool entered_ = false, ready_ = false;
 };
 
-// The attack: one create naming a host only the silent server could find.
-// Meanwhile the probe answers a get and keeps its subscription; the create
-// is refused once the look-up's time limit has passed.
+// While one create's look-up hangs, a get is answered; the create is refused at the limit.
 void HangingLookUpDoesNotStallTheProbe(ProbeRunner& probe) {
   const std::string created = SendRequest(probe.port(), CreateRequest("127.0.0.1", 1));
   ASSERT_NE(std::string::npos, created.find("<znalbreply type=\"create\">")) << created;

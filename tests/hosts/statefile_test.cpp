@@ -1,8 +1,5 @@
 #include "hosts/StateFile.h"
 
-#include <gtest/gtest.h>
-
-#include <string>
 #include <vector>
 
 #include "AgentFixture.h"
@@ -38,9 +35,7 @@ std::string readAll(const std::string& path) {
 
 using StateFileTest = AgentTest;
 
-// Adds and kills replay to the live entries, names and texts of any bytes
-// come back whole, and a log cut at any byte gives the state of its last
-// whole line, with the cut line reported.
+// Adds and kills replay to the live entries; a log cut anywhere gives its last whole line's state.
 TEST_F(StateFileTest, ReplaysWholeLinesOfALogCutAnywhere) {
   StateFile file(dir + "/state");
   ASSERT_TRUE(file.rewrite({entry(1, "a b%c"), entry(2, "h", "")}));
@@ -65,8 +60,7 @@ TEST_F(StateFileTest, ReplaysWholeLinesOfALogCutAnywhere) {
   }
 }
 
-// A damaged line is skipped and named; the lines around it still count. A
-// file that is not a state file gives nothing.
+// A damaged line is skipped and named; a foreign file gives nothing.
 TEST_F(StateFileTest, DamagedLinesAreNamedAndSkipped) {
   StateFile file(dir + "/state");
   ASSERT_TRUE(file.rewrite({entry(1, "a"), entry(2, "b"), entry(3, "c")}));
@@ -82,9 +76,7 @@ TEST_F(StateFileTest, DamagedLinesAreNamedAndSkipped) {
   EXPECT_EQ(1u, replay.firstBadLine);
 }
 
-// Restored hosts keep their ids, wishes and remaining lifetime; expired ones
-// are dropped; later adds and kills are recorded and the file is rewritten
-// before it grows past twice the live hosts.
+// Restored hosts keep ids, wishes and lifetime; expired ones go; the file stays compact.
 TEST_F(StateFileTest, HostListRestoresAndRecords) {
   const std::string path = dir + "/state";
   {

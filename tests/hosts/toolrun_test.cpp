@@ -1,12 +1,7 @@
-// The end of a tool run hands its idle figure to the host list and the speed
-// estimate: a fake vmstat with named columns, one sample a run.
+// A tool run's end feeds the host list and the speed estimate (fake vmstat, one sample a run).
 #include <gtest/gtest.h>
 
 #include <signal.h>
-
-#include <filesystem>
-#include <fstream>
-#include <string>
 
 #include "AgentFixture.h"
 
@@ -16,8 +11,7 @@ class ToolRunTest : public AgentTest {
  protected:
   void SetUp() override {
     AgentTest::SetUp();
-    // Each run prints the headers and the since-boot line, then waits for the
-    // test to hand it the idle figure of its one sample.
+    // Headers and the since-boot line, then the sample whose idle the test hands over.
     const std::string script = dir + "/vmstat";
     std::ofstream(script) << "echo 'procs ---memory--- ---swap-- ---cpu---'\n"
                              "echo ' r  b swpd free si so us sy id wa'\n"
@@ -86,9 +80,7 @@ TEST_F(ToolRunTest, FloodingToolIsRestartedWithinTheBufferLimit) {
   EXPECT_EQ(logged("read buffer limit of 4096 bytes"), 1u);
 }
 
-// A tool that ends at once waits a sample interval (5 s) between starts; a
-// silent one is killed, with its group, after two intervals. Each episode is
-// logged once over two rounds.
+// Quick tools wait an interval between starts; silent ones die with their group; logged once.
 TEST_F(ToolRunTest, QuickAndSilentToolsAreRestartedByTheFakeClock) {
   const std::string bgFile = dir + "/bg";
   const struct {

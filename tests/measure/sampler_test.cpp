@@ -1,6 +1,4 @@
-// The in-process load sources on files the test writes (a /proc and a
-// cgroup v2 folder whose counters it advances), on a real cgroup v1 with a
-// quota and a busy child, and the fall-back when the cgroup goes away.
+// In-process load sources: written /proc and cgroup v2 files, a real cgroup v1, and the fall-back.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -48,8 +46,7 @@ TEST(SamplerTest, ProcFiguresAsVmstatComputesThem) {
   fs::remove_all(root);
 }
 
-// Idle against the quota (or the online processors), memory under the
-// limit (or the host's free memory), and the pressure files as they read.
+// Idle against the quota or processors, memory under the limit, and pressure files.
 TEST(SamplerTest, CgroupV2Fixture) {
   const unsigned cpus = ProcSampler::onlineProcessors();
   struct Case {
@@ -97,8 +94,7 @@ TEST(SamplerTest, CgroupV2Fixture) {
   fs::remove_all(dir);
 }
 
-// A cgroup of its own with a tenth of a processor and a child spinning in
-// it: saturated, whatever the rest of the host does.
+// A tenth of a processor and a spinning child: saturated, whatever the host does.
 TEST(SamplerTest, RealCgroupV1WithQuotaAndBusyChild) {
   const std::string base = "/sys/fs/cgroup/";
   const std::string name = "quelmtest" + std::to_string(getpid());
@@ -139,8 +135,7 @@ TEST(SamplerTest, RealCgroupV1WithQuotaAndBusyChild) {
 unsigned observed = 0;
 void observe(unsigned idle) { observed = idle; }
 
-// The folder vanishes between samples: the next sample is the host's, and
-// the probe goes on.
+// The cgroup vanishes: the next sample is the host's.
 TEST(SamplerTest, FallsBackToProcWhenTheCgroupVanishes) {
   const std::string dir = tempFolder();
   write(dir + "/cpu.max", "100000 100000");

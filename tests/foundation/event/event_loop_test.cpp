@@ -6,8 +6,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <string>
-#include <vector>
 
 #include "FakeEnv.h"
 #include "foundation/event/event_test_util.h"
@@ -143,8 +141,7 @@ TEST_F(EventLoopTest, ClosedDescriptorIsReportedAndRemoved) {
 
 }  // namespace
 
-// A timer is withdrawn by its handle alone: re-arming moves it, a cancel or
-// its destruction leaves nothing listed, and the target hears only firings.
+// A timer is withdrawn by its handle alone; its target hears only firings.
 TEST_F(EventLoopTest, TimerArmsRearmsAndCancelsByHandle) {
   Probe target("t", &log_);
   OmTimer timer(loop_, &target);

@@ -72,8 +72,7 @@ class OmByteCircuitTest : public ::testing::Test {
     if (peer_ >= 0) close(peer_);
   }
 
-  // One turn of the loop; a guard timeout keeps a missing event from
-  // blocking the test.
+  // One turn of the loop; a guard timeout keeps a missing event from blocking.
   void Turn() {
     const OmTimeVal when = OmTimeVal::now().PlusSeconds(2);
     loop_.AddTimeoutEvent(when, &guard_);
@@ -130,8 +129,7 @@ TEST_F(OmByteCircuitTest, RequestedBytesArriveInTwoParts) {
   EXPECT_EQ(c.Requested(), 0u);
 }
 
-// The peer sends 4 bytes and closes: inside a request of 10 that end is
-// partial; after a request of 4 (and a re-arm) it falls between requests.
+// 4 bytes then a close: partial in a request of 10, between requests after one of 4.
 TEST_F(OmByteCircuitTest, EndOfFileInsideOrBetweenRequests) {
   for (unsigned long request : {10ul, 4ul}) {
     SCOPED_TRACE(request);
@@ -198,8 +196,7 @@ TEST_F(OmByteCircuitTest, CloseMarkerWaitsForEverythingQueued) {
   EXPECT_EQ(read(peer_, &b, 1), 0);  // the peer sees the close
 }
 
-// Retiring is the last thing its handler does: the circuit may delete itself
-// then, and nothing after may notice (the sanitizers would).
+// Retired() may delete the circuit (the sanitizers would see a later use).
 TEST_F(OmByteCircuitTest, RetiredCircuitMayDeleteItself) {
   auto* c = new RecordingCircuit(loop_, &file_);
   c->onRetired = [&] { delete std::exchange(c, nullptr); };

@@ -6,7 +6,6 @@
 
 #include <cerrno>
 #include <string>
-#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -28,8 +27,7 @@ class OmSocketTest : public ::testing::Test {
   FakeEnv env_;
 };
 
-// While the port is held, Bind waits two seconds (faked here) between attempts;
-// verbose retries print one dot per attempt.
+// Bind waits two (faked) seconds between attempts; verbose ones print a dot each.
 TEST_F(OmSocketTest, BindInUseRetries) {
   const struct {
     int retries;
@@ -84,8 +82,7 @@ TEST_F(OmSocketTest, BindOtherFirstErrorGivesUpAtOnce) {
   }
 }
 
-// Nothing waiting: a failure with EAGAIN (the connection server's cue to
-// stop accepting); a real accept is in the dual-stack test below.
+// Nothing waiting: EAGAIN, the connection server's cue to stop accepting.
 TEST_F(OmSocketTest, AcceptWithNothingWaitingFails) {
   OmSocket listener, none;
   OmInetAddr bound;
@@ -95,8 +92,7 @@ TEST_F(OmSocketTest, AcceptWithNothingWaitingFails) {
   EXPECT_TRUE(none.Fd() < 0 && none.LastError().Errno() == EAGAIN && none.LastError().Call() == "accept");
 }
 
-// One socket on "::" serves both families; an IPv4 client is seen as the
-// IPv4 address it is, not as ::ffff:127.0.0.1.
+// One socket on "::" serves both families; IPv4 peers are not shown mapped.
 TEST_F(OmSocketTest, DualStackListenerAcceptsBothFamilies) {
   OmSocket listener, taken;
   if (!listener.ListenOn(OmInetAddr::AddressAny6(), 5)) {
