@@ -34,9 +34,7 @@ constexpr uint32_t kNineOClock = 1767258000;
 class AgentTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    char pattern[] = "/tmp/agenttestXXXXXX";
-    ASSERT_NE(nullptr, mkdtemp(pattern));
-    dir = pattern;
+    dir = TempDir();
     OmLog::InitLogs(&mylog, OmUniString(dir));
     ASSERT_TRUE(mylog.SetupCSFilters({OmUniString("*/*/*:t.log")}));
 
@@ -74,9 +72,7 @@ class AgentTest : public ::testing::Test {
 
   std::string logText() const {
     mylog.Flush();
-    std::stringstream text;
-    text << std::ifstream(dir + "/t.log").rdbuf();
-    return text.str();
+    return ReadText(dir + "/t.log");
   }
   // How often part occurs in the log.
   size_t logged(const std::string& part) const {

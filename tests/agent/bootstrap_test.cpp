@@ -5,13 +5,11 @@
 #include <unistd.h>
 
 #include <filesystem>
-#include <fstream>
-#include <sstream>
-#include <string>
 #include <utility>
 
 #include <gtest/gtest.h>
 
+#include "FakeEnv.h"
 #include "agent/Globals.h"
 #include "agent/Logging.h"
 
@@ -20,9 +18,7 @@ namespace {
 class BootstrapTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    char tmpl[] = "/tmp/quelm-boot-XXXXXX";
-    ASSERT_NE(nullptr, mkdtemp(tmpl));
-    dir = tmpl;
+    dir = TempDir();
   }
   void TearDown() override {
     delete std::exchange(bootLogger, nullptr);
@@ -39,9 +35,7 @@ class BootstrapTest : public ::testing::Test {
       out << "varosa.config.quelmloadbalancing." << line << "\n";
   }
   std::string Log(const std::string& folder = "/tmp", const std::string& name = "") const {
-    std::ostringstream text;
-    text << std::ifstream(folder + (name.empty() ? logBase.substr(4) + "log" : name)).rdbuf();
-    return text.str();
+    return ReadText(folder + (name.empty() ? logBase.substr(4) + "log" : name));
   }
 
   std::string dir;

@@ -27,12 +27,6 @@ std::string ids(const std::vector<StateFile::Entry>& entries) {
   return out;
 }
 
-std::string readAll(const std::string& path) {
-  std::stringstream text;
-  text << std::ifstream(path).rdbuf();
-  return text.str();
-}
-
 using StateFileTest = AgentTest;
 
 // Adds and kills replay to the live entries; a log cut anywhere gives its last whole line's state.
@@ -50,7 +44,7 @@ TEST_F(StateFileTest, ReplaysWholeLinesOfALogCutAnywhere) {
   EXPECT_TRUE(e.name == "\xc3\xa9t\xc3\xa9\n" && e.text == "x y" && e.port == 9003 &&
               e.windowSize == 6 && e.expiry == kNineOClock + 300 && replay.entries[0].name == "a b%c");
 
-  const std::string log = readAll(dir + "/state");
+  const std::string log = ReadText(dir + "/state");
   for (size_t cut = 0; cut <= log.size(); ++cut) {
     const std::string part = log.substr(0, cut);
     const size_t whole = part.rfind('\n') == std::string::npos ? 0 : part.rfind('\n') + 1;
@@ -64,7 +58,7 @@ TEST_F(StateFileTest, ReplaysWholeLinesOfALogCutAnywhere) {
 TEST_F(StateFileTest, DamagedLinesAreNamedAndSkipped) {
   StateFile file(dir + "/state");
   ASSERT_TRUE(file.rewrite({entry(1, "a"), entry(2, "b"), entry(3, "c")}));
-  std::string log = readAll(dir + "/state");
+  std::string log = ReadText(dir + "/state");
   log[log.find("+ 2") + 4] ^= 1;  // line 3
   StateFile::Replay replay = StateFile::parse(log);
   EXPECT_EQ("1 3 ", ids(replay.entries));
@@ -101,13 +95,13 @@ TEST_F(StateFileTest, HostListRestoresAndRecords) {
   EXPECT_EQ(1u, logged("1 subscriptions were restored from the state file " + path +
                        "; 1 had expired while the quelm loadprobe was stopped and 0 could not be "
                        "created again."));
-  EXPECT_EQ(2u, StateFile::parse(readAll(path)).lines);  // rewritten at once
+  EXPECT_EQ(2u, StateFile::parse(ReadText(path)).lines);  // rewritten at once
 
   for (unsigned id = 10; id < 110; ++id) ASSERT_NE(nullptr, addHost(id, Host::CPU));
   for (unsigned id = 10; id < 100; ++id) ASSERT_TRUE(HostListMgr::removeHost(id));
   env.now = OmTimeVal(kNineOClock + 3600, 0);
   HostListMgr::regularTimeoutCB(nullptr, OmEvent::fired);  // expires 1 with the rest
-  const StateFile::Replay replay = StateFile::parse(readAll(path));
+  const StateFile::Replay replay = StateFile::parse(ReadText(path));
   EXPECT_EQ("", ids(replay.entries));
   EXPECT_LT(replay.lines, 2u * 10 + 64 + 2);
   // An unreadable file is one message, and the probe goes on without it.

@@ -3,11 +3,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <sstream>
-#include <string>
 
 #include <gtest/gtest.h>
 
@@ -49,9 +45,7 @@ class LogTest : public ::testing::Test {
   }
 
   void SetUp() override {
-    char tmpl[] = "/tmp/log_test.XXXXXX";
-    ASSERT_NE(mkdtemp(tmpl), nullptr);
-    dir_ = tmpl;
+    dir_ = TempDir();
     OmLog::SetPid(77);
     OmLog::InitLogs(&logger_, OmUniString(dir_));
   }
@@ -68,11 +62,7 @@ class LogTest : public ::testing::Test {
     return logger_.SetupCSFilters(list);
   }
   std::string Path(const std::string& name) const { return dir_ + "/" + name; }
-  std::string File(const std::string& name) const {
-    std::stringstream ss;
-    ss << std::ifstream(Path(name), std::ios::binary).rdbuf();
-    return ss.str();
-  }
+  std::string File(const std::string& name) const { return ReadText(Path(name)); }
 
   TestLogger logger_;
   FakeEnv env_{OmTimeVal(kSecond, 123456)};

@@ -1,31 +1,23 @@
 #include "foundation/properties/OmProperties.h"
 
-#include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <sstream>
-#include <string>
 
 #include <gtest/gtest.h>
+
+#include "FakeEnv.h"
 
 namespace {
 
 class PropertiesTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    char tmpl[] = "/tmp/props_test.XXXXXX";
-    ASSERT_NE(mkdtemp(tmpl), nullptr);
-    dir_ = tmpl;
+    dir_ = TempDir();
     path_ = dir_ + "/test.properties";
   }
   void TearDown() override { std::filesystem::remove_all(dir_); }
 
   void Write(const std::string& content) { std::ofstream(path_, std::ios::binary) << content; }
-  std::string Read() const {
-    std::stringstream ss;
-    ss << std::ifstream(path_, std::ios::binary).rdbuf();
-    return ss.str();
-  }
+  std::string Read() const { return ReadText(path_); }
   static std::string Value(const OmProperties& p, const std::string& key) {
     const OmUniString* v = p.Get(OmUniString(key));
     return v ? v->AsUtf8() : "<absent>";
