@@ -85,6 +85,8 @@ class ProbeRunner {
 int Connect(int port, int flags = 0);
 // One request on its own connection; the whole reply.
 std::string SendRequest(int port, const std::string& request);
+// A create for host:port: rate 5 s, window 3, reply every 10 s, change 20 %, cpu.
+std::string CreateRequest(const std::string& host, int port, int id);
 
 struct Output {
   int status = -1;  // exit status; -1 when the program did not exit normally

@@ -173,6 +173,12 @@ std::string SendRequest(int port, const std::string& request) {
   return reply;
 }
 
+std::string CreateRequest(const std::string& host, int port, int id) {
+  return "<znalbreq type=\"create\"><host>" + host + "</host><port>" + std::to_string(port) +
+         "</port><samplerate>5000</samplerate><windowsize>3</windowsize><replyfreq>10000</replyfreq><percentchange>"
+         "20</percentchange><stat>cpu</stat><id>" + std::to_string(id) + "</id><version>1.0</version></znalbreq>";
+}
+
 Ctl::Ctl(std::vector<std::string> args) : out_(tmpfile()), err_(tmpfile()) {
   if (args.empty() || args[0][0] != '/') args.insert(args.begin(), QUELM_CTL_BINARY);
   pid_ = fork();

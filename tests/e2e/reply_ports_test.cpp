@@ -71,10 +71,7 @@ TEST(ReplyPortsTest, HaproxyWeighsAndDrainsByTheProbeAndPromtoolReadsItsPage) {
   EXPECT_GT(Metric(before, "quelmloadprobe_agent_checks_total"), 0);
   SendRequest(probe.port(), "GET /?get&znalbinfo");
   SendRequest(probe.port(), "GET /");
-  SendRequest(probe.port(), "<znalbreq type=\"create\"><host>127.0.0.1</host><port>9</port>"
-              "<samplerate>5</samplerate><windowsize>3</windowsize><replyfreq>1</replyfreq>"
-              "<percentchange>20</percentchange><stat>cpu</stat><id>7</id><version>1.0</version>"
-              "</znalbreq>");
+  SendRequest(probe.port(), CreateRequest("127.0.0.1", 9, 7));
   std::string after;
   EXPECT_TRUE(Eventually([&] {
     return Metric(after = MetricsPage(metricsPort), "quelmloadprobe_load_packets_sent_total") > 0;

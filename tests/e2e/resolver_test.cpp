@@ -14,13 +14,6 @@
 
 namespace {
 
-std::string CreateRequest(const std::string& host, int id) {
-  return "<znalbreq type=\"create\"><host>" + host + "</host><port>9</port><samplerate>5000"
-         "</samplerate><windowsize>3</windowsize><replyfreq>10000</replyfreq><percentchange>5"
-         "</percentchange><id>" + std::to_string(id) + "</id><stat>cpu</stat><version>1.0"
-         "</version></znalbreq>";
-}
-
 // Own network and mount namespaces with a silent name server on 127.0.0.1:53; undone at the end.
 class SilentNameServer {
  public:
@@ -62,11 +55,11 @@ class SilentNameServer {
 
 // While one create's look-up hangs, a get is answered; the create is refused at the limit.
 void HangingLookUpDoesNotStallTheProbe(ProbeRunner& probe) {
-  const std::string created = SendRequest(probe.port(), CreateRequest("127.0.0.1", 1));
+  const std::string created = SendRequest(probe.port(), CreateRequest("127.0.0.1", 9, 1));
   ASSERT_NE(std::string::npos, created.find("<znalbreply type=\"create\">")) << created;
 
   const int hanging = Connect(probe.port());
-  const std::string attack = CreateRequest("subscriber.quelm.test", 2);
+  const std::string attack = CreateRequest("subscriber.quelm.test", 9, 2);
   ASSERT_EQ(static_cast<ssize_t>(attack.size()), write(hanging, attack.data(), attack.size()));
   ASSERT_TRUE(probe.WaitForLog("subscriber.quelm.test"));  // the look-up is under way
   const std::string get = SendRequest(probe.port(), "GET /?get&znalbinfo");
@@ -119,14 +112,14 @@ TEST(ResolverAttackTest, UnanswerableCreatesLeaveOtherClientsLookedUp) {
     for (int i = 0; i < 30; ++i, std::this_thread::sleep_for(166ms)) {
       const int fd = attackers.emplace_back(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
       sockaddr_in from{AF_INET, 0, {htonl(0x7f000002)}, {}}, to{AF_INET, htons(probe.port()), {htonl(INADDR_LOOPBACK)}, {}};
-      const std::string request = CreateRequest("bad" + std::to_string(i) + ".quelm.test", 1000 + i);
+      const std::string request = CreateRequest("bad" + std::to_string(i) + ".quelm.test", 9, 1000 + i);
       if (bind(fd, reinterpret_cast<sockaddr*>(&from), sizeof from) == 0 &&
           connect(fd, reinterpret_cast<sockaddr*>(&to), sizeof to) == 0) (void)!write(fd, request.data(), request.size());
     }
   });
   std::this_thread::sleep_for(2s);  // 12 asked for: more than their share
   for (int i = 1; i <= 8; ++i, std::this_thread::sleep_for(400ms)) {  // until the attack ends
-    const std::string reply = SendRequest(probe.port(), CreateRequest("g" + std::to_string(i), i));
+    const std::string reply = SendRequest(probe.port(), CreateRequest("g" + std::to_string(i), 9, i));
     EXPECT_NE(std::string::npos, reply.find("<znalbreply type=\"create\">")) << i << reply;
   }
   attack.join();

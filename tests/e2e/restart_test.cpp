@@ -84,11 +84,7 @@ TEST(RestartTest, AnsweredCreatesSurviveASigkill) {
   });
   unsigned inFlight = 0;
   for (unsigned id = 1; inFlight == 0; ++id) {
-    const std::string reply = SendRequest(probe.port(),
-        "<znalbreq type=\"create\"><host>127.0.0.1</host><port>" + std::to_string(PortOf(udp[id % 8])) +
-        "</port><samplerate>5000</samplerate><windowsize>3</windowsize><replyfreq>10000</replyfreq>"
-        "<percentchange>20</percentchange><stat>cpu</stat><id>" + std::to_string(id) +
-        "</id><version>1.0</version></znalbreq>");
+    const std::string reply = SendRequest(probe.port(), CreateRequest("127.0.0.1", PortOf(udp[id % 8]), id));
     if (reply.find("<id>" + std::to_string(id) + "</id>") == std::string::npos) {
       inFlight = id;  // refused or cut off by the kill
     } else {
