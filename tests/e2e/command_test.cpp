@@ -117,10 +117,7 @@ TEST_F(CommandTest, RawClientsTheToolsOutputAndABusyPort) {
   EXPECT_EQ(log.find("Quelm loadprobe stopped"), std::string::npos);
 }
 
-// quelmloadctl's whole conversation. The first packet of a subscriber whose
-// reply frequency (60 s) outlasts the listener comes from the percent change
-// (0 to 77) at a run's end; a subscriber whose threshold (90) is never reached
-// gets its packet from the reply-frequency timer, 10 s after its creation.
+// quelmloadctl's conversation: one packet from the percent change (0 to 77), one from the 10 s timer.
 TEST_F(CommandTest, QuelmloadctlConversationAndLoadPackets) {
   const std::string port = std::to_string(probe_->port());
   auto run = [&](std::vector<std::string> args) {

@@ -24,8 +24,7 @@ TEST(PackageTest, InstallLayoutUnitsAndSystemdVerify) {
                            "usr/share/doc/quelmloadprobe/examples/quelmloadprobe-dashboard.json"}) {
     EXPECT_TRUE(fs::exists(dir + "/root/" + file)) << file;
   }
-  // Folders the unit makes and may write, private clients only, foreground as its user,
-  // SIGINT/SIGTERM/SIGPIPE as success, logs rotated and reopened.
+  // The unit's folders, private clients, foreground run as its user, clean stop signals, log rotation.
   const std::string unit = "root/usr/lib/systemd/system/quelmloadprobe.service",
                     props = "root/etc/quelmloadprobe/quelmloadbalancing.properties",
                     rotate = "root/etc/logrotate.d/quelmloadprobe";

@@ -43,9 +43,7 @@ class ProbeRunner {
   // A program that execs the probe (its arguments up to the probe's path).
   void WrapWith(std::vector<std::string> wrapper) { wrapper_ = std::move(wrapper); }
   void Start();
-  // True once the probe sleeps in poll: its event loop runs (after the pid
-  // file), and only from then on does it act on signals (earlier ones are
-  // dropped). Start-up times the processor, which takes long on a loaded machine.
+  // True once the probe sleeps in poll: only then does it act on signals (start-up may be long).
   bool WaitUntilPolling() const;
   void Signal(int sig) const;  // sends sig once the event loop runs
   int Stop(int sig);           // Signal(sig) (SIGKILL at once), Wait()
@@ -113,8 +111,7 @@ inline Output Shell(const std::string& command) { return RunCtl({"/bin/sh", "-c"
 int ListenPort(const Ctl& listener);
 bool HasIpv6Loopback();  // ::1 can be bound here
 std::string MetricsPage(int port, const std::string& host = "127.0.0.1");
-// HAProxy in dir with backend "be" holding one server line; its admin socket
-// tells "<admin state> <weight>" of web1 (0 is ready, 8 drained).
+// HAProxy in dir with one server web1; its state as "<admin state> <weight>" (0 ready, 8 drained).
 Ctl StartHaproxy(const std::string& dir, const std::string& server);
 std::string HaproxyState(const std::string& dir);
 // A tool giving one sample of idle 77 at once, then lingering with its output closed.

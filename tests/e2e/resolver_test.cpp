@@ -95,9 +95,7 @@ TEST(ResolverAttackTest, HangingNameServerWithLookUpLimit) {
   HangingLookUpDoesNotStallTheProbe(probe);
 }
 
-// 6 creates a second from 127.0.0.2 hold look-up threads for 30 s each; the
-// packaged probe refuses that client past its share, so creates by name from
-// 127.0.0.1 (hosts-file names, looked up on the same threads) are answered.
+// Hanging creates from 127.0.0.2 get no more than their share of look-up threads; 127.0.0.1's are answered.
 TEST(ResolverAttackTest, UnanswerableCreatesLeaveOtherClientsLookedUp) {
   SilentNameServer dns;
   if (!dns.Entered()) GTEST_SKIP() << "no namespaces of our own (needs root)";

@@ -6,19 +6,9 @@
 
 namespace {
 
+// Port 9000 + id, rate 5, window 3 + id, reply 10, change 20, flags 7, expiry 100 s * id.
 StateFile::Entry entry(unsigned id, std::string name, std::string text = "t") {
-  StateFile::Entry e;
-  e.id = id;
-  e.port = 9000 + id;
-  e.sampleRate = 5;
-  e.windowSize = 3 + id;
-  e.replyFrequency = 10;
-  e.percentChange = 20;
-  e.flags = 7;
-  e.expiry = kNineOClock + 100 * id;
-  e.name = std::move(name);
-  e.text = std::move(text);
-  return e;
+  return {id, 9000 + id, 5, 3 + id, 10, 20, 7, kNineOClock + 100 * id, std::move(name), std::move(text)};
 }
 
 std::string ids(const std::vector<StateFile::Entry>& entries) {

@@ -81,13 +81,6 @@ class OmByteCircuitTest : public ::testing::Test {
     ASSERT_FALSE(g_guardFired) << "no descriptor became ready";
   }
 
-  // Small socket buffers, so that large writes go out in parts.
-  void ShrinkBuffers() {
-    const int small = 4096;
-    ASSERT_EQ(setsockopt(file_.Fd(), SOL_SOCKET, SO_SNDBUF, &small, sizeof small), 0);
-    ASSERT_EQ(setsockopt(peer_, SOL_SOCKET, SO_RCVBUF, &small, sizeof small), 0);
-  }
-
   void Send(const std::string& s) {
     ASSERT_EQ(write(peer_, s.data(), s.size()), static_cast<ssize_t>(s.size()));
   }
@@ -171,7 +164,9 @@ TEST_F(OmByteCircuitTest, WriteNowSendsAtOnceAndEmptyWritesQueueNothing) {
 }
 
 TEST_F(OmByteCircuitTest, CloseMarkerWaitsForEverythingQueued) {
-  ShrinkBuffers();
+  const int small = 4096;  // large writes go out in parts
+  ASSERT_EQ(setsockopt(file_.Fd(), SOL_SOCKET, SO_SNDBUF, &small, sizeof small), 0);
+  ASSERT_EQ(setsockopt(peer_, SOL_SOCKET, SO_RCVBUF, &small, sizeof small), 0);
   RecordingCircuit c(loop_, &file_);
   const std::string big = Pattern(200000);
   c.Write(Bytes(big), false);
