@@ -29,18 +29,12 @@
 // 2026-01-01 09:00:00 UTC, a Thursday.
 constexpr uint32_t kNineOClock = 1767258000;
 
-// The agent's single instances as start-up builds them, on settings of rate
-// 5 s, window 3, lifetime an hour, minimum cache 4, 1024 and 512 MiB and the
-// tool "/bin/sh DIR/vmstat" (not started), in a temporary directory DIR that
-// receives every message in t.log. The fake clock stands at nine o'clock;
-// the speed estimate is 8 and costs no processor time. A subscriber socket
-// on 127.0.0.1 waits for load packets.
+// The agent's single instances on small settings (rate 5 s, window 3, minimum cache 4) in a
+// temporary DIR logging to t.log; speed estimate 8; a UDP subscriber on 127.0.0.1.
 class AgentTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    char pattern[] = "/tmp/agenttestXXXXXX";
-    ASSERT_NE(nullptr, mkdtemp(pattern));
-    dir = pattern;
+    dir = TempDir();
     OmLog::InitLogs(&mylog, OmUniString(dir));
     ASSERT_TRUE(mylog.SetupCSFilters({OmUniString("*/*/*:t.log")}));
 
@@ -78,9 +72,7 @@ class AgentTest : public ::testing::Test {
 
   std::string logText() const {
     mylog.Flush();
-    std::stringstream text;
-    text << std::ifstream(dir + "/t.log").rdbuf();
-    return text.str();
+    return ReadText(dir + "/t.log");
   }
   // How often part occurs in the log.
   size_t logged(const std::string& part) const {
@@ -90,8 +82,7 @@ class AgentTest : public ::testing::Test {
     return n;
   }
 
-  // The next load packet, or "" once waitMs has passed. Loopback delivers
-  // within the sending call, so a short wait shows that nothing was sent.
+  // The next load packet, or "" after waitMs (loopback delivers within the send).
   std::string receive(int waitMs = 1000) {
     pollfd p{subscriber.Fd(), POLLIN, 0};
     char buf[2048];
@@ -103,8 +94,7 @@ class AgentTest : public ::testing::Test {
   }
   bool nothingWaiting() { return receive(20).empty(); }
 
-  // Fires every timeout due by the fake clock, up to a marker one
-  // microsecond ahead (below poll's millisecond, so nothing waits).
+  // Fires every timeout due by the fake clock, up to a marker one microsecond ahead.
   void runDue() {
     struct Marker : OmEventCallback {
       bool reached = false;

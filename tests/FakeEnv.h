@@ -1,16 +1,29 @@
 #ifndef QUELM_TESTS_FAKEENV_H_
 #define QUELM_TESTS_FAKEENV_H_
 
+#include <cstdlib>
 #include <ctime>
 #include <deque>
+#include <fstream>
 #include <functional>
+#include <sstream>
+#include <string>
 #include <vector>
 
 #include "foundation/string/OmEnv.h"
 
-// The environment a test controls, current for the object's lifetime: a
-// clock set by hand, sleeps that only count, and a processor clock whose
-// timed runs take the scripted ticks (a second each once the script is out).
+// A new folder under /tmp, and a whole file's text, for tests on real files.
+inline std::string TempDir() {
+  char name[] = "/tmp/quelm-test-XXXXXX";
+  return mkdtemp(name) != nullptr ? name : "/nonexistent";
+}
+inline std::string ReadText(const std::string& path) {
+  std::ostringstream text;
+  text << std::ifstream(path, std::ios::binary).rdbuf();
+  return text.str();
+}
+
+// A hand-set clock, counted sleeps and scripted processor ticks, current while it lives.
 class FakeEnv : public OmEnv {
  public:
   explicit FakeEnv(OmTimeVal start = OmTimeVal()) : now(start), previous(Install(this)) {}

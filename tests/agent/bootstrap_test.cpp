@@ -5,13 +5,11 @@
 #include <unistd.h>
 
 #include <filesystem>
-#include <fstream>
-#include <sstream>
-#include <string>
 #include <utility>
 
 #include <gtest/gtest.h>
 
+#include "FakeEnv.h"
 #include "agent/Globals.h"
 #include "agent/Logging.h"
 
@@ -20,9 +18,7 @@ namespace {
 class BootstrapTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    char tmpl[] = "/tmp/quelm-boot-XXXXXX";
-    ASSERT_NE(nullptr, mkdtemp(tmpl));
-    dir = tmpl;
+    dir = TempDir();
   }
   void TearDown() override {
     delete std::exchange(bootLogger, nullptr);
@@ -39,9 +35,7 @@ class BootstrapTest : public ::testing::Test {
       out << "varosa.config.quelmloadbalancing." << line << "\n";
   }
   std::string Log(const std::string& folder = "/tmp", const std::string& name = "") const {
-    std::ostringstream text;
-    text << std::ifstream(folder + (name.empty() ? logBase.substr(4) + "log" : name)).rdbuf();
-    return text.str();
+    return ReadText(folder + (name.empty() ? logBase.substr(4) + "log" : name));
   }
 
   std::string dir;
@@ -67,8 +61,7 @@ TEST_F(BootstrapTest, MissingFileGivesAllDefaultsAndOneMessage) {
   EXPECT_FALSE(std::filesystem::exists(path));
 }
 
-// What is not a regular file of at most 1 MiB is not read (no hang on a
-// FIFO, no growth on /dev/zero): the missing-file message and the defaults.
+// A FIFO, /dev/zero or more than 1 MiB is not read: defaults.
 TEST_F(BootstrapTest, UnreadablePropertiesFilesGiveDefaults) {
   const std::string path = dir + "/quelmloadbalancing.properties";
   for (int kind = 0; kind < 3; ++kind) {  // a FIFO, /dev/zero, 1 MiB and more
@@ -121,8 +114,7 @@ TEST_F(BootstrapTest, BadAndMissingValuesFallBackWithMessages) {
   }
 }
 
-// The file in the set it names (a bad line named once, losing only its keys)
-// and written back in it; and a user to run as that does not exist.
+// The file's own character set (bad lines named once), written back; an unknown user.
 TEST_F(BootstrapTest, PropertiesEncodingAndUser) {
   const std::string logs = dir + "/journaux-\xC3\xA9";
   std::filesystem::create_directory(logs);

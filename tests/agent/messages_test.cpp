@@ -1,10 +1,7 @@
 #include "agent/Messages.h"
 
-#include <gtest/gtest.h>
-
 #include <regex>
 #include <set>
-#include <string>
 
 #include "AgentFixture.h"
 

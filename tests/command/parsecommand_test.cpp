@@ -1,10 +1,6 @@
 #include "command/ParseCommand.h"
 
-#include <gtest/gtest.h>
-
 #include <map>
-#include <sstream>
-#include <string>
 
 #include "AgentFixture.h"
 #include "hosts/Host.h"
@@ -29,8 +25,7 @@ std::string created(const std::string& id, const std::string& stats) {
          stats + "</stats></znalbreply>";
 }
 
-// A create request with some values changed; an empty value leaves its
-// element out, and "stat" takes a comma-separated list.
+// A create request with changes; an empty value drops the element, stat takes a list.
 std::string createRequest(const std::map<std::string, std::string>& changes = {}) {
   const std::pair<std::string, std::string> defaults[] = {
       {"host", "127.0.0.1"}, {"port", "5555"},         {"samplerate", "5000"},
@@ -111,8 +106,7 @@ TEST_F(ParseCommandTest, GetListsEveryHostAndPercentEscapesAreDecoded) {
   EXPECT_EQ("<znalbreq type=kill><id>9</id><version>1.0</version><host>%3C</host>", text.AsUtf8());
 }
 
-// A create the allow-list or the limit refuses answers like any create that
-// made no host; the limit is logged once each time it is reached.
+// Creates refused by the allow-list or the limit (logged once each time reached).
 TEST_F(ParseCommandTest, AllowListAndSubscriberLimitRefuseCreates) {
   settings.subscriberAllow = OmUniString("10.0.0.0/8, 127.0.0.1");
   settings.maxSubscribers = 2;

@@ -1,9 +1,5 @@
 #include "command/Quelm_LbsTransmission.h"
 
-#include <gtest/gtest.h>
-
-#include <string>
-#include <utility>
 #include <vector>
 
 #include "AgentFixture.h"
@@ -57,16 +53,6 @@ TEST(TransmissionTest, CommandAndAttributes) {
     EXPECT_EQ(c.command, p.t.getCommand()) << c.text;
     EXPECT_EQ(c.attrs, p.attrs()) << c.text;
   }
-}
-
-TEST(TransmissionTest, RepeatedChildrenAndLookups) {
-  Parsed p("<znalbreq type=\"create\"><host>first</host><port>1</port><host>second</host>"
-           "</znalbreq>");
-  OmUniString value, *out[3] = {};
-  ASSERT_TRUE(p.t.getAttributes().getByName("host", value));
-  ASSERT_TRUE(p.t.getAttributes().getAllByName("host", out, 3));
-  EXPECT_TRUE(value == "first" && *out[0] == "first" && *out[1] == "second");
-  EXPECT_EQ(&LbsAttributes::NULLSTRING, out[2]);
 }
 
 // Text after the children is one syntax error.

@@ -1,6 +1,4 @@
-// The command port end to end on one shared probe: curl, socat, raw sockets
-// and quelmloadctl as clients, real replies and real UDP load packets; and
-// quelmloadctl without a probe.
+// The command port on one shared probe with curl, socat, raw sockets and quelmloadctl.
 #include <arpa/inet.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -20,18 +18,7 @@ bool Matches(const std::string& text, const std::string& pattern) {
   return std::regex_match(text, std::regex(pattern));
 }
 
-// The UDP port a listening client names on standard error, or 0.
-int ListenPort(const Ctl& listener) {
-  std::smatch m;
-  std::string err;
-  const std::regex named("port (\\d+)\n");
-  Eventually([&] { return std::regex_search(err = listener.Err(), m, named); });
-  return m.empty() ? 0 : std::stoi(m[1]);
-}
-
-// One probe for all cases. Its fake measuring tool writes the old 16-column
-// layout: each run gives one sample, idle 77, then closes its output and
-// lingers, so the probe must restart it without waiting for its end.
+// One probe for all cases; its tool gives one sample (idle 77) a run, then lingers with its output closed.
 class CommandTest : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
@@ -114,8 +101,7 @@ TEST_F(CommandTest, RawClientsTheToolsOutputAndABusyPort) {
   EXPECT_EQ(SendRequest(port, kill), Reply("kill", "<id>5</id>"));
   EXPECT_TRUE(Matches(SendRequest(port, get), idle));
 
-  // The tool's 16 columns become samples; every lingering run is replaced
-  // (three runs at least) and killed, so at most the current one is left.
+  // Samples from the 16 columns; lingering runs are replaced and killed.
   const std::regex sample("idle=77, swap=785432, \nphysmemfree=2000, swappedin=5, swappedout=6\\.");
   EXPECT_TRUE(Eventually([&] {
     const std::string log = probe_->Log();
@@ -131,10 +117,7 @@ TEST_F(CommandTest, RawClientsTheToolsOutputAndABusyPort) {
   EXPECT_EQ(log.find("Quelm loadprobe stopped"), std::string::npos);
 }
 
-// quelmloadctl's whole conversation. The first packet of a subscriber whose
-// reply frequency (60 s) outlasts the listener comes from the percent change
-// (0 to 77) at a run's end; a subscriber whose threshold (90) is never reached
-// gets its packet from the reply-frequency timer, 10 s after its creation.
+// quelmloadctl's conversation: one packet from the percent change (0 to 77), one from the 10 s timer.
 TEST_F(CommandTest, QuelmloadctlConversationAndLoadPackets) {
   const std::string port = std::to_string(probe_->port());
   auto run = [&](std::vector<std::string> args) {
@@ -190,8 +173,7 @@ TEST_F(CommandTest, QuelmloadctlConversationAndLoadPackets) {
 
 // Bad arguments, no connection, no reply, and listening in vain.
 TEST(CtlTest, ExitStatusAndOneLineMessageWithoutAProbe) {
-  // A listening socket that never accepts: the client's request waits in its
-  // backlog, unanswered. Closed afterwards, its port refuses connections.
+  // Never accepting, then closed: first no reply, then a refused connection.
   const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   listen(fd, 1);  // bound to a free port by listening
   sockaddr_storage addr{};

@@ -1,6 +1,4 @@
-// The command port under connection floods: a burst of short connections,
-// hundreds of idle ones, then no descriptors left. After each the probe must
-// serve normally, give back every descriptor and go quiet again (no spinning).
+// Connection floods: afterwards the probe serves, gives back its descriptors and goes quiet.
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -34,8 +32,7 @@ TEST(FloodTest, BurstIdleConnectionsAndNoDescriptorsLeft) {
   setrlimit(RLIMIT_NOFILE, &files);
   if (files.rlim_cur < 700) GTEST_SKIP() << "descriptor limit " << files.rlim_cur << " too low";
 
-  // A tool that writes once and then stays quiet, so that the probe's own
-  // descriptors do not change while the test counts them.
+  // A tool that writes once and stays quiet: the probe's descriptors hold still.
   ProbeRunner probe;
   probe.SetTool("echo 'first header'\necho 'second header'\nexec sleep 600\n");
   probe.Start();
@@ -51,8 +48,7 @@ TEST(FloodTest, BurstIdleConnectionsAndNoDescriptorsLeft) {
     EXPECT_LT(CpuOverHalfASecond(pid), 0.1);
   };
 
-  // 2,000 gets from 32 clients at once: more than the listen backlog, so
-  // some connects are dropped and retried by TCP; all must be answered.
+  // 2,000 gets from 32 clients, beyond the backlog: all answered.
   std::atomic<int> answered = 0;
   std::vector<std::jthread> clients;
   for (int i = 0; i < 32; ++i) {
@@ -67,8 +63,7 @@ TEST(FloodTest, BurstIdleConnectionsAndNoDescriptorsLeft) {
   EXPECT_NE(probe.Log().find("Received new connection from 127.0.0.1."), std::string::npos);
   expectRecovered();
 
-  // 500 idle connections cost one descriptor each and hold up no one. In
-  // batches of the listen backlog, each accepted before the next.
+  // 500 idle connections (batches of the backlog): a descriptor each, holding up no one.
   std::vector<int> idle;
   while (idle.size() < 500) {
     for (int i = 0; i < 5; ++i) idle.push_back(Connect(probe.port(), SOCK_NONBLOCK));
@@ -80,8 +75,7 @@ TEST(FloodTest, BurstIdleConnectionsAndNoDescriptorsLeft) {
   EXPECT_LT(CpuOverHalfASecond(pid), 0.1);
 
 #ifndef QUELM_SANITIZED
-  // No descriptor left: the probe pauses accepting instead of spinning and
-  // says so once. (The sanitizer runtime needs descriptors itself.)
+  // No descriptor left: accepting pauses, said once (the sanitizer needs some too).
   const rlimit few{rlim_t(base + 502), files.rlim_max};
   ASSERT_EQ(prlimit(pid, RLIMIT_NOFILE, &few, nullptr), 0);
   for (int i = 0; i < 10; ++i) idle.push_back(Connect(probe.port(), SOCK_NONBLOCK));

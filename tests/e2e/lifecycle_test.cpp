@@ -1,6 +1,4 @@
-// The probe's life as an operator sees it: start on the sample configuration,
-// pid file, the real vmstat, logs, signals, stop; and what it makes of a
-// scripted tool's output.
+// Start, pid file, real vmstat, logs, signals and stop; and a scripted tool's output.
 #include <grp.h>
 #include <pwd.h>
 #include <sys/prctl.h>
@@ -15,8 +13,7 @@
 
 namespace {
 
-// The probe's current vmstat child, once it has one; 0 if none comes. Runs
-// are replaced after each sample, so this looks again while children change.
+// The probe's current vmstat child (runs are replaced), or 0.
 int VmstatChild(const ProbeRunner& probe) {
   Output found;
   Eventually([&] {
@@ -39,8 +36,7 @@ TEST(LifecycleTest, SampleConfigurationRealVmstatSighupAndSigterm) {
   std::string log;
   ASSERT_TRUE(Eventually([&] { return std::regex_search(log = probe.Log(), sample, cached); }));
   EXPECT_LE(std::stoi(sample[1]), 100);
-  // Every key of the sample is understood: a missing or bad value is always
-  // reported with its key.
+  // Every key of the sample is understood (a bad one would be named).
   EXPECT_EQ(log.find("varosa.config.quelmloadbalancing."), std::string::npos) << log;
   EXPECT_NE(log.find("Quelm loadprobe started."), std::string::npos);
   EXPECT_EQ(SendRequest(probe.port(), "GET /"),
@@ -73,8 +69,6 @@ TEST(LifecycleTest, SampleConfigurationRealVmstatSighupAndSigterm) {
   }
 }
 
-// A tool that cannot be run: its failed child waits a sample interval (30 s)
-// instead of being replaced at once.
 std::string Status(int pid) { return ProbeRunner::ReadFile("/proc/" + std::to_string(pid) + "/status"); }
 bool Holds(const std::string& text, const std::vector<std::string>& parts) {
   return std::all_of(parts.begin(), parts.end(), [&](auto& p) { return text.find(p) != std::string::npos; });
@@ -115,6 +109,7 @@ TEST(LifecycleTest, StartedAsRootServesAsTheConfiguredUserAndGroup) {
   EXPECT_FALSE(fs::exists(probe.PidFilePath()));
 }
 
+// An unexecutable tool's failed child waits a sample interval (30 s), not replaced at once.
 TEST(LifecycleTest, BadPidDirectoryUnexecutableToolAndSigint) {
   ProbeRunner probe;
   probe.Set("piddirectory", probe.dir() + "/missing");
@@ -145,10 +140,7 @@ TEST(LifecycleTest, UnknownFilterEndsWithCode4BeforeThePidFile) {
   EXPECT_NE(log.find("Quelm loadprobe stopped - exitcode 4."), std::string::npos);
 }
 
-// Two runs in the old 16-column layout: output the filter cannot read, then
-// a sample to clamp, above the configured virtual memory, and one more. The
-// second run's average idle stays below 94, so no speed estimate (slow on a
-// loaded machine) holds up its samples.
+// Garbage, then samples to clamp and above the memory maximum; idle below 94 keeps the speed estimate away.
 TEST(MeasureTest, ScriptedToolClampsRaisesTheMaximumAndReportsGarbage) {
   ProbeRunner probe;
   const std::string runs = probe.dir() + "/runs";

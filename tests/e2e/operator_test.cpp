@@ -1,6 +1,4 @@
-// What an operator runs around the probe: its flags, quelmloadctl --json with
-// jq, the shipped alerting rules and dashboard with a real Prometheus
-// scraping the probe, and the man pages.
+// The probe's flags, quelmloadctl --json with jq, the shipped rules and dashboard in Prometheus, the man pages.
 #include <sstream>
 
 #include "probe_runner.h"
@@ -11,11 +9,6 @@ const std::string kKey = "varosa.config.quelmloadbalancing.";
 const std::string kExamples = QUELM_SOURCE_DIR "/packaging/examples/";
 
 std::string Quote(const std::string& s) { return "'" + std::regex_replace(s, std::regex("'"), "'\\''") + "'"; }
-
-// The metrics page of 127.0.0.1:port.
-std::string Page(int port) {
-  return Shell("curl -sf --max-time 10 http://127.0.0.1:" + std::to_string(port) + "/metrics").out;
-}
 
 double Sum(const std::string& page, const std::string& name) {
   double sum = 0;
@@ -109,7 +102,7 @@ TEST(OperatorTest, CtlJsonForJqAndHealthyToolRunsAreNoRestarts) {
             std::string::npos);
   // A run of vmstat lasts windowsize samples: two starts, so one healthy end.
   std::string page;
-  EXPECT_TRUE(Eventually([&] { return Sum(page = Page(metrics), "quelmloadprobe_tool_runs_total") >= 2; }, 90s));
+  EXPECT_TRUE(Eventually([&] { return Sum(page = MetricsPage(metrics), "quelmloadprobe_tool_runs_total") >= 2; }, 90s));
   EXPECT_EQ(Sum(page, "quelmloadprobe_tool_restarts_total"), 0) << page;
   EXPECT_EQ(Sum(page, "quelmloadprobe_build_info"), 1) << page;
   EXPECT_GE(Sum(page, "quelmloadprobe_agent_weight_ratio"), 0.01) << page;
@@ -120,8 +113,7 @@ TEST(OperatorTest, PrometheusScrapesTheProbeRunsTheDashboardAndFiresOnAStalledTo
   ASSERT_EQ(Shell("command -v prometheus && command -v jq && command -v curl").status, 0);
   ProbeRunner probe;
   const int metrics = FreePort(), web = FreePort();
-  // One sample, then silence: killed for the stall after one interval, every
-  // run. Each run notes the descriptors it was given.
+  // One sample, then silence (a stall every run); each run notes its descriptors.
   probe.SetTool("ls -l /proc/$$/fd | sed 's/.* \\([0-9]*\\) -> /\\1 /' >" + probe.dir() + "/fds\n"
                 "echo h\necho h\necho '0 0 0 1000 2000 3 4 5 6 7 8 9 10 11 12 77'\nexec sleep 600\n");
   probe.Set("metricsport", std::to_string(metrics));
@@ -161,8 +153,8 @@ TEST(OperatorTest, PrometheusScrapesTheProbeRunsTheDashboardAndFiresOnAStalledTo
   EXPECT_GT(panels, 10);
   EXPECT_TRUE(Eventually([&] {
     return query("ALERTS{alertname=\"QuelmloadprobeToolRestarting\", alertstate=\"firing\"}", ".data.result | length == 1");
-  }, 90s)) << Page(metrics);
-  EXPECT_GT(Sum(Page(metrics), "quelmloadprobe_tool_restarts_total\\{reason=\"stall\"\\}"), 2);
+  }, 90s)) << MetricsPage(metrics);
+  EXPECT_GT(Sum(MetricsPage(metrics), "quelmloadprobe_tool_restarts_total\\{reason=\"stall\"\\}"), 2);
   // The tool got its pipe and standard error, none of the probe's sockets.
   const std::string fds = "\n" + ProbeRunner::ReadFile(dir + "/fds");
   EXPECT_NE(fds.find("\n1 "), std::string::npos) << fds;

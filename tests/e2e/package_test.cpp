@@ -1,6 +1,4 @@
-// The install layout the Debian package is built from, installed from this
-// build into a temporary folder. The package itself (dpkg-buildpackage,
-// lintian, install and purge) is scripts/package-test.sh's.
+// The install layout of the package, from this build (the package itself: scripts/package-test.sh).
 
 #include "probe_runner.h"
 
@@ -26,10 +24,7 @@ TEST(PackageTest, InstallLayoutUnitsAndSystemdVerify) {
                            "usr/share/doc/quelmloadprobe/examples/quelmloadprobe-dashboard.json"}) {
     EXPECT_TRUE(fs::exists(dir + "/root/" + file)) << file;
   }
-  // The configuration's folders are those the unit makes and may write to,
-  // and only loopback and private ranges may use the probe; the unit runs it
-  // in the foreground as its user and counts a stop by SIGINT, SIGTERM or
-  // SIGPIPE as success; the .log and .csl are rotated, and the probe reopens its own.
+  // The unit's folders, private clients, foreground run as its user, clean stop signals, log rotation.
   const std::string unit = "root/usr/lib/systemd/system/quelmloadprobe.service",
                     props = "root/etc/quelmloadprobe/quelmloadbalancing.properties",
                     rotate = "root/etc/logrotate.d/quelmloadprobe";
@@ -61,8 +56,7 @@ TEST(PackageTest, InstallLayoutUnitsAndSystemdVerify) {
   EXPECT_EQ(unitText.find("Type=forking"), std::string::npos);
 
   if (Shell("command -v systemd-analyze").status != 0) GTEST_SKIP() << "no systemd-analyze";
-  // verify insists that the program exists, so this copy starts the
-  // unpacked one; every other line is the packaged unit's.
+  // verify wants the program to exist: this copy of the unit starts the unpacked one.
   const std::string copy = std::regex_replace(
       unitText, std::regex("\nExecStart=/usr/sbin/"), "\nExecStart=" + dir + "/root/usr/sbin/");
   ASSERT_NE(copy, unitText);

@@ -1,5 +1,4 @@
-// What every end-to-end test uses: the real probe in a temporary folder,
-// connections to it, and child programs such as quelmloadctl.
+// The real probe in a temporary folder, connections to it, and child programs.
 #ifndef QUELM_TESTS_E2E_PROBE_RUNNER_H_
 #define QUELM_TESTS_E2E_PROBE_RUNNER_H_
 
@@ -27,8 +26,7 @@ bool Eventually(const std::function<bool()>& cond, std::chrono::milliseconds tim
 // A TCP port on 127.0.0.1 that was free a moment ago.
 int FreePort();
 
-// The probe on the sample configuration, with its own port, log and pid
-// folders, sample rate 5 and window size 3.
+// The probe on the sample configuration, own port, log and pid folders, rate 5, window 3.
 class ProbeRunner {
  public:
   ProbeRunner();
@@ -39,16 +37,13 @@ class ProbeRunner {
   void UsePackaged() { base_ = QUELM_BINARY_DIR "/packaging/quelmloadbalancing.properties"; }
   void LimitFiles(int n) { fileLimit_ = n; }  // RLIMIT_NOFILE of the probe, soft and hard
   std::string SetTool(const std::string& script);  // a shell script as the tool; its path
-  // Socket activation: fd is passed as descriptor 3, with LISTEN_PID and
-  // LISTEN_FDS naming the probe; the test keeps its own copy.
+  // Socket activation: fd becomes descriptor 3 with LISTEN_PID/LISTEN_FDS.
   void PassListener(int fd) { passFd_ = fd; }
   void SetEnv(const std::string& name, const std::string& value) { env_[name] = value; }
   // A program that execs the probe (its arguments up to the probe's path).
   void WrapWith(std::vector<std::string> wrapper) { wrapper_ = std::move(wrapper); }
   void Start();
-  // True once the probe sleeps in poll: its event loop runs (after the pid
-  // file), and only from then on does it act on signals (earlier ones are
-  // dropped). Start-up times the processor, which takes long on a loaded machine.
+  // True once the probe sleeps in poll: only then does it act on signals (start-up may be long).
   bool WaitUntilPolling() const;
   void Signal(int sig) const;  // sends sig once the event loop runs
   int Stop(int sig);           // Signal(sig) (SIGKILL at once), Wait()
@@ -84,19 +79,19 @@ class ProbeRunner {
   mutable int status_ = -1;
 };
 
-// A TCP connection to 127.0.0.1:port, or -1. With SOCK_NONBLOCK in flags it
-// may still be pending.
+// A TCP connection to 127.0.0.1:port (maybe pending with SOCK_NONBLOCK), or -1.
 int Connect(int port, int flags = 0);
 // One request on its own connection; the whole reply.
 std::string SendRequest(int port, const std::string& request);
+// A create for host:port: rate 5 s, window 3, reply every 10 s, change 20 %, cpu.
+std::string CreateRequest(const std::string& host, int port, int id);
 
 struct Output {
   int status = -1;  // exit status; -1 when the program did not exit normally
   std::string out, err;
 };
 
-// A program as a child process: quelmloadctl unless the first argument is
-// an absolute path. Standard output and error go to temporary files.
+// A child program (quelmloadctl unless given an absolute path), its output in temporary files.
 class Ctl {
  public:
   explicit Ctl(std::vector<std::string> args);
@@ -111,5 +106,16 @@ class Ctl {
 
 inline Output RunCtl(const std::vector<std::string>& args) { return Ctl(args).Finish(); }
 inline Output Shell(const std::string& command) { return RunCtl({"/bin/sh", "-c", command}); }
+
+// The UDP port a listening quelmloadctl names on standard error, or 0.
+int ListenPort(const Ctl& listener);
+bool HasIpv6Loopback();  // ::1 can be bound here
+std::string MetricsPage(int port, const std::string& host = "127.0.0.1");
+// HAProxy in dir with one server web1; its state as "<admin state> <weight>" (0 ready, 8 drained).
+Ctl StartHaproxy(const std::string& dir, const std::string& server);
+std::string HaproxyState(const std::string& dir);
+// A tool giving one sample of idle 77 at once, then lingering with its output closed.
+inline const std::string kIdle77Tool = "echo h1\necho h2\necho '1 1 1 1 1 1 1 1 1 1 1 1 1 1 1 1'\n"
+                                       "echo '0 0 0 1000 2000 3 4 5 6 7 8 9 10 11 12 77'\nexec sleep 60 >&- <&-\n";
 
 #endif  // QUELM_TESTS_E2E_PROBE_RUNNER_H_

@@ -173,6 +173,12 @@ std::string SendRequest(int port, const std::string& request) {
   return reply;
 }
 
+std::string CreateRequest(const std::string& host, int port, int id) {
+  return "<znalbreq type=\"create\"><host>" + host + "</host><port>" + std::to_string(port) +
+         "</port><samplerate>5000</samplerate><windowsize>3</windowsize><replyfreq>10000</replyfreq><percentchange>"
+         "20</percentchange><stat>cpu</stat><id>" + std::to_string(id) + "</id><version>1.0</version></znalbreq>";
+}
+
 Ctl::Ctl(std::vector<std::string> args) : out_(tmpfile()), err_(tmpfile()) {
   if (args.empty() || args[0][0] != '/') args.insert(args.begin(), QUELM_CTL_BINARY);
   pid_ = fork();
@@ -205,4 +211,36 @@ Output Ctl::Finish() {
   waitpid(pid_, &status, 0);
   pid_ = -1;
   return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, Read(out_), Read(err_)};
+}
+
+int ListenPort(const Ctl& listener) {
+  std::smatch m;
+  std::string err;
+  Eventually([&] { return std::regex_search(err = listener.Err(), m, std::regex("port (\\d+)\n")); });
+  return m.empty() ? 0 : std::stoi(m[1]);
+}
+
+bool HasIpv6Loopback() {
+  const int six = socket(AF_INET6, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  sockaddr_in6 at{AF_INET6, 0, 0, in6addr_loopback, 0};
+  const bool bound = bind(six, reinterpret_cast<sockaddr*>(&at), sizeof at) == 0;
+  close(six);
+  return bound;
+}
+
+std::string MetricsPage(int port, const std::string& host) {
+  return Shell("curl -gsf --max-time 10 'http://" + host + ":" + std::to_string(port) + "/metrics'").out;
+}
+
+Ctl StartHaproxy(const std::string& dir, const std::string& server) {
+  ProbeRunner::WriteFile(dir + "/haproxy.cfg",
+      "global\n  stats socket " + dir + "/admin.sock level admin\n"
+      "defaults\n  mode tcp\n  timeout connect 1s\n  timeout client 5s\n  timeout server 5s\n"
+      "backend be\n  server web1 " + server + "\n");
+  return Ctl({"/bin/sh", "-c", "exec haproxy -db -f " + dir + "/haproxy.cfg"});
+}
+
+std::string HaproxyState(const std::string& dir) {
+  return Shell("echo 'show servers state be' | socat -t 5 - UNIX-CONNECT:" + dir +
+               "/admin.sock | awk '$4 == \"web1\" { print $7, $8 }'").out;
 }

@@ -1,5 +1,4 @@
-// The agent check and metrics ports with the real consumers: HAProxy weighs
-// and drains a server by the probe's figures, promtool reads the page.
+// The agent check and metrics ports with HAProxy and promtool.
 #include <poll.h>
 #include <unistd.h>
 
@@ -35,8 +34,7 @@ TEST(ReplyPortsTest, HaproxyWeighsAndDrainsByTheProbeAndPromtoolReadsItsPage) {
   probe.Set("agentcheckdrainidle", "30");
   probe.Set("agentcheckmemoryweight", "50");
   probe.Set("metricsport", std::to_string(metricsPort));
-  // The command port's limits hold here too; the timeout keeps the idle
-  // clients below open however slow the machine.
+  // The command port's limits hold here too (a long timeout keeps idle clients open).
   probe.Set("maxconnections", "2");
   probe.Set("requesttimeout", "600");
   probe.Set("clientallow", "127.0.0.1");
@@ -44,18 +42,11 @@ TEST(ReplyPortsTest, HaproxyWeighsAndDrainsByTheProbeAndPromtoolReadsItsPage) {
   ASSERT_TRUE(probe.WaitUntilPolling());
 
   // The server itself is never connected to; only its agent is asked.
-  ProbeRunner::WriteFile(dir + "/haproxy.cfg",
-      "global\n  stats socket " + dir + "/admin.sock level admin\n"
-      "defaults\n  mode tcp\n  timeout connect 1s\n  timeout client 5s\n  timeout server 5s\n"
-      "backend be\n  server web1 127.0.0.1:" + std::to_string(probe.port()) +
-      " weight 100 agent-check agent-port " + std::to_string(agentPort) + " agent-inter 100ms\n");
-  Ctl haproxy({"/bin/sh", "-c", "exec haproxy -db -f " + dir + "/haproxy.cfg"});
-  // "<admin state> <weight>" of web1: 0 is ready, 8 drained.
+  Ctl haproxy = StartHaproxy(dir, "127.0.0.1:" + std::to_string(probe.port()) + " weight 100 agent-check agent-port " +
+                                      std::to_string(agentPort) + " agent-inter 100ms");
   std::string state;
   auto serverIs = [&](const std::string& wanted) {
-    const Output o = Shell("echo 'show servers state be' | socat -t 5 - UNIX-CONNECT:" + dir +
-                           "/admin.sock | awk '$4 == \"web1\" { print $7, $8 }'");
-    return std::regex_match(state = o.out, std::regex(wanted + "\n"));
+    return std::regex_match(state = HaproxyState(dir), std::regex(wanted + "\n"));
   };
   // Idle 80 and 99 % of virtual memory free, half and half: 90 %.
   EXPECT_TRUE(Eventually([&] { return serverIs("0 90"); }, 60s)) << state << haproxy.Err();
@@ -68,10 +59,9 @@ TEST(ReplyPortsTest, HaproxyWeighsAndDrainsByTheProbeAndPromtoolReadsItsPage) {
 
   // The page as promtool sees it, and its counters moving.
   const std::string url = "http://127.0.0.1:" + std::to_string(metricsPort);
-  auto page = [&] { return Shell("curl -sf --max-time 10 " + url + "/metrics").out; };
   const Output checked = Shell("curl -sf --max-time 10 " + url + "/metrics | promtool check metrics");
   EXPECT_EQ(checked.status, 0) << checked.out << checked.err;
-  const std::string before = page();
+  const std::string before = MetricsPage(metricsPort);
   EXPECT_EQ(Metric(before, "quelmloadprobe_cpu_idle_ratio"), 0.4) << before;
   // The host's stall figures, where the kernel keeps them.
   if (access("/proc/pressure/cpu", R_OK) == 0) {
@@ -81,13 +71,10 @@ TEST(ReplyPortsTest, HaproxyWeighsAndDrainsByTheProbeAndPromtoolReadsItsPage) {
   EXPECT_GT(Metric(before, "quelmloadprobe_agent_checks_total"), 0);
   SendRequest(probe.port(), "GET /?get&znalbinfo");
   SendRequest(probe.port(), "GET /");
-  SendRequest(probe.port(), "<znalbreq type=\"create\"><host>127.0.0.1</host><port>9</port>"
-              "<samplerate>5</samplerate><windowsize>3</windowsize><replyfreq>1</replyfreq>"
-              "<percentchange>20</percentchange><stat>cpu</stat><id>7</id><version>1.0</version>"
-              "</znalbreq>");
+  SendRequest(probe.port(), CreateRequest("127.0.0.1", 9, 7));
   std::string after;
   EXPECT_TRUE(Eventually([&] {
-    return Metric(after = page(), "quelmloadprobe_load_packets_sent_total") > 0;
+    return Metric(after = MetricsPage(metricsPort), "quelmloadprobe_load_packets_sent_total") > 0;
   })) << after;
   for (const char* counter : {"quelmloadprobe_commands_total{type=\"get\"}",
                               "quelmloadprobe_commands_total{type=\"create\"}",
@@ -110,8 +97,7 @@ TEST(ReplyPortsTest, HaproxyWeighsAndDrainsByTheProbeAndPromtoolReadsItsPage) {
   const Output refused = Shell("curl -s --interface 127.0.0.2 " + url + "/metrics; echo \" $?\"; "
                                "socat -T 10 - TCP:127.0.0.1:" + std::to_string(agentPort) +
                                ",bind=127.0.0.2 </dev/null");
-  // curl's "empty reply from server", or its "failure receiving data" when the
-  // close meets the request unread and resets the connection.
+  // curl's "empty reply", or "failure receiving" when the close resets the connection.
   EXPECT_TRUE(refused.out == " 52\n" || refused.out == " 56\n") << refused.out << refused.err;
 
   // At maxconnections a further client waits until one of the others ends.
@@ -127,21 +113,17 @@ TEST(ReplyPortsTest, HaproxyWeighsAndDrainsByTheProbeAndPromtoolReadsItsPage) {
   EXPECT_EQ(probe.Stop(SIGTERM), 92) << ProbeRunner::ReadFile(dir + "/stderr.txt");
 }
 
-// loadsource=proc: samples come without a tool child, into the cache that
-// the get reply and the page report.
+// loadsource=proc: samples without a tool child, in the get reply and on the page.
 TEST(ReplyPortsTest, ProcSourceSamplesWithoutATool) {
   ProbeRunner probe;
   const int metricsPort = FreePort();
   probe.Set("loadsource", "proc");
-  probe.Set("samplerate", "5");
-  probe.Set("windowsize", "3");
   probe.Set("metricsport", std::to_string(metricsPort));
   probe.Start();
   ASSERT_TRUE(probe.WaitUntilPolling());
   std::string page;
   EXPECT_TRUE(Eventually([&] {
-    page = Shell("curl -sf --max-time 10 http://127.0.0.1:" + std::to_string(metricsPort) + "/metrics").out;
-    return Metric(page, "quelmloadprobe_cached_samples") >= 1;
+    return Metric(page = MetricsPage(metricsPort), "quelmloadprobe_cached_samples") >= 1;
   }, 60s)) << page;
   EXPECT_TRUE(probe.Children().empty());
   const double idle = Metric(page, "quelmloadprobe_cpu_idle_ratio");

@@ -1,6 +1,4 @@
-// A subscriber name whose name server never answers: with a look-up time
-// limit the probe keeps serving while the look-up hangs, and the create is
-// refused once the limit passes.
+// A name server that never answers: the probe keeps serving and refuses the create in time.
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <net/if.h>
@@ -16,20 +14,10 @@
 
 namespace {
 
-std::string CreateRequest(const std::string& host, int id) {
-  return "<znalbreq type=\"create\"><host>" + host + "</host><port>9</port><samplerate>5000"
-         "</samplerate><windowsize>3</windowsize><replyfreq>10000</replyfreq><percentchange>5"
-         "</percentchange><id>" + std::to_string(id) + "</id><stat>cpu</stat><version>1.0"
-         "</version></znalbreq>";
-}
-
-// This process in network and mount namespaces of its own, with loopback up,
-// a name server on 127.0.0.1:53 that takes queries and never answers, and a
-// resolver configuration naming it. Probes started meanwhile inherit all of
-// it; the destructor returns the process to where it was.
+// Own network and mount namespaces with a silent name server on 127.0.0.1:53; undone at the end.
 class SilentNameServer {
  public:
-  explicit SilentNameServer(const std::string& dir) {
+  SilentNameServer() {
     net_ = open("/proc/self/ns/net", O_RDONLY | O_CLOEXEC);
     mnt_ = open("/proc/self/ns/mnt", O_RDONLY | O_CLOEXEC);
     if (net_ < 0 || mnt_ < 0 || unshare(CLONE_NEWNET | CLONE_NEWNS) != 0) return;
@@ -54,24 +42,24 @@ class SilentNameServer {
       EXPECT_TRUE(setns(net_, CLONE_NEWNET) == 0 && setns(mnt_, CLONE_NEWNS) == 0);
     }
     close(net_), close(mnt_);
+    fs::remove_all(dir);
   }
   bool Entered() const { return entered_; }
   bool Ready() const { return ready_; }
+  const std::string dir = [] { char t[] = "/tmp/quelm-dns-XXXXXX"; return std::string(mkdtemp(t)); }();
 
  private:
   int net_ = -1, mnt_ = -1, server_ = -1;
   bool entered_ = false, ready_ = false;
 };
 
-// The attack: one create naming a host only the silent server could find.
-// Meanwhile the probe answers a get and keeps its subscription; the create
-// is refused once the look-up's time limit has passed.
+// While one create's look-up hangs, a get is answered; the create is refused at the limit.
 void HangingLookUpDoesNotStallTheProbe(ProbeRunner& probe) {
-  const std::string created = SendRequest(probe.port(), CreateRequest("127.0.0.1", 1));
+  const std::string created = SendRequest(probe.port(), CreateRequest("127.0.0.1", 9, 1));
   ASSERT_NE(std::string::npos, created.find("<znalbreply type=\"create\">")) << created;
 
   const int hanging = Connect(probe.port());
-  const std::string attack = CreateRequest("subscriber.quelm.test", 2);
+  const std::string attack = CreateRequest("subscriber.quelm.test", 9, 2);
   ASSERT_EQ(static_cast<ssize_t>(attack.size()), write(hanging, attack.data(), attack.size()));
   ASSERT_TRUE(probe.WaitForLog("subscriber.quelm.test"));  // the look-up is under way
   const std::string get = SendRequest(probe.port(), "GET /?get&znalbinfo");
@@ -97,56 +85,44 @@ void HangingLookUpDoesNotStallTheProbe(ProbeRunner& probe) {
 }
 
 TEST(ResolverAttackTest, HangingNameServerWithLookUpLimit) {
-  char tmpl[] = "/tmp/quelm-dns-XXXXXX";
-  const std::string dir = mkdtemp(tmpl);
-  {
-    SilentNameServer dns(dir);
-    if (!dns.Entered()) GTEST_SKIP() << "no namespaces of our own (needs root)";
-    ASSERT_TRUE(dns.Ready());
-    ProbeRunner probe;
-    probe.Set("resolvetimeout", "8");
-    probe.Start();
-    ASSERT_TRUE(probe.WaitUntilPolling());
-    HangingLookUpDoesNotStallTheProbe(probe);
-  }
-  fs::remove_all(dir);
+  SilentNameServer dns;
+  if (!dns.Entered()) GTEST_SKIP() << "no namespaces of our own (needs root)";
+  ASSERT_TRUE(dns.Ready());
+  ProbeRunner probe;
+  probe.Set("resolvetimeout", "8");
+  probe.Start();
+  ASSERT_TRUE(probe.WaitUntilPolling());
+  HangingLookUpDoesNotStallTheProbe(probe);
 }
 
-// 6 creates a second from 127.0.0.2 hold look-up threads for 30 s each; the
-// packaged probe refuses that client past its share, so creates by name from
-// 127.0.0.1 (hosts-file names, looked up on the same threads) are answered.
+// Hanging creates from 127.0.0.2 get no more than their share of look-up threads; 127.0.0.1's are answered.
 TEST(ResolverAttackTest, UnanswerableCreatesLeaveOtherClientsLookedUp) {
-  char tmpl[] = "/tmp/quelm-dns-XXXXXX";
-  const std::string dir = mkdtemp(tmpl);
-  {
-    SilentNameServer dns(dir);
-    if (!dns.Entered()) GTEST_SKIP() << "no namespaces of our own (needs root)";
-    ProbeRunner::WriteFile(dir + "/hosts", "127.0.0.1 localhost g1 g2 g3 g4 g5 g6 g7 g8\n");  // none cached
-    ASSERT_TRUE(dns.Ready() && mount((dir + "/hosts").c_str(), "/etc/hosts", nullptr, MS_BIND, nullptr) == 0);
-    ProbeRunner probe;
-    probe.UsePackaged();
-    probe.Start();
-    ASSERT_TRUE(probe.WaitUntilPolling());
-    std::vector<int> attackers;  // never read: their replies do not matter
-    std::jthread attack([&] {
-      for (int i = 0; i < 30; ++i, std::this_thread::sleep_for(166ms)) {
-        const int fd = attackers.emplace_back(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-        sockaddr_in from{AF_INET, 0, {htonl(0x7f000002)}, {}}, to{AF_INET, htons(probe.port()), {htonl(INADDR_LOOPBACK)}, {}};
-        const std::string request = CreateRequest("bad" + std::to_string(i) + ".quelm.test", 1000 + i);
-        if (bind(fd, reinterpret_cast<sockaddr*>(&from), sizeof from) == 0 &&
-            connect(fd, reinterpret_cast<sockaddr*>(&to), sizeof to) == 0) (void)!write(fd, request.data(), request.size());
-      }
-    });
-    std::this_thread::sleep_for(2s);  // 12 asked for: more than their share
-    for (int i = 1; i <= 8; ++i, std::this_thread::sleep_for(400ms)) {  // until the attack ends
-      const std::string reply = SendRequest(probe.port(), CreateRequest("g" + std::to_string(i), i));
-      EXPECT_NE(std::string::npos, reply.find("<znalbreply type=\"create\">")) << i << reply;
+  SilentNameServer dns;
+  if (!dns.Entered()) GTEST_SKIP() << "no namespaces of our own (needs root)";
+  ProbeRunner::WriteFile(dns.dir + "/hosts", "127.0.0.1 localhost g1 g2 g3 g4 g5 g6 g7 g8\n");  // none cached
+  ASSERT_TRUE(dns.Ready() && mount((dns.dir + "/hosts").c_str(), "/etc/hosts", nullptr, MS_BIND, nullptr) == 0);
+  ProbeRunner probe;
+  probe.UsePackaged();
+  probe.Start();
+  ASSERT_TRUE(probe.WaitUntilPolling());
+  std::vector<int> attackers;  // never read: their replies do not matter
+  std::jthread attack([&] {
+    for (int i = 0; i < 30; ++i, std::this_thread::sleep_for(166ms)) {
+      const int fd = attackers.emplace_back(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+      sockaddr_in from{AF_INET, 0, {htonl(0x7f000002)}, {}}, to{AF_INET, htons(probe.port()), {htonl(INADDR_LOOPBACK)}, {}};
+      const std::string request = CreateRequest("bad" + std::to_string(i) + ".quelm.test", 9, 1000 + i);
+      if (bind(fd, reinterpret_cast<sockaddr*>(&from), sizeof from) == 0 &&
+          connect(fd, reinterpret_cast<sockaddr*>(&to), sizeof to) == 0) (void)!write(fd, request.data(), request.size());
     }
-    attack.join();
-    for (int fd : attackers) close(fd);
-    EXPECT_TRUE(probe.WaitForLog("for the client 127.0.0.2: 4 look-ups were at work already"));
+  });
+  std::this_thread::sleep_for(2s);  // 12 asked for: more than their share
+  for (int i = 1; i <= 8; ++i, std::this_thread::sleep_for(400ms)) {  // until the attack ends
+    const std::string reply = SendRequest(probe.port(), CreateRequest("g" + std::to_string(i), 9, i));
+    EXPECT_NE(std::string::npos, reply.find("<znalbreply type=\"create\">")) << i << reply;
   }
-  fs::remove_all(dir);
+  attack.join();
+  for (int fd : attackers) close(fd);
+  EXPECT_TRUE(probe.WaitForLog("for the client 127.0.0.2: 4 look-ups were at work already"));
 }
 
 }  // namespace

@@ -1,5 +1,4 @@
-// Restarts, crashes and the service manager: the state file, passed
-// listening sockets, notifications, the speed child and early stops.
+// Restarts, crashes and the service manager.
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -68,9 +67,7 @@ std::string PatientGet(int port) {
   return reply;
 }
 
-// The package's configuration with a state file, a SIGKILL in a flood of
-// creates, and a start: exactly the answered creates are back (the one under
-// way may be too), with their parameters and their packets.
+// A SIGKILL amid creates: exactly the answered ones come back (and maybe the one under way).
 TEST(RestartTest, AnsweredCreatesSurviveASigkill) {
   ProbeRunner probe;
   probe.UsePackaged();
@@ -87,11 +84,7 @@ TEST(RestartTest, AnsweredCreatesSurviveASigkill) {
   });
   unsigned inFlight = 0;
   for (unsigned id = 1; inFlight == 0; ++id) {
-    const std::string reply = SendRequest(probe.port(),
-        "<znalbreq type=\"create\"><host>127.0.0.1</host><port>" + std::to_string(PortOf(udp[id % 8])) +
-        "</port><samplerate>5000</samplerate><windowsize>3</windowsize><replyfreq>10000</replyfreq>"
-        "<percentchange>20</percentchange><stat>cpu</stat><id>" + std::to_string(id) +
-        "</id><version>1.0</version></znalbreq>");
+    const std::string reply = SendRequest(probe.port(), CreateRequest("127.0.0.1", PortOf(udp[id % 8]), id));
     if (reply.find("<id>" + std::to_string(id) + "</id>") == std::string::npos) {
       inFlight = id;  // refused or cut off by the kill
     } else {
@@ -123,10 +116,7 @@ TEST(RestartTest, AnsweredCreatesSurviveASigkill) {
   for (const int fd : udp) close(fd);
 }
 
-// The test holds the command port and the notification socket as the
-// service manager would: gets sent back to back across stops and starts
-// are all answered; READY=1 comes once the probe serves, STOPPING=1 at a
-// stop, and SIGTERM still ends the probe with 92.
+// Holding the port and notify socket as the service manager: no get refused across restarts.
 TEST(RestartTest, PassedSocketRefusesNoGetAcrossRestarts) {
   ProbeRunner probe;
   probe.Set("systemd", "1");
@@ -157,8 +147,7 @@ TEST(RestartTest, PassedSocketRefusesNoGetAcrossRestarts) {
   close(listener), close(notices);
 }
 
-// Debian's own tool passes the port and starts the probe at the first
-// connection, which waits meanwhile.
+// systemd-socket-activate starts the probe at the first connection.
 TEST(RestartTest, SystemdSocketActivate) {
   if (Shell("command -v systemd-socket-activate").status != 0) {
     GTEST_SKIP() << "no systemd-socket-activate (Debian package systemd)";
@@ -173,9 +162,7 @@ TEST(RestartTest, SystemdSocketActivate) {
   EXPECT_EQ(probe.Stop(SIGTERM), 92);
 }
 
-// Runs of a nearly idle machine recalculate the speed in a child: a get
-// made meanwhile is answered while the child runs, and the child's figure
-// is the one gets report.
+// The speed recalculated in a child: gets answered meanwhile, its figure reported.
 TEST(RestartTest, SpeedChildKeepsTheLoopServing) {
   ProbeRunner probe;
   probe.Set("speedestimatechild", "1");
@@ -203,8 +190,7 @@ TEST(RestartTest, SpeedChildKeepsTheLoopServing) {
   EXPECT_TRUE(Eventually([&] { return SendRequest(probe.port(), kGet).find(bogo) != std::string::npos; }));
 }
 
-// With earlysignals, a SIGTERM during start-up ends the probe with 92 once
-// its loop runs, instead of being dropped.
+// earlysignals: a SIGTERM during start-up is kept, not dropped.
 TEST(RestartTest, EarlySignalsKeepAStopDuringStartUp) {
   bool duringStartUp = false;
   for (const auto delay : {500ms, 1500ms, 3000ms}) {

@@ -1,10 +1,7 @@
 // A host's load packets: their format, the reply timer and percent changes.
 #include "hosts/Host.h"
 
-#include <gtest/gtest.h>
-
 #include <map>
-#include <string>
 
 #include "AgentFixture.h"
 #include "agent/Counters.h"
@@ -74,8 +71,7 @@ TEST_F(HostTest, PercentChange) {
   EXPECT_TRUE(nothingWaiting());
 }
 
-// Timers firing together send in one go, yet each packet, log line, count
-// and recorded figure is a lone send's, a failure in the middle included.
+// Batched sends match lone sends, a failure in the middle included.
 TEST_F(HostTest, BatchedSendsMatchLoneSends) {
   myResponder->batchWith(loop);
   addSample(60, 100, 50);

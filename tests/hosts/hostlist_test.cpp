@@ -1,8 +1,5 @@
 #include "hosts/HostListMgr.h"
 
-#include <gtest/gtest.h>
-
-#include <string>
 #include <vector>
 
 #include "AgentFixture.h"
@@ -49,9 +46,7 @@ TEST_F(HostListTest, ToolParametersFromConfigurationAndHosts) {
   EXPECT_EQ(4294967295u, host->getCacheEntries());
 }
 
-// The list keeps its order across removals and refuses duplicate ids and
-// unresolvable names; the cache shrinks back when the host wanting the most
-// entries goes.
+// Order kept across removals, duplicates and bad names refused, the cache shrunk back.
 TEST_F(HostListTest, RemovalKeepsOrderAndRetunesTheCache) {
   std::string odd;
   for (unsigned id = 1; id <= 100; ++id) {
@@ -75,8 +70,7 @@ TEST_F(HostListTest, RemovalKeepsOrderAndRetunesTheCache) {
   EXPECT_EQ(100u, HostListMgr::getHosts()[50]->getId());
 }
 
-// With a time limit a name is looked up in the background and the add ends
-// from the loop; a found name is then kept until its time is up.
+// With a time limit names are looked up in the background, then cached.
 TEST_F(HostListTest, NamesLookedUpInTheBackgroundAndKept) {
   settings.resolveTimeout = 30;
   settings.resolveCache = 60;
@@ -108,8 +102,7 @@ TEST_F(HostListTest, NamesLookedUpInTheBackgroundAndKept) {
   EXPECT_EQ(3u, HostListMgr::getHosts().Length());
 }
 
-// IPv6 subscribers only with ipv6 on; a name with both families gets its
-// IPv4 address.
+// IPv6 subscribers only with ipv6 on; a name of both families gets its IPv4 address.
 TEST_F(HostListTest, Ipv6SubscribersFollowTheSetting) {
   const struct {
     uint32_t ipv6;

@@ -1,27 +1,14 @@
 #include "hosts/StateFile.h"
 
-#include <gtest/gtest.h>
-
-#include <string>
 #include <vector>
 
 #include "AgentFixture.h"
 
 namespace {
 
+// Port 9000 + id, rate 5, window 3 + id, reply 10, change 20, flags 7, expiry 100 s * id.
 StateFile::Entry entry(unsigned id, std::string name, std::string text = "t") {
-  StateFile::Entry e;
-  e.id = id;
-  e.port = 9000 + id;
-  e.sampleRate = 5;
-  e.windowSize = 3 + id;
-  e.replyFrequency = 10;
-  e.percentChange = 20;
-  e.flags = 7;
-  e.expiry = kNineOClock + 100 * id;
-  e.name = std::move(name);
-  e.text = std::move(text);
-  return e;
+  return {id, 9000 + id, 5, 3 + id, 10, 20, 7, kNineOClock + 100 * id, std::move(name), std::move(text)};
 }
 
 std::string ids(const std::vector<StateFile::Entry>& entries) {
@@ -30,17 +17,9 @@ std::string ids(const std::vector<StateFile::Entry>& entries) {
   return out;
 }
 
-std::string readAll(const std::string& path) {
-  std::stringstream text;
-  text << std::ifstream(path).rdbuf();
-  return text.str();
-}
-
 using StateFileTest = AgentTest;
 
-// Adds and kills replay to the live entries, names and texts of any bytes
-// come back whole, and a log cut at any byte gives the state of its last
-// whole line, with the cut line reported.
+// Adds and kills replay to the live entries; a log cut anywhere gives its last whole line's state.
 TEST_F(StateFileTest, ReplaysWholeLinesOfALogCutAnywhere) {
   StateFile file(dir + "/state");
   ASSERT_TRUE(file.rewrite({entry(1, "a b%c"), entry(2, "h", "")}));
@@ -55,7 +34,7 @@ TEST_F(StateFileTest, ReplaysWholeLinesOfALogCutAnywhere) {
   EXPECT_TRUE(e.name == "\xc3\xa9t\xc3\xa9\n" && e.text == "x y" && e.port == 9003 &&
               e.windowSize == 6 && e.expiry == kNineOClock + 300 && replay.entries[0].name == "a b%c");
 
-  const std::string log = readAll(dir + "/state");
+  const std::string log = ReadText(dir + "/state");
   for (size_t cut = 0; cut <= log.size(); ++cut) {
     const std::string part = log.substr(0, cut);
     const size_t whole = part.rfind('\n') == std::string::npos ? 0 : part.rfind('\n') + 1;
@@ -65,12 +44,11 @@ TEST_F(StateFileTest, ReplaysWholeLinesOfALogCutAnywhere) {
   }
 }
 
-// A damaged line is skipped and named; the lines around it still count. A
-// file that is not a state file gives nothing.
+// A damaged line is skipped and named; a foreign file gives nothing.
 TEST_F(StateFileTest, DamagedLinesAreNamedAndSkipped) {
   StateFile file(dir + "/state");
   ASSERT_TRUE(file.rewrite({entry(1, "a"), entry(2, "b"), entry(3, "c")}));
-  std::string log = readAll(dir + "/state");
+  std::string log = ReadText(dir + "/state");
   log[log.find("+ 2") + 4] ^= 1;  // line 3
   StateFile::Replay replay = StateFile::parse(log);
   EXPECT_EQ("1 3 ", ids(replay.entries));
@@ -82,9 +60,7 @@ TEST_F(StateFileTest, DamagedLinesAreNamedAndSkipped) {
   EXPECT_EQ(1u, replay.firstBadLine);
 }
 
-// Restored hosts keep their ids, wishes and remaining lifetime; expired ones
-// are dropped; later adds and kills are recorded and the file is rewritten
-// before it grows past twice the live hosts.
+// Restored hosts keep ids, wishes and lifetime; expired ones go; the file stays compact.
 TEST_F(StateFileTest, HostListRestoresAndRecords) {
   const std::string path = dir + "/state";
   {
@@ -109,13 +85,13 @@ TEST_F(StateFileTest, HostListRestoresAndRecords) {
   EXPECT_EQ(1u, logged("1 subscriptions were restored from the state file " + path +
                        "; 1 had expired while the quelm loadprobe was stopped and 0 could not be "
                        "created again."));
-  EXPECT_EQ(2u, StateFile::parse(readAll(path)).lines);  // rewritten at once
+  EXPECT_EQ(2u, StateFile::parse(ReadText(path)).lines);  // rewritten at once
 
   for (unsigned id = 10; id < 110; ++id) ASSERT_NE(nullptr, addHost(id, Host::CPU));
   for (unsigned id = 10; id < 100; ++id) ASSERT_TRUE(HostListMgr::removeHost(id));
   env.now = OmTimeVal(kNineOClock + 3600, 0);
   HostListMgr::regularTimeoutCB(nullptr, OmEvent::fired);  // expires 1 with the rest
-  const StateFile::Replay replay = StateFile::parse(readAll(path));
+  const StateFile::Replay replay = StateFile::parse(ReadText(path));
   EXPECT_EQ("", ids(replay.entries));
   EXPECT_LT(replay.lines, 2u * 10 + 64 + 2);
   // An unreadable file is one message, and the probe goes on without it.

@@ -4,8 +4,7 @@
 
 namespace {
 
-// Averages round half to even; memory goes in as KiB and comes out as MiB.
-// The size never drops below the minimum, and the oldest samples go first.
+// Averages round half to even, KiB in and MiB out; the size never drops below the minimum.
 TEST(CacheTest, AveragesAndSize) {
   Cache cache(4, 1000, 1000);
   EXPECT_EQ(nullptr, cache.getAverageOfNIdleValues(2));

@@ -1,6 +1,4 @@
-// The in-process load sources on files the test writes (a /proc and a
-// cgroup v2 folder whose counters it advances), on a real cgroup v1 with a
-// quota and a busy child, and the fall-back when the cgroup goes away.
+// In-process load sources: written /proc and cgroup v2 files, a real cgroup v1, and the fall-back.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -8,8 +6,8 @@
 #include <unistd.h>
 
 #include <filesystem>
-#include <fstream>
 
+#include "FakeEnv.h"
 #include "agent/Globals.h"
 #include "agent/Settings.h"
 #include "measure/Cache.h"
@@ -23,13 +21,8 @@ namespace fs = std::filesystem;
 
 void write(const std::string& path, const std::string& text) { std::ofstream(path) << text; }
 
-std::string tempFolder() {
-  char name[] = "/tmp/quelm-sampler-XXXXXX";
-  return mkdtemp(name);
-}
-
 TEST(SamplerTest, ProcFiguresAsVmstatComputesThem) {
-  const std::string root = tempFolder();
+  const std::string root = TempDir();
   auto counters = [&](uint64_t idle, uint64_t busy, uint64_t swapIn) {
     write(root + "/stat", "cpu  " + std::to_string(busy) + " 0 0 " + std::to_string(idle) + " 0 0 0 0 0 0\ncpu0 1\n");
     write(root + "/vmstat", "pswpin " + std::to_string(swapIn) + "\npswpout 0\n");
@@ -48,8 +41,7 @@ TEST(SamplerTest, ProcFiguresAsVmstatComputesThem) {
   fs::remove_all(root);
 }
 
-// Idle against the quota (or the online processors), memory under the
-// limit (or the host's free memory), and the pressure files as they read.
+// Idle against the quota or processors, memory under the limit, and pressure files.
 TEST(SamplerTest, CgroupV2Fixture) {
   const unsigned cpus = ProcSampler::onlineProcessors();
   struct Case {
@@ -66,7 +58,7 @@ TEST(SamplerTest, CgroupV2Fixture) {
   };
   const ProcSampler::Memory host{1000000, 777, 0, 0};
   for (const Case& c : cases) {
-    const std::string dir = tempFolder();
+    const std::string dir = TempDir();
     write(dir + "/cpu.max", c.cpuMax);
     write(dir + "/memory.max", c.memoryMax);
     write(dir + "/memory.current", "52428800\n");
@@ -83,7 +75,7 @@ TEST(SamplerTest, CgroupV2Fixture) {
     EXPECT_EQ(r.memFree, c.free) << c.memoryMax;
     fs::remove_all(dir);
   }
-  const std::string dir = tempFolder();
+  const std::string dir = TempDir();
   write(dir + "/cpu.pressure", "some avg10=12.50 avg60=3.00 avg300=1.00 total=4000000\n"
                                "full avg10=0.00 avg60=0.00 avg300=0.00 total=1\n");
   write(dir + "/io.pressure", "some avg10=1.00 avg60=0 avg300=0 total=5\n");
@@ -97,8 +89,7 @@ TEST(SamplerTest, CgroupV2Fixture) {
   fs::remove_all(dir);
 }
 
-// A cgroup of its own with a tenth of a processor and a child spinning in
-// it: saturated, whatever the rest of the host does.
+// A tenth of a processor and a spinning child: saturated, whatever the host does.
 TEST(SamplerTest, RealCgroupV1WithQuotaAndBusyChild) {
   const std::string base = "/sys/fs/cgroup/";
   const std::string name = "quelmtest" + std::to_string(getpid());
@@ -139,10 +130,9 @@ TEST(SamplerTest, RealCgroupV1WithQuotaAndBusyChild) {
 unsigned observed = 0;
 void observe(unsigned idle) { observed = idle; }
 
-// The folder vanishes between samples: the next sample is the host's, and
-// the probe goes on.
+// The cgroup vanishes: the next sample is the host's.
 TEST(SamplerTest, FallsBackToProcWhenTheCgroupVanishes) {
-  const std::string dir = tempFolder();
+  const std::string dir = TempDir();
   write(dir + "/cpu.max", "100000 100000");
   write(dir + "/cpu.stat", "usage_usec 1\n");
   Settings settings;

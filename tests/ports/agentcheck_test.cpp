@@ -1,5 +1,4 @@
-// The agent check's line for given averages; HAProxy's reading of it is the
-// end-to-end test's business.
+// The agent check's line for given averages (HAProxy's side: the end-to-end test).
 #include <gtest/gtest.h>
 
 #include "agent/Settings.h"
@@ -39,9 +38,7 @@ TEST(AgentCheckTest, WeightDrainAndReady) {
   }
 }
 
-// Steadiness: a margin above the drain line before ready again, a rise
-// limited per answer (fast down, slow up), and pressure taking its share or
-// draining. Each row is a sequence of answers from one check.
+// Ready margin, limited rise and pressure: each row one check's answers in turn.
 TEST(AgentCheckTest, MarginRiseAndPressureSequences) {
   struct Step {
     uint32_t idle;

@@ -14,8 +14,7 @@
 #include "foundation/process/OmUnixProcess.h"
 #include "foundation/string/OmTimeVal.h"
 
-// Appends its name to a shared log on every dispatch ("name" when fired,
-// "name:removed" when withdrawn), then runs an optional action.
+// Logs "name" when fired, "name:removed" when withdrawn, then runs its action.
 class Probe : public OmEventCallback {
  public:
   Probe(std::string name, std::vector<std::string>* log) : name_(std::move(name)), log_(log) {}
@@ -37,8 +36,7 @@ class ExitProbe : public OmUnixProcess::ChildCallback {
   std::vector<OmUnixProcess::child_info> seen;
 };
 
-// Bounded wait (about two seconds at most) until the child has exited (or
-// stopped) but is not yet reaped.
+// Waits (two seconds at most) until the child has exited, unreaped.
 inline bool WaitUntilDead(pid_t pid, int state = WEXITED) {
   for (int i = 0; i < 2000; ++i) {
     siginfo_t info{};

@@ -2,12 +2,7 @@
 #include <unistd.h>
 
 #include <map>
-#include <string>
-#include <utility>
-#include <vector>
 
-#include "foundation/event/OmCallback.h"
-#include "foundation/event/OmEventLoop.h"
 #include "foundation/event/event_test_util.h"
 #include "foundation/process/OmUnixProcess.h"
 
@@ -72,19 +67,6 @@ TEST_F(SignalsTest, ChildrenAreReapedAndDecodedInOnePass) {
   EXPECT_EQ(2u, exits.seen.size());
   EXPECT_TRUE(process_.Children().empty());
   EXPECT_FALSE(process_.ProcessSignals());
-}
-
-TEST_F(SignalsTest, ChildDeathEndsABlockedLoop) {
-  OmEventLoop loop(&process_);
-  struct Owner {
-    OmEventLoop* loop;
-    void deadkidCB(OmCallback<OmUnixProcess::child_info>*, OmUnixProcess::child_info info) {
-      loop->ExitEventLoop(100 + info.exitCode);
-    }
-  } owner{&loop};
-  OmSimpleCallback<OmUnixProcess::child_info, Owner> cb(&owner, &Owner::deadkidCB);
-  Child(&cb, [] { _exit(5); });
-  EXPECT_EQ(105, loop.EnterEventLoop());
 }
 
 }  // namespace

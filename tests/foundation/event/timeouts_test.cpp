@@ -3,8 +3,6 @@
 #include <unistd.h>
 
 #include <memory>
-#include <string>
-#include <vector>
 
 #include "foundation/event/OmEventLoop.h"
 #include "foundation/event/event_test_util.h"
@@ -16,9 +14,7 @@ namespace {
 using Log = std::vector<std::string>;
 using Static = OmStaticCallback<OmEvent::cbdispatch>;
 
-// Inserts the times (in ms) into the list and into the quicksorted reference,
-// taking the earliest out after every `takeEvery`-th insertion, and expects
-// the same callbacks in the same order throughout.
+// The list against a quicksorted reference, taking the first out every takeEvery insertions.
 void ExpectSameOrderAsQuicksort(const std::vector<unsigned>& millis, size_t takeEvery) {
   std::vector<Static> cbs(millis.size(), Static(nullptr));
   std::vector<std::unique_ptr<OmEventTimeout>> records;

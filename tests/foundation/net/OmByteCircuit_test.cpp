@@ -72,21 +72,13 @@ class OmByteCircuitTest : public ::testing::Test {
     if (peer_ >= 0) close(peer_);
   }
 
-  // One turn of the loop; a guard timeout keeps a missing event from
-  // blocking the test.
+  // One turn of the loop; a guard timeout keeps a missing event from blocking.
   void Turn() {
     const OmTimeVal when = OmTimeVal::now().PlusSeconds(2);
     loop_.AddTimeoutEvent(when, &guard_);
     loop_.RunOneTurn();
     loop_.RemoveTimeoutEvent(when, &guard_);
     ASSERT_FALSE(g_guardFired) << "no descriptor became ready";
-  }
-
-  // Small socket buffers, so that large writes go out in parts.
-  void ShrinkBuffers() {
-    const int small = 4096;
-    ASSERT_EQ(setsockopt(file_.Fd(), SOL_SOCKET, SO_SNDBUF, &small, sizeof small), 0);
-    ASSERT_EQ(setsockopt(peer_, SOL_SOCKET, SO_RCVBUF, &small, sizeof small), 0);
   }
 
   void Send(const std::string& s) {
@@ -130,8 +122,7 @@ TEST_F(OmByteCircuitTest, RequestedBytesArriveInTwoParts) {
   EXPECT_EQ(c.Requested(), 0u);
 }
 
-// The peer sends 4 bytes and closes: inside a request of 10 that end is
-// partial; after a request of 4 (and a re-arm) it falls between requests.
+// 4 bytes then a close: partial in a request of 10, between requests after one of 4.
 TEST_F(OmByteCircuitTest, EndOfFileInsideOrBetweenRequests) {
   for (unsigned long request : {10ul, 4ul}) {
     SCOPED_TRACE(request);
@@ -173,7 +164,9 @@ TEST_F(OmByteCircuitTest, WriteNowSendsAtOnceAndEmptyWritesQueueNothing) {
 }
 
 TEST_F(OmByteCircuitTest, CloseMarkerWaitsForEverythingQueued) {
-  ShrinkBuffers();
+  const int small = 4096;  // large writes go out in parts
+  ASSERT_EQ(setsockopt(file_.Fd(), SOL_SOCKET, SO_SNDBUF, &small, sizeof small), 0);
+  ASSERT_EQ(setsockopt(peer_, SOL_SOCKET, SO_RCVBUF, &small, sizeof small), 0);
   RecordingCircuit c(loop_, &file_);
   const std::string big = Pattern(200000);
   c.Write(Bytes(big), false);
@@ -198,8 +191,7 @@ TEST_F(OmByteCircuitTest, CloseMarkerWaitsForEverythingQueued) {
   EXPECT_EQ(read(peer_, &b, 1), 0);  // the peer sees the close
 }
 
-// Retiring is the last thing its handler does: the circuit may delete itself
-// then, and nothing after may notice (the sanitizers would).
+// Retired() may delete the circuit (the sanitizers would see a later use).
 TEST_F(OmByteCircuitTest, RetiredCircuitMayDeleteItself) {
   auto* c = new RecordingCircuit(loop_, &file_);
   c->onRetired = [&] { delete std::exchange(c, nullptr); };

@@ -4,17 +4,6 @@
 
 namespace {
 
-TEST(OmInetAddrTest, ConstructorsAndEquality) {
-  const OmInetAddr bytes(192, 168, 1, 20, 8080);
-  EXPECT_TRUE(OmInetAddr(0xC0A80114u, 8080) == bytes);
-  EXPECT_TRUE(OmInetAddr(bytes.ToSockaddr()) == bytes);
-  EXPECT_EQ(bytes.AsString(true), "192.168.1.20:8080");
-  EXPECT_EQ(OmInetAddr::AddressLoopback().AsString(false), "127.0.0.1");
-  // Address equality ignores the port.
-  EXPECT_TRUE(bytes.IsAddressEqual(OmInetAddr(192, 168, 1, 20, 1)));
-  EXPECT_FALSE(bytes == OmInetAddr(192, 168, 1, 20, 1));
-}
-
 TEST(OmInetAddrTest, FromString) {
   const struct {
     const char* text;

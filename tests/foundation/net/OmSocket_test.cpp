@@ -6,7 +6,6 @@
 
 #include <cerrno>
 #include <string>
-#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -17,7 +16,6 @@ namespace {
 // Bind's waits only count (FakeEnv).
 class OmSocketTest : public ::testing::Test {
  protected:
-
   // A TCP listener on 127.0.0.1 with a port chosen by the system.
   static void Listen(OmSocket& s, OmInetAddr& bound) {
     ASSERT_TRUE(s.Bind(OmInetAddr::AddressLoopback(), OmSocket::Stream, true))
@@ -29,8 +27,7 @@ class OmSocketTest : public ::testing::Test {
   FakeEnv env_;
 };
 
-// While the port is held, Bind waits two seconds (faked here) between attempts;
-// verbose retries print one dot per attempt.
+// Bind waits two (faked) seconds between attempts; verbose ones print a dot each.
 TEST_F(OmSocketTest, BindInUseRetries) {
   const struct {
     int retries;
@@ -85,53 +82,17 @@ TEST_F(OmSocketTest, BindOtherFirstErrorGivesUpAtOnce) {
   }
 }
 
-TEST_F(OmSocketTest, WriteMessageSendsOneDatagram) {
-  OmSocket receiver, sender;
-  OmInetAddr to, senderAddr, from;
-  ASSERT_TRUE(receiver.Bind(OmInetAddr::AddressLoopback(), OmSocket::Datagram));
-  ASSERT_TRUE(receiver.LocalAddress(to));
-  ASSERT_TRUE(sender.Bind(OmInetAddr()));
-  ASSERT_TRUE(sender.LocalAddress(senderAddr));
-  long done = -7;
-  EXPECT_EQ(sender.WriteMessage("hello", 5, done, to), OmFile::ioComplete);
-  EXPECT_EQ(done, -7);  // left alone on a complete send
-  char buf[64];
-  EXPECT_EQ(receiver.ReadMessage(buf, sizeof buf, done, from), OmFile::ioPartial);
-  EXPECT_EQ(std::string(buf, static_cast<size_t>(done)), "hello");
-  EXPECT_TRUE(from.IsAddressEqual(OmInetAddr::AddressLoopback()));
-  EXPECT_EQ(from.GetPort(), senderAddr.GetPort());
-  // Nothing more waiting on a non-blocking socket.
-  ASSERT_TRUE(receiver.SetBlocking(false));
-  EXPECT_EQ(receiver.ReadMessage(buf, sizeof buf, done, from), OmFile::ioPartial);
-  EXPECT_EQ(done, 0);
-}
-
-TEST_F(OmSocketTest, AcceptFrom) {
-  OmSocket listener, client, accepted, none;
-  OmInetAddr bound, clientAddr, peer;
+// Nothing waiting: EAGAIN, the connection server's cue to stop accepting.
+TEST_F(OmSocketTest, AcceptWithNothingWaitingFails) {
+  OmSocket listener, none;
+  OmInetAddr bound;
   Listen(listener, bound);
   ASSERT_TRUE(listener.SetBlocking(false));
-  EXPECT_EQ(none.AcceptFrom(listener.Fd()), OmStatus::Failure);  // nothing waiting
-  EXPECT_LT(none.Fd(), 0);
-  EXPECT_EQ(none.LastError().Errno(), EAGAIN);
-  EXPECT_EQ(none.LastError().Call(), "accept");
-  EXPECT_EQ(none.LastError().Args().AsAscii(), std::to_string(listener.Fd()) + ",0,0");
-
-  ASSERT_TRUE(client.Connect(bound)) << client.LastError().Reason().AsAscii();
-  ASSERT_TRUE(client.LocalAddress(clientAddr));
-  ASSERT_TRUE(listener.SetBlocking(true));
-  ASSERT_EQ(accepted.AcceptFrom(listener.Fd()), OmStatus::Success);
-  ASSERT_TRUE(accepted.RemoteAddress(peer));
-  EXPECT_TRUE(peer == clientAddr);
-  long done = 0;
-  EXPECT_EQ(client.Write("ping", 4, done), OmFile::ioComplete);
-  char buf[8];
-  EXPECT_EQ(accepted.Read(buf, 4, done), OmFile::ioComplete);
-  EXPECT_EQ(std::string(buf, 4), "ping");
+  EXPECT_EQ(none.AcceptFrom(listener.Fd()), OmStatus::Failure);
+  EXPECT_TRUE(none.Fd() < 0 && none.LastError().Errno() == EAGAIN && none.LastError().Call() == "accept");
 }
 
-// One socket on "::" serves both families; an IPv4 client is seen as the
-// IPv4 address it is, not as ::ffff:127.0.0.1.
+// One socket on "::" serves both families; IPv4 peers are not shown mapped.
 TEST_F(OmSocketTest, DualStackListenerAcceptsBothFamilies) {
   OmSocket listener, taken;
   if (!listener.ListenOn(OmInetAddr::AddressAny6(), 5)) {

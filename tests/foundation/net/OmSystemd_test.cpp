@@ -23,8 +23,7 @@ TEST(OmSystemdTest, VariablesCountOnlyForThisPid) {
   EXPECT_EQ(0u, OmSystemd::WatchdogMicroseconds("3s", nullptr, 42));
 }
 
-// Passed descriptors are matched by listening port, each taken once; a
-// datagram socket on the same port is no listener.
+// Passed listeners matched by port, each taken once; a datagram socket is none.
 TEST(OmSystemdTest, TakesThePassedListenerOfAPort) {
   OmSocket udp, first, second;
   OmInetAddr a, b;
@@ -43,8 +42,7 @@ TEST(OmSystemdTest, TakesThePassedListenerOfAPort) {
   close(200);
 }
 
-// A datagram reaches a socket named by a path or an abstract name; no
-// NOTIFY_SOCKET is no manager, a bad one an error.
+// Notifications to a path or abstract name; none without NOTIFY_SOCKET, an error for a bad one.
 TEST(OmSystemdTest, NotifiesPathAndAbstractSockets) {
   const std::string path = "/tmp/omsystemd-" + std::to_string(getpid());
   for (const std::string& name : {path, "@omsystemd-" + std::to_string(getpid())}) {

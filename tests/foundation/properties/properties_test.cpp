@@ -1,31 +1,22 @@
 #include "foundation/properties/OmProperties.h"
 
-#include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <sstream>
-#include <string>
 
 #include <gtest/gtest.h>
+
+#include "FakeEnv.h"
 
 namespace {
 
 class PropertiesTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    char tmpl[] = "/tmp/props_test.XXXXXX";
-    ASSERT_NE(mkdtemp(tmpl), nullptr);
-    dir_ = tmpl;
+    dir_ = TempDir();
     path_ = dir_ + "/test.properties";
   }
   void TearDown() override { std::filesystem::remove_all(dir_); }
 
   void Write(const std::string& content) { std::ofstream(path_, std::ios::binary) << content; }
-  std::string Read() const {
-    std::stringstream ss;
-    ss << std::ifstream(path_, std::ios::binary).rdbuf();
-    return ss.str();
-  }
   static std::string Value(const OmProperties& p, const std::string& key) {
     const OmUniString* v = p.Get(OmUniString(key));
     return v ? v->AsUtf8() : "<absent>";
@@ -64,7 +55,7 @@ TEST_F(PropertiesTest, RoundTrip) {
   p.Put("nl", "one\ntwo");
   p.Put("inner", OmUniString(inner, 3));
   ASSERT_TRUE(p.Save(OmUniString(path_), "header"));
-  EXPECT_NE(Read().find("nl=one\\ntwo\n"), std::string::npos) << Read();
+  EXPECT_NE(ReadText(path_).find("nl=one\\ntwo\n"), std::string::npos) << ReadText(path_);
 
   OmProperties q;
   ASSERT_TRUE(q.Load(OmUniString(path_)));

@@ -92,8 +92,7 @@ TEST(CodesetTest, EverySetRoundTripsRefusesWhatItLacksAndIsFoundByAnyName) {
 }
 
 TEST(CodesetTest, KnownBytesAndMalformedInputOffsets) {
-  // A null text: malformed at the offset (bad continuation, overlong, encoded surrogate,
-  // truncated; unassigned bytes; lone surrogate; an odd byte).
+  // A null text: malformed at the offset.
   const struct { const char* set; std::string in; const char* text; unsigned long at; } cases[] = {
       // clang-format off
       {"ISO-8859-1", "\xE9", "é", 0},         {"UTF-8", "\xF0\x9F\x98\x80", "😀", 0},

@@ -8,21 +8,6 @@
 
 namespace {
 
-TEST(UniStringTest, CopyOnWrite) {
-  OmUniString a("hello");
-  OmUniString b(a);
-  EXPECT_TRUE(a.Buffer().SharesWith(b.Buffer()));
-  b.SetAt(0, 'J');
-  OmUniString c = a;
-  c += OmUniString("!");
-  OmUniString d(a);
-  d.Substitute("l", "L");
-  EXPECT_EQ(a, "hello");
-  EXPECT_EQ(b, "Jello");
-  EXPECT_EQ(c, "hello!");
-  EXPECT_EQ(d, "heLLo");
-}
-
 TEST(UniStringTest, SearchAndSubString) {
   const OmUniString s("hello world");
   EXPECT_EQ(s.Search('l'), 2);
