@@ -1,5 +1,6 @@
 // What an operator's worst client (or tool) can do, each attack against the
-// packaged configuration with only the port, folders and tool redirected:
+// packaged configuration with the agent-check and metrics ports open and
+// only the ports, folders and tool redirected:
 // the probe survives with its subscriptions, answers a get, gives its
 // descriptors back and keeps its logs small. (On the sample configuration
 // the first kills the probe with SIGPIPE, the second freezes it in the
@@ -51,6 +52,7 @@ std::string Create(const std::string& port, const std::string& id) {
 }
 
 const std::string kVictim = "precious\n";  // a file planted links point at
+int agentPort, metricsPort;  // of the probe under attack
 
 const struct Attack {
   const char* name;
@@ -58,6 +60,7 @@ const struct Attack {
   int fileLimit, hosts;
   std::function<void(ProbeRunner&)> run;  // returns when the attackers have left
   std::function<void(ProbeRunner&)> plant = nullptr;  // before the probe starts
+  std::vector<std::pair<const char*, const char*>> keys = {};  // beside the package's
 } kAttacks[] = {
     // Half close at once (the reply then meets a closed peer), half reset.
     {"reset storm during large replies", kSample + "exec sleep 600\n", 0, kStormHosts, [](ProbeRunner& p) {
@@ -121,6 +124,38 @@ const struct Attack {
        ProbeRunner::WriteFile(p.dir() + "/victim", kVictim);
        fs::create_symlink(p.dir() + "/victim", p.PidFilePath());
      }},
+    // 600 connections held on each reply port at once, at 1,024 descriptors and
+    // a lifetime that lets none go: each port waits at its share of the one
+    // budget, the reserve keeps the tool restarting, and each connection is
+    // let go a grace after its answer while its client still holds it.
+    {"connections held on both reply ports", kSample + "sleep 1\n", 1024, 10, [](ProbeRunner& p) {
+       const int idle = Sockets(p.pid());
+       const std::vector<int> before = p.Children();
+       std::vector<int> held;
+       for (int i = 0; i < 600; ++i) {
+         held.push_back(Connect(agentPort));
+         held.push_back(Connect(metricsPort));
+         (void)!write(held.back(), "GET /metrics HTTP/1.0\r\n\r\n", 25);
+       }
+       long slowest = 0, descriptors = ReadProcSample(p.pid()).openDescriptors;  // reported, not asserted
+       for (int i = 0; i < 20; ++i, std::this_thread::sleep_for(100ms)) {
+         const auto start = std::chrono::steady_clock::now();
+         EXPECT_EQ(Hosts(p.port()), 10);
+         slowest = std::max<long>(slowest, (std::chrono::steady_clock::now() - start) / 1ms);
+         descriptors = std::max(descriptors, ReadProcSample(p.pid()).openDescriptors);
+       }
+       const auto start = std::chrono::steady_clock::now();
+       EXPECT_TRUE(SendRequest(agentPort, "\n").ends_with("\n"));
+       std::printf("[ held ] slowest get %ld ms, agent check %ld ms, peak %ld descriptors\n", slowest,
+                   long((std::chrono::steady_clock::now() - start) / 1ms), descriptors);
+       EXPECT_TRUE(Eventually([&] { return !p.Children().empty() && p.Children() != before; }));
+       EXPECT_TRUE(Eventually([&] { return Sockets(p.pid()) == idle; }));  // all still held
+       EXPECT_LT(descriptors, 1024 - 16);  // the reserve, but for the pid and state files opened later
+       EXPECT_EQ(p.Log().find("Too many open files"), std::string::npos);
+       char c;  // every one answered
+       EXPECT_EQ(std::count_if(held.begin(), held.end(), [&](int fd) { return read(fd, &c, 1) != 1; }), 0);
+       for (int fd : held) close(fd);
+     }, nullptr, {{"requesttimeout", "600"}}},
 };
 
 class AttackTest : public ::testing::TestWithParam<int> {};
@@ -130,6 +165,9 @@ TEST_P(AttackTest, ThePackagedProbeSurvivesWithNothingLost) {
   SCOPED_TRACE(attack.name);
   ProbeRunner probe;
   probe.UsePackaged(), probe.SetTool(attack.tool), probe.LimitFiles(attack.fileLimit);
+  probe.Set("agentcheckport", std::to_string(agentPort = FreePort()));
+  probe.Set("metricsport", std::to_string(metricsPort = FreePort()));
+  for (const auto& [key, value] : attack.keys) probe.Set(key, value);
   if (attack.plant) attack.plant(probe);
   probe.Start();
   ASSERT_TRUE(probe.WaitUntilPolling());
