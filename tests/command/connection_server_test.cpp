@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include "FakeEnv.h"
+#include "command/DescriptorBudget.h"
 #include "foundation/event/OmEventLoop.h"
 
 namespace {
@@ -104,6 +105,20 @@ TEST_F(ConnectionServerTest, CapDeadlineAndDeferredDeletion) {
   EXPECT_EQ(1, counting.failed);
   close(b);
   close(c);
+}
+
+// Equal parts of one count, in descriptors; what a port's own cap leaves
+// goes to the others; every port keeps one connection.
+TEST(DescriptorBudgetTest, SharesOneCount) {
+  const struct {
+    long room;
+    std::vector<DescriptorBudget::Need> needs;
+    std::vector<unsigned> caps;
+  } rows[] = {{1000, {{0, 1}}, {1000}}, {1000, {{512, 1}}, {512}},
+              {978, {{512, 1}, {512, 2}, {512, 2}}, {326, 163, 163}},
+              {4000, {{512, 1}, {512, 2}, {512, 2}}, {512, 512, 512}},
+              {1500, {{0, 2}, {100, 1}, {512, 2}}, {350, 100, 350}}, {-5, {{512, 1}, {64, 2}}, {1, 1}}};
+  for (const auto& row : rows) EXPECT_EQ(DescriptorBudget::shares(row.room, row.needs), row.caps) << row.room;
 }
 
 }  // namespace
