@@ -52,10 +52,7 @@ class ConnectionServerTest : public ::testing::Test {
   }
   int client() {
     const int fd = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in to{};
-    to.sin_family = AF_INET;
-    to.sin_port = htons(static_cast<uint16_t>(port));
-    to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    sockaddr_in to{AF_INET, htons(static_cast<uint16_t>(port)), {htonl(INADDR_LOOPBACK)}, {}};
     EXPECT_EQ(0, ::connect(fd, reinterpret_cast<sockaddr*>(&to), sizeof to));
     return fd;
   }
@@ -107,18 +104,13 @@ TEST_F(ConnectionServerTest, CapDeadlineAndDeferredDeletion) {
   close(c);
 }
 
-// Equal parts of one count, in descriptors; what a port's own cap leaves
-// goes to the others; every port keeps one connection.
+// Equal parts of one count; what a port's own cap leaves goes to the
+// others; every port keeps one connection.
 TEST(DescriptorBudgetTest, SharesOneCount) {
-  const struct {
-    long room;
-    std::vector<DescriptorBudget::Need> needs;
-    std::vector<unsigned> caps;
-  } rows[] = {{1000, {{0, 1}}, {1000}}, {1000, {{512, 1}}, {512}},
-              {978, {{512, 1}, {512, 2}, {512, 2}}, {326, 163, 163}},
-              {4000, {{512, 1}, {512, 2}, {512, 2}}, {512, 512, 512}},
-              {1500, {{0, 2}, {100, 1}, {512, 2}}, {350, 100, 350}}, {-5, {{512, 1}, {64, 2}}, {1, 1}}};
-  for (const auto& row : rows) EXPECT_EQ(DescriptorBudget::shares(row.room, row.needs), row.caps) << row.room;
+  using Caps = std::vector<unsigned>;
+  EXPECT_EQ(DescriptorBudget::shares(978, {{512, 1}, {512, 2}, {512, 2}}), Caps({326, 163, 163}));
+  EXPECT_EQ(DescriptorBudget::shares(1500, {{0, 2}, {100, 1}, {512, 2}}), Caps({350, 100, 350}));
+  EXPECT_EQ(DescriptorBudget::shares(-5, {{512, 1}, {64, 2}}), Caps({1, 1}));
 }
 
 }  // namespace
