@@ -11,6 +11,7 @@
 #include "agent/RunAs.h"
 #include "agent/Settings.h"
 #include "agent/SystemdNotifier.h"
+#include "command/DescriptorBudget.h"
 #include "command/Listener.h"
 #include "foundation/event/OmEventLoop.h"
 #include "foundation/event/OmTimer.h"
@@ -52,7 +53,8 @@ Listener::Options listenerOptions(const Settings& settings) {
   options.closeBrokenConnections = settings.closeBrokenConnections != 0;
   options.requestTimeout = settings.requestTimeout;
   options.maxConnections = settings.maxConnections;
-  options.descriptorReserve = settings.descriptorReserve;
+  // One count of descriptors for every port, with the reserve kept out.
+  if (settings.descriptorReserve != 0) options.budget = new DescriptorBudget(settings.descriptorReserve);
   options.clientAllow.Parse(settings.clientAllow);  // checked when read
   return options;
 }

@@ -1,14 +1,13 @@
 #include "command/ConnectionServer.h"
 
 #include <dirent.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 
 #include "agent/Messages.h"
+#include "command/DescriptorBudget.h"
 #include "foundation/event/OmEventLoop.h"
 #include "foundation/net/OmSocketAddress.h"
 #include "foundation/net/OmSystemd.h"
@@ -41,6 +40,7 @@ ConnectionServer::~ConnectionServer() {
   for (ServerConnection* connection : live_.Snapshot()) delete connection;
   live_.Clear();
   socket_.Close();
+  if (opts_.budget != nullptr) opts_.budget->leave(*this);
 }
 
 long ConnectionServer::openDescriptors() {
@@ -54,22 +54,6 @@ long ConnectionServer::openDescriptors() {
   return count - 1;  // the listing's own descriptor
 }
 
-// With a reserve, connections may use only what the descriptor limit leaves
-// beyond the descriptors open now (tool pipe, logs, sockets) and the
-// reserve, so that the tool can always be restarted and the logs reopened.
-unsigned ConnectionServer::connectionCapFor(unsigned maxConnections, unsigned reserve) {
-  if (reserve == 0) return maxConnections;
-  rlimit limit{};
-  const long open = openDescriptors();
-  if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur == RLIM_INFINITY || open < 0) {
-    return maxConnections;
-  }
-  const long room = static_cast<long>(std::min<rlim_t>(limit.rlim_cur, 1u << 30)) - open -
-                    static_cast<long>(reserve);
-  const unsigned fits = static_cast<unsigned>(std::max(room, 1L));
-  return maxConnections == 0 ? fits : std::min(maxConnections, fits);
-}
-
 bool ConnectionServer::start(const OmInetAddr& address, const Options& options) {
   if (!listen(address, options)) return false;
   startAccepting();
@@ -80,8 +64,17 @@ bool ConnectionServer::listen(const OmInetAddr& address, const Options& options)
   opts_ = options;
   if (!openSocket(address)) return false;
   // Counted once the port's own descriptor is open.
-  cap_ = connectionCapFor(opts_.maxConnections, opts_.descriptorReserve);
+  if (opts_.budget == nullptr) {
+    cap_ = opts_.maxConnections;
+  } else {
+    opts_.budget->join(*this, opts_.maxConnections, opts_.descriptorsPerConnection);
+  }
   return true;
+}
+
+void ConnectionServer::setCap(unsigned cap) {
+  cap_ = cap;
+  resumeAccepting();
 }
 
 void ConnectionServer::startAccepting() {

@@ -15,6 +15,7 @@
 
 class OmEventLoop;
 class ConnectionServer;
+class DescriptorBudget;
 
 // One accepted connection of a ConnectionServer: the circuit a port's
 // protocol builds on. It carries the server's per-connection deadline and
@@ -37,6 +38,10 @@ class ServerConnection : public OmByteCircuit {
   // The deadline has passed; the timer is no longer armed.
   virtual void deadlineReached() = 0;
   void cancelDeadline() { deadline_.Cancel(); }
+  // Moves the deadline to when, if that is sooner.
+  void deadlineBy(const OmTimeVal& when) {
+    if (!deadline_.Armed() || when < deadline_.When()) deadline_.Arm(when);
+  }
   // The connection's descriptor has been closed: it no longer counts
   // against the cap. Once per connection.
   void descriptorClosed();
@@ -54,7 +59,8 @@ class ServerConnection : public OmByteCircuit {
 };
 
 // What every TCP port of the probe does the same: binds and listens with the
-// backlog; keeps the connections under the cap and the descriptor reserve;
+// backlog; keeps the connections under the cap (its own, or its share of
+// the probe's descriptor budget);
 // accepts with a pause when out of descriptors; turns away clients outside
 // the allow-list; arms each connection's deadline; and deletes finished
 // connections after a delay, outside their own handlers. A port supplies its
@@ -73,7 +79,10 @@ class ConnectionServer {
     bool closeBrokenConnections = false;
     unsigned requestTimeout = 0;     // seconds a connection may live; 0: for ever
     unsigned maxConnections = 0;     // 0: no cap
-    unsigned descriptorReserve = 0;  // descriptors connections leave free; 0: none
+    // Shared with the other ports, and capping this one at its share; null:
+    // maxConnections alone.
+    DescriptorBudget* budget = nullptr;
+    unsigned descriptorsPerConnection = 1;
     OmAddressRangeList clientAllow;  // empty: every client
     // Seconds a finished connection waits for its deletion; 0: the next turn.
     unsigned deletionDelay = 0;
@@ -100,15 +109,12 @@ class ConnectionServer {
   ConnectionServer(const ConnectionServer&) = delete;
   ConnectionServer& operator=(const ConnectionServer&) = delete;
 
-  // The most connections a port may have open at once under these limits;
-  // 0: no cap. Every port of the probe shares the rule.
-  static unsigned connectionCapFor(unsigned maxConnections, unsigned reserve);
   // Descriptors this process has open now; -1 if that cannot be told.
   static long openDescriptors();
 
   // Opens the port and starts accepting; a failure is told to the port.
   bool start(const OmInetAddr& address, const Options& options);
-  // The two halves of start: the listening socket (and the cap, counted
+  // The two halves of start: the listening socket (and the cap, shared out
   // once it is open), then polling it.
   bool listen(const OmInetAddr& address, const Options& options);
   void startAccepting();
@@ -123,6 +129,8 @@ class ConnectionServer {
   unsigned connectionCap() const { return cap_; }
   unsigned openConnections() const { return open_; }
 
+  // From the budget: the most connections open at once; 0: no cap.
+  void setCap(unsigned cap);
   // From ServerConnection.
   void connectionClosed();
   void retire(ServerConnection* connection);
@@ -151,7 +159,7 @@ class ConnectionServer {
   bool paused_ = false;            // out of descriptors, until the pause ends
   bool outOfDescriptors_ = false;  // until the next successful accept
   bool capLogged_ = false;         // until the connections fall to half the cap
-  bool stopped_ = false;           // by stopAccepting
+  bool stopped_ = true;            // until startAccepting, and by stopAccepting
   bool closing_ = false;           // connections closing must not reopen the port
   OmIList<ServerConnection> live_;
   // Deletions in the order they fall due, served by one timer; a connection

@@ -12,8 +12,9 @@
 // One connection of a ReplyListener. The answer goes out through a duplicate
 // of the connection's descriptor: closing the duplicate once the answer has
 // been written marks its end, and the connection is then half-closed and
-// read to its end before it is closed, so that unread client bytes never
-// turn the close into a reset that could destroy the answer in flight.
+// read until the client closes or the grace ends, so that client bytes
+// left unread never turn the close into a reset that could destroy the
+// answer in flight.
 class ReplyCircuit : public ServerConnection {
  public:
   ReplyCircuit(ConnectionServer& server, int fd, int writeFd, ReplyListener& owner)
@@ -57,8 +58,11 @@ class ReplyCircuit : public ServerConnection {
   void ReadError() override { finish(); }
   void WriteError() override { finish(); }
   void WriteStopped() override {
-    // The whole answer is with the system: end our direction, keep reading.
-    if (!done) ::shutdown(readFile.Fd(), SHUT_WR);
+    // The whole answer is with the system: end our direction, and keep
+    // reading for the grace only.
+    if (done) return;
+    ::shutdown(readFile.Fd(), SHUT_WR);
+    deadlineBy(OmTimeVal::now().PlusMilliseconds(ReplyListener::GRACE_MS));
   }
 
  private:
@@ -112,6 +116,7 @@ bool ReplyListener::start(const OmInetAddr& address, const ConnectionServer::Opt
   if (o.maxConnections == 0) o.maxConnections = MAXCONNECTIONS;
   // Finished circuits have closed their descriptor: deleted the next turn.
   o.deletionDelay = 0;
+  o.descriptorsPerConnection = 2;  // the connection and the answer's duplicate
   return server.start(address, o);
 }
 

@@ -33,6 +33,10 @@ class ReplyListener : private ConnectionServer::Port {
   // once (more wait in the backlog).
   static constexpr unsigned LIFETIME_SECONDS = 10;
   static constexpr unsigned MAXCONNECTIONS = 64;
+  // How long a connection is kept once its whole answer is with the
+  // system: a client holding it open gains nothing, and must not keep
+  // other clients in the backlog.
+  static constexpr unsigned GRACE_MS = 1000;
 
   // name: how failures name this port in the log.
   ReplyListener(OmEventLoop& loop, const char* name, std::unique_ptr<Service> service);

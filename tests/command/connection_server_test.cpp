@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include "FakeEnv.h"
+#include "command/DescriptorBudget.h"
 #include "foundation/event/OmEventLoop.h"
 
 namespace {
@@ -51,10 +52,7 @@ class ConnectionServerTest : public ::testing::Test {
   }
   int client() {
     const int fd = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in to{};
-    to.sin_family = AF_INET;
-    to.sin_port = htons(static_cast<uint16_t>(port));
-    to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    sockaddr_in to{AF_INET, htons(static_cast<uint16_t>(port)), {htonl(INADDR_LOOPBACK)}, {}};
     EXPECT_EQ(0, ::connect(fd, reinterpret_cast<sockaddr*>(&to), sizeof to));
     return fd;
   }
@@ -104,6 +102,15 @@ TEST_F(ConnectionServerTest, CapDeadlineAndDeferredDeletion) {
   EXPECT_EQ(1, counting.failed);
   close(b);
   close(c);
+}
+
+// Equal parts of one count; what a port's own cap leaves goes to the
+// others; every port keeps one connection.
+TEST(DescriptorBudgetTest, SharesOneCount) {
+  using Caps = std::vector<unsigned>;
+  EXPECT_EQ(DescriptorBudget::shares(978, {{512, 1}, {512, 2}, {512, 2}}), Caps({326, 163, 163}));
+  EXPECT_EQ(DescriptorBudget::shares(1500, {{0, 2}, {100, 1}, {512, 2}}), Caps({350, 100, 350}));
+  EXPECT_EQ(DescriptorBudget::shares(-5, {{512, 1}, {64, 2}}), Caps({1, 1}));
 }
 
 }  // namespace

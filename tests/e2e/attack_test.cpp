@@ -1,5 +1,6 @@
 // What an operator's worst client (or tool) can do, each attack against the
-// packaged configuration with only the port, folders and tool redirected:
+// packaged configuration with the agent-check and metrics ports open and
+// only the ports, folders and tool redirected:
 // the probe survives with its subscriptions, answers a get, gives its
 // descriptors back and keeps its logs small. (On the sample configuration
 // the first kills the probe with SIGPIPE, the second freezes it in the
@@ -51,6 +52,7 @@ std::string Create(const std::string& port, const std::string& id) {
 }
 
 const std::string kVictim = "precious\n";  // a file planted links point at
+int agentPort, metricsPort;  // of the probe under attack
 
 const struct Attack {
   const char* name;
@@ -121,6 +123,31 @@ const struct Attack {
        ProbeRunner::WriteFile(p.dir() + "/victim", kVictim);
        fs::create_symlink(p.dir() + "/victim", p.PidFilePath());
      }},
+    // 600 connections held on each reply port at 1,024 descriptors, with a lifetime
+    // that lets none go: each port waits at its share of the one budget, the
+    // reserve keeps the tool restarting, and each connection is let go a grace
+    // after its answer while its client still holds it.
+    {"connections held on both reply ports", kSample + "sleep 1\n", 1024, 10, [](ProbeRunner& p) {
+       const int idle = Sockets(p.pid());
+       const std::vector<int> before = p.Children();
+       std::vector<int> held;
+       for (int i = 0; i < 600; ++i) {
+         held.push_back(Connect(agentPort)), held.push_back(Connect(metricsPort));
+         (void)!write(held.back(), "GET /metrics HTTP/1.0\r\n\r\n", 25);
+       }
+       for (int i = 0; i < 20; ++i, std::this_thread::sleep_for(100ms)) {
+         EXPECT_EQ(Hosts(p.port()), 10);
+         EXPECT_LT(ReadProcSample(p.pid()).openDescriptors, 1024 - 16);  // the reserve, less files opened later
+       }
+       EXPECT_TRUE(SendRequest(agentPort, "\n").ends_with("\n"));
+       EXPECT_TRUE(Eventually([&] {  // the tool restarted; the probe holds none of them
+         const std::vector<int> now = p.Children();
+         return !now.empty() && now != before && Sockets(p.pid()) == idle;
+       }));
+       char c;  // every one answered
+       EXPECT_EQ(std::count_if(held.begin(), held.end(), [&](int fd) { return read(fd, &c, 1) != 1; }), 0);
+       for (int fd : held) close(fd);
+     }, [](ProbeRunner& p) { p.Set("requesttimeout", "600"); }},
 };
 
 class AttackTest : public ::testing::TestWithParam<int> {};
@@ -130,6 +157,8 @@ TEST_P(AttackTest, ThePackagedProbeSurvivesWithNothingLost) {
   SCOPED_TRACE(attack.name);
   ProbeRunner probe;
   probe.UsePackaged(), probe.SetTool(attack.tool), probe.LimitFiles(attack.fileLimit);
+  probe.Set("agentcheckport", std::to_string(agentPort = FreePort()));
+  probe.Set("metricsport", std::to_string(metricsPort = FreePort()));
   if (attack.plant) attack.plant(probe);
   probe.Start();
   ASSERT_TRUE(probe.WaitUntilPolling());
@@ -141,7 +170,7 @@ TEST_P(AttackTest, ThePackagedProbeSurvivesWithNothingLost) {
   EXPECT_LT(ReadProcSample(probe.pid()).hwmKiB, kMaxPeakKiB);
   EXPECT_LT(FolderBytes(probe.dir() + "/logs"), 1 << 20);
   EXPECT_EQ(probe.Stop(SIGTERM), 92);
-  EXPECT_EQ(ProbeRunner::ReadFile(probe.dir() + "/victim"), attack.plant ? kVictim : "");
+  EXPECT_EQ(ProbeRunner::ReadFile(probe.dir() + "/victim"), fs::exists(probe.dir() + "/victim") ? kVictim : "");
 }
 
 INSTANTIATE_TEST_SUITE_P(Table, AttackTest, ::testing::Range(0, int(std::size(kAttacks))));
