@@ -44,8 +44,8 @@ TEST(PackageTest, InstallLayoutUnitsAndSystemdVerify) {
       {"root/usr/lib/systemd/system/quelmloadprobe.socket", "\nListenStream=0.0.0.0:3579\n"},
       {unit, "\nReadWritePaths=/var/log/quelmloadprobe /run/quelmloadprobe\n"},
       {rotate, "/var/log/quelmloadprobe/*.log /var/log/quelmloadprobe/*.csl {"},
-      {props, "\n" + kKey + "clientallow=127.0.0.0/8,10.0.0.0/8,172.16.0.0/12,192.168.0.0/16\n"},
-      {props, "\n" + kKey + "subscriberallow=127.0.0.0/8,10.0.0.0/8,172.16.0.0/12,192.168.0.0/16\n"},
+      {props, "\n" + kKey + "clientallow=127.0.0.0/8,10.0.0.0/8,172.16.0.0/12,192.168.0.0/16,::1,fc00::/7\n"},
+      {props, "\n" + kKey + "subscriberallow=127.0.0.0/8,10.0.0.0/8,172.16.0.0/12,192.168.0.0/16,::1,fc00::/7\n"},
       {rotate, "systemctl reload quelmloadprobe.service"},
       {rotate, "kill -HUP \"$(cat /run/quelmloadprobe/quelmloadprobe.pid)\""},
   };
